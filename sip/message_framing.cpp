@@ -1,0 +1,49 @@
+// Cutting whole SIP messages off a stream connection's receive buffer.
+#include "sip/message.h"
+#include "sip/text.h"
+
+namespace kelsip {
+
+std::optional<std::string> extractStreamMessage(std::string& buffer, std::string* error) {
+    // Line breaks between messages are keep-alives (RFC 5626): eat them.
+    size_t skip = 0;
+    while (skip < buffer.size() && (buffer[skip] == '\r' || buffer[skip] == '\n')) ++skip;
+    if (skip > 0) buffer.erase(0, skip);
+    if (buffer.size() < 4) return std::nullopt;
+    const size_t end = buffer.find("\r\n\r\n");
+    if (end == std::string::npos) return std::nullopt;
+
+    const std::string_view head(buffer.data(), end);
+    std::optional<int64_t> length;
+    size_t pos = 0;
+    while (pos <= head.size()) {
+        size_t lf = head.find('\n', pos);
+        if (lf == std::string_view::npos) lf = head.size();
+        const std::string_view line = head.substr(pos, lf - pos);
+        pos = lf + 1;
+        const size_t colon = line.find(':');
+        if (colon == std::string_view::npos) continue;
+        const std::string_view name = text::trim(line.substr(0, colon));
+        // Cheap pre-check before canonicalising: only "l" and "content-length" can match.
+        if (name.size() != 1 && name.size() != 14) continue;
+        if (canonicalHeaderName(name) != "Content-Length") continue;
+        length = parseHeaderInteger(line.substr(colon + 1));
+        if (!length || *length < 0) {
+            if (error != nullptr) *error = "bad Content-Length";
+            return std::nullopt;
+        }
+        break;
+    }
+    if (!length) {
+        if (error != nullptr) *error = "missing Content-Length on stream transport";
+        return std::nullopt;
+    }
+    const size_t headerBytes = end + 4;
+    if (static_cast<uint64_t>(*length) > buffer.size() - headerBytes) return std::nullopt;
+    const size_t total = headerBytes + static_cast<size_t>(*length);
+    std::string message = buffer.substr(0, total);
+    buffer.erase(0, total);
+    return message;
+}
+
+}  // namespace kelsip

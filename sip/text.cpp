@@ -1,0 +1,28 @@
+// Byte-level text helpers shared by the SIP parsers.
+#include "sip/text.h"
+
+namespace kelsip::text {
+
+std::vector<std::string_view> splitTopLevel(std::string_view s, char sep) {
+    std::vector<std::string_view> pieces;
+    forEachTopLevel(s, sep, [&](std::string_view p) { pieces.push_back(p); });
+    return pieces;
+}
+
+size_t findUnquoted(std::string_view s, char c) {
+    bool quoted = false;
+    for (size_t i = 0; i < s.size(); ++i) {
+        const char b = s[i];
+        if (quoted) {
+            if (b == '\\') ++i;
+            else if (b == '"') quoted = false;
+        } else if (b == '"') {
+            quoted = true;
+        } else if (b == c) {
+            return i;
+        }
+    }
+    return std::string_view::npos;
+}
+
+}  // namespace kelsip::text

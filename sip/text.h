@@ -1,0 +1,82 @@
+// Byte-level text helpers shared by the SIP parsers; ASCII only, locale free.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kelsip::text {
+
+constexpr char toLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+constexpr char toUpper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+constexpr bool isAlnum(char c) { return isAlpha(c) || isDigit(c); }
+constexpr bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+
+// RFC 3261 token characters: letters, digits and "-.!%*_+`'~".
+constexpr bool isTokenChar(char c) {
+    if (isAlnum(c)) return true;
+    switch (c) {
+        case '-': case '.': case '!': case '%': case '*': case '_': case '+': case '`': case '\'': case '~':
+            return true;
+        default:
+            return false;
+    }
+}
+
+constexpr std::string_view trim(std::string_view s) {
+    while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
+    while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
+    return s;
+}
+
+constexpr bool iequals(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (toLower(a[i]) != toLower(b[i])) return false;
+    }
+    return true;
+}
+
+inline std::string lower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) c = toLower(c);
+    return out;
+}
+
+// Splits at `sep` outside double quotes (where a backslash escapes the next
+// byte) and outside angle brackets; pieces are trimmed and empty ones dropped.
+std::vector<std::string_view> splitTopLevel(std::string_view s, char sep);
+
+// Calls `piece` for each top-level piece, without collecting them.
+template <typename F>
+void forEachTopLevel(std::string_view s, char sep, F&& piece) {
+    bool quoted = false;
+    int depth = 0;
+    size_t start = 0;
+    for (size_t i = 0; i < s.size(); ++i) {
+        const char c = s[i];
+        if (quoted) {
+            if (c == '\\') ++i;
+            else if (c == '"') quoted = false;
+        } else if (c == '"') {
+            quoted = true;
+        } else if (c == '<') {
+            ++depth;
+        } else if (c == '>') {
+            if (depth > 0) --depth;
+        } else if (c == sep && depth == 0) {
+            if (auto p = trim(s.substr(start, i - start)); !p.empty()) piece(p);
+            start = i + 1;
+        }
+    }
+    if (start <= s.size()) {
+        if (auto p = trim(s.substr(start)); !p.empty()) piece(p);
+    }
+}
+
+// Index of the first `c` outside double quotes, or npos.
+size_t findUnquoted(std::string_view s, char c);
+
+}  // namespace kelsip::text
