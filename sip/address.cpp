@@ -2,6 +2,7 @@
 #include "sip/address.h"
 
 #include "sip/host_port.h"
+#include "sip/syntax_views.h"
 #include "sip/text.h"
 
 namespace kelsip {
@@ -46,24 +47,23 @@ bool takeSlash(std::string_view& s) {
 
 }  // namespace
 
-bool parseHostPort(std::string_view s, std::string& host, uint16_t& port) {
+bool splitHostPort(std::string_view s, std::string_view& host, uint16_t& port) {
     s = trim(s);
     if (s.empty()) return false;
-    std::string_view h;
     std::string_view rest;
     if (s.front() == '[') {
         const size_t close = s.find(']');
         if (close == std::string_view::npos || close == 1) return false;
-        h = s.substr(0, close + 1);
+        host = s.substr(0, close + 1);
         rest = s.substr(close + 1);
         if (!rest.empty() && rest.front() != ':') return false;
     } else {
         const size_t colon = s.find(':');
-        h = s.substr(0, colon);
+        host = s.substr(0, colon);
         if (colon != std::string_view::npos) rest = s.substr(colon);
     }
-    if (h.empty()) return false;
-    for (const char c : h) {
+    if (host.empty()) return false;
+    for (const char c : host) {
         if (isForbiddenHostByte(c)) return false;
     }
     uint32_t value = 0;
@@ -76,40 +76,46 @@ bool parseHostPort(std::string_view s, std::string& host, uint16_t& port) {
         }
         if (value < 1 || value > 65535) return false;
     }
-    host.assign(h);
     port = static_cast<uint16_t>(value);
     return true;
 }
 
-std::optional<NameAddr> NameAddr::parse(std::string_view s) {
+bool splitNameAddr(std::string_view s, NameAddrView& out) {
+    out = NameAddrView{};
     s = trim(s);
-    NameAddr na;
     if (s == "*") {
-        na.wildcard = true;
-        return na;
+        out.wildcard = true;
+        return true;
     }
     std::string_view uriText;
-    std::string_view paramText;
     if (const size_t lt = text::findUnquoted(s, '<'); lt != std::string_view::npos) {
         const size_t gt = s.find('>', lt + 1);
-        if (gt == std::string_view::npos) return std::nullopt;
-        na.displayName = unquote(trim(s.substr(0, lt)));
+        if (gt == std::string_view::npos) return false;
+        out.display = trim(s.substr(0, lt));
         uriText = s.substr(lt + 1, gt - lt - 1);
         const std::string_view after = trim(s.substr(gt + 1));
         if (!after.empty()) {
-            if (after.front() != ';') return std::nullopt;
-            paramText = after.substr(1);
+            if (after.front() != ';') return false;
+            out.params = after.substr(1);
         }
     } else {
         // Without angle brackets every ";" parameter belongs to the header.
         const size_t semi = s.find(';');
         uriText = s.substr(0, semi);
-        if (semi != std::string_view::npos) paramText = s.substr(semi + 1);
+        if (semi != std::string_view::npos) out.params = s.substr(semi + 1);
     }
-    auto uri = SipUri::parse(uriText);
-    if (!uri) return std::nullopt;
-    na.uri = std::move(*uri);
-    na.params = parseParams(paramText);
+    return splitUri(uriText, out.uri);
+}
+
+std::optional<NameAddr> NameAddr::parse(std::string_view s) {
+    NameAddrView v;
+    if (!splitNameAddr(s, v)) return std::nullopt;
+    NameAddr na;
+    na.wildcard = v.wildcard;
+    if (v.wildcard) return na;
+    na.displayName = unquote(v.display);
+    na.uri = SipUri::fromView(v.uri);
+    na.params = parseParams(v.params);
     return na;
 }
 
@@ -132,30 +138,40 @@ std::string NameAddr::toString() const {
     return out;
 }
 
-std::optional<Via> Via::parse(std::string_view s) {
+bool splitVia(std::string_view s, ViaView& out) {
+    out = ViaView{};
     s = trim(s);
     // A trailing comment, "(...)", carries nothing for the stack.
     if (!s.empty() && s.back() == ')') {
         const size_t open = s.rfind('(');
-        if (open == std::string_view::npos) return std::nullopt;
+        if (open == std::string_view::npos) return false;
         s = trim(s.substr(0, open));
     }
-    Via via;
-    const std::string_view protocol = takeToken(s);
-    if (protocol.empty() || !takeSlash(s)) return std::nullopt;
-    const std::string_view version = takeToken(s);
-    if (version.empty() || !takeSlash(s)) return std::nullopt;
-    const std::string_view transport = takeToken(s);
-    if (transport.empty() || !text::iequals(protocol, "SIP") || version != "2.0") return std::nullopt;
+    out.protocol = takeToken(s);
+    if (out.protocol.empty() || !takeSlash(s)) return false;
+    out.version = takeToken(s);
+    if (out.version.empty() || !takeSlash(s)) return false;
+    out.transport = takeToken(s);
+    if (out.transport.empty() || !text::iequals(out.protocol, "SIP") || out.version != "2.0") return false;
     // The sent-by must be set off from the sent-protocol by white space.
-    if (s.empty() || !text::isSpace(s.front())) return std::nullopt;
-    via.protocol.assign(protocol);
-    via.version.assign(version);
-    via.transport.assign(transport);
-    for (char& c : via.transport) c = text::toUpper(c);  // transport names compare without case
+    if (s.empty() || !text::isSpace(s.front())) return false;
     const size_t semi = s.find(';');
-    if (!parseHostPort(s.substr(0, semi), via.host, via.port)) return std::nullopt;
-    if (semi != std::string_view::npos) via.params = parseParams(s.substr(semi + 1));
+    if (!splitHostPort(s.substr(0, semi), out.host, out.port)) return false;
+    if (semi != std::string_view::npos) out.params = s.substr(semi + 1);
+    return true;
+}
+
+std::optional<Via> Via::parse(std::string_view s) {
+    ViaView v;
+    if (!splitVia(s, v)) return std::nullopt;
+    Via via;
+    via.protocol.assign(v.protocol);
+    via.version.assign(v.version);
+    via.transport.assign(v.transport);
+    for (char& c : via.transport) c = text::toUpper(c);  // transport names compare without case
+    via.host.assign(v.host);
+    via.port = v.port;
+    via.params = parseParams(v.params);
     return via;
 }
 

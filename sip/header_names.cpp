@@ -32,28 +32,33 @@ constexpr std::array<Spelling, 6> kIrregular{{
     {"rseq", "RSeq"},
 }};
 
-// "reply-to" is in the list on purpose: a Reply-To carries name-addrs.
-constexpr std::array<std::string_view, 22> kCommaLists{
-    "via",           "contact",          "route",          "record-route", "allow",      "supported",
-    "require",       "proxy-require",    "unsupported",    "accept",       "accept-encoding",
-    "accept-language", "allow-events",   "content-encoding", "in-reply-to", "path",      "service-route",
-    "content-language", "alert-info",    "call-info",      "error-info",   "reply-to",
-};
+}  // namespace
+
+namespace {
+
+std::string_view compactSpelling(char c) {
+    for (const Spelling& s : kCompactForms) {
+        if (s.lower.front() == c) return s.canonical;
+    }
+    return {};
+}
+
+std::string_view irregularSpelling(std::string_view name) {
+    // Every irregular name is 4, 7, 12 or 16 bytes long; skip the rest cheaply.
+    if (name.size() != 4 && name.size() != 7 && name.size() != 12 && name.size() != 16) return {};
+    for (const Spelling& s : kIrregular) {
+        if (text::iequals(s.lower, name)) return s.canonical;
+    }
+    return {};
+}
 
 }  // namespace
 
 std::string canonicalHeaderName(std::string_view name) {
     name = text::trim(name);
-    if (name.size() == 1) {
-        const char c = text::toLower(name.front());
-        for (const Spelling& s : kCompactForms) {
-            if (s.lower.front() == c) return std::string(s.canonical);
-        }
-    } else {
-        for (const Spelling& s : kIrregular) {
-            if (text::iequals(s.lower, name)) return std::string(s.canonical);
-        }
-    }
+    const std::string_view table =
+        name.size() == 1 ? compactSpelling(text::toLower(name.front())) : irregularSpelling(name);
+    if (!table.empty()) return std::string(table);
     std::string out(name);
     bool wordStart = true;
     for (char& c : out) {
@@ -63,11 +68,26 @@ std::string canonicalHeaderName(std::string_view name) {
     return out;
 }
 
-bool isCommaListHeader(std::string_view canonicalName) {
-    for (std::string_view n : kCommaLists) {
-        if (text::iequals(n, canonicalName)) return true;
+// The 22 list-valued headers, picked by length first because this runs for
+// every received header. "Reply-To" is in the set on purpose: it carries
+// name-addrs.
+bool isCommaListHeader(std::string_view n) {
+    switch (n.size()) {
+        case 3: return n == "Via";
+        case 4: return n == "Path";
+        case 5: return n == "Allow" || n == "Route";
+        case 6: return n == "Accept";
+        case 7: return n == "Contact" || n == "Require";
+        case 8: return n == "Reply-To";
+        case 9: return n == "Supported" || n == "Call-Info";
+        case 10: return n == "Alert-Info" || n == "Error-Info";
+        case 11: return n == "Unsupported" || n == "In-Reply-To";
+        case 12: return n == "Record-Route" || n == "Allow-Events";
+        case 13: return n == "Proxy-Require" || n == "Service-Route";
+        case 15: return n == "Accept-Encoding" || n == "Accept-Language";
+        case 16: return n == "Content-Encoding" || n == "Content-Language";
+        default: return false;
     }
-    return false;
 }
 
 }  // namespace kelsip

@@ -6,7 +6,7 @@
 
 namespace kelsip {
 
-// True for a canonical header name whose value is split at top-level commas
+// True for a header name in canonical spelling whose value is split at top-level commas
 // into one pair per element.
 [[nodiscard]] bool isCommaListHeader(std::string_view canonicalName);
 

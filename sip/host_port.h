@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 namespace kelsip {
@@ -11,6 +10,6 @@ namespace kelsip {
 // a port must be 1 to 65535; an absent port leaves 0. Only the brackets and
 // the forbidden bytes (white space, '"', '<', '>', '@') are checked, not the
 // address itself: resolving the host is what proves it.
-[[nodiscard]] bool parseHostPort(std::string_view text, std::string& host, uint16_t& port);
+[[nodiscard]] bool splitHostPort(std::string_view text, std::string_view& host, uint16_t& port);
 
 }  // namespace kelsip

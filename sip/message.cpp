@@ -33,12 +33,16 @@ std::optional<int64_t> parseHeaderInteger(std::string_view s) {
 }
 
 void SipMessage::appendCanonical(std::string name, std::string_view value) {
-    headers_.push_back(HeaderField{std::move(name), std::string(text::trim(value))});
+    const std::string_view trimmed = text::trim(value);
+    HeaderField& h = headers_.emplace_back();
+    h.name = std::move(name);
+    h.value.assign(trimmed.data(), trimmed.size());
 }
 
+// Stored names are canonical, so a canonical name is found byte for byte.
 const HeaderField* SipMessage::find(std::string_view canonical) const {
     for (const HeaderField& h : headers_) {
-        if (text::iequals(h.name, canonical)) return &h;
+        if (h.name == canonical) return &h;
     }
     return nullptr;
 }
@@ -47,7 +51,7 @@ std::vector<std::string> SipMessage::headers(std::string_view name) const {
     const std::string canonical = canonicalHeaderName(name);
     std::vector<std::string> values;
     for (const HeaderField& h : headers_) {
-        if (text::iequals(h.name, canonical)) values.push_back(h.value);
+        if (h.name == canonical) values.push_back(h.value);
     }
     return values;
 }
@@ -65,7 +69,7 @@ void SipMessage::addHeader(std::string_view name, std::string_view value) {
 
 void SipMessage::removeHeader(std::string_view name) {
     const std::string canonical = canonicalHeaderName(name);
-    std::erase_if(headers_, [&](const HeaderField& h) { return text::iequals(h.name, canonical); });
+    std::erase_if(headers_, [&](const HeaderField& h) { return h.name == canonical; });
 }
 
 void SipMessage::setHeader(std::string_view name, std::string_view value) {

@@ -4,6 +4,7 @@
 #include "sip/address.h"
 #include "sip/header_names.h"
 #include "sip/message.h"
+#include "sip/syntax_views.h"
 #include "sip/text.h"
 
 namespace kelsip {
@@ -41,7 +42,7 @@ public:
         while (skip < input.size() && (input[skip] == '\r' || input[skip] == '\n')) ++skip;
         std::string_view rest = input.substr(skip);
         if (rest.empty()) return fail(error_, "missing start line");
-        m_.headers_.reserve(16);
+        m_.headers_.reserve(32);  // a typical INVITE, list elements counted
 
         bool ended = false;
         const std::string_view start = nextLine(rest, ended);
@@ -152,17 +153,18 @@ private:
 };
 
 std::optional<SipMessage> SipMessage::parse(std::string_view input, std::string* error) {
-    SipMessage m;
-    MessageParser parser(m, error);
-    if (!parser.parse(input)) return std::nullopt;
+    std::optional<SipMessage> m(std::in_place);
+    MessageParser parser(*m, error);
+    if (!parser.parse(input)) m.reset();
     return m;
 }
 
 bool SipMessage::validate(std::string* error) const {
+    // Checked on views: a received message is validated without building
+    // the address objects its reader may never ask for.
     auto isAddress = [](const HeaderField* h) {
-        if (h == nullptr) return false;
-        auto na = NameAddr::parse(h->value);
-        return na.has_value() && !na->wildcard;
+        NameAddrView na;
+        return h != nullptr && splitNameAddr(h->value, na) && !na.wildcard;
     };
     if (!isAddress(find("From"))) return fail(error, "missing/invalid From");
     if (!isAddress(find("To"))) return fail(error, "missing/invalid To");
@@ -171,7 +173,8 @@ bool SipMessage::validate(std::string* error) const {
     const auto seq = cseq();
     if (!seq) return fail(error, "missing/invalid CSeq");
     const HeaderField* via = find("Via");
-    if (via == nullptr || !Via::parse(via->value)) return fail(error, "missing/invalid Via");
+    ViaView topVia;
+    if (via == nullptr || !splitVia(via->value, topVia)) return fail(error, "missing/invalid Via");
     if (isRequest) {
         if (seq->method != method) return fail(error, "CSeq method does not match request method");
         if (const HeaderField* mf = find("Max-Forwards"); mf != nullptr && !parseHeaderInteger(mf->value)) {

@@ -10,6 +10,9 @@ std::vector<std::string_view> splitTopLevel(std::string_view s, char sep) {
 }
 
 size_t findUnquoted(std::string_view s, char c) {
+    // Usually no quote comes before the byte sought.
+    const size_t first = s.find(c);
+    if (first == std::string_view::npos || s.substr(0, first).find('"') == std::string_view::npos) return first;
     bool quoted = false;
     for (size_t i = 0; i < s.size(); ++i) {
         const char b = s[i];

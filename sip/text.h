@@ -12,11 +12,12 @@ constexpr char toUpper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<cha
 constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 constexpr bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 constexpr bool isAlnum(char c) { return isAlpha(c) || isDigit(c); }
-constexpr bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
+// Space, tab, LF, VT, FF and CR.
+constexpr bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-// RFC 3261 token characters: letters, digits and "-.!%*_+`'~".
-constexpr bool isTokenChar(char c) {
-    if (isAlnum(c)) return true;
+namespace detail {
+constexpr bool computeTokenChar(unsigned char c) {
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
     switch (c) {
         case '-': case '.': case '!': case '%': case '*': case '_': case '+': case '`': case '\'': case '~':
             return true;
@@ -24,6 +25,17 @@ constexpr bool isTokenChar(char c) {
             return false;
     }
 }
+struct TokenTable {
+    bool isToken[256] = {};
+    constexpr TokenTable() {
+        for (int c = 0; c < 256; ++c) isToken[c] = computeTokenChar(static_cast<unsigned char>(c));
+    }
+};
+inline constexpr TokenTable kTokenTable{};
+}  // namespace detail
+
+// RFC 3261 token characters: letters, digits and "-.!%*_+`'~".
+constexpr bool isTokenChar(char c) { return detail::kTokenTable.isToken[static_cast<unsigned char>(c)]; }
 
 constexpr std::string_view trim(std::string_view s) {
     while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
@@ -52,11 +64,28 @@ std::vector<std::string_view> splitTopLevel(std::string_view s, char sep);
 // Calls `piece` for each top-level piece, without collecting them.
 template <typename F>
 void forEachTopLevel(std::string_view s, char sep, F&& piece) {
+    // Most values hold no separator at all: one piece, no quote tracking.
+    if (s.find(sep) == std::string_view::npos) {
+        if (auto p = trim(s); !p.empty()) piece(p);
+        return;
+    }
+    // Without quotes or "<" nothing can hide a separator: split at each one.
+    if (s.find('"') == std::string_view::npos && s.find('<') == std::string_view::npos) {
+        size_t start = 0;
+        for (;;) {
+            const size_t end = s.find(sep, start);
+            if (auto p = trim(s.substr(start, end - start)); !p.empty()) piece(p);
+            if (end == std::string_view::npos) return;
+            start = end + 1;
+        }
+    }
     bool quoted = false;
     int depth = 0;
     size_t start = 0;
     for (size_t i = 0; i < s.size(); ++i) {
         const char c = s[i];
+        // Plain bytes are the common case; only four bytes change the state.
+        if (c != sep && c != '"' && c != '<' && c != '>' && c != '\\') continue;
         if (quoted) {
             if (c == '\\') ++i;
             else if (c == '"') quoted = false;

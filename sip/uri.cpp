@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "sip/host_port.h"
+#include "sip/syntax_views.h"
 #include "sip/text.h"
 
 namespace kelsip {
@@ -79,34 +80,32 @@ namespace {
 // that holds one could never be written back; such a URI is refused.
 bool hasAngle(std::string_view s) { return s.find_first_of("<>") != std::string_view::npos; }
 
-bool parseTel(std::string_view rest, SipUri& uri) {
+bool splitTel(std::string_view rest, UriView& uri) {
     const size_t semi = rest.find(';');
-    const std::string_view number = rest.substr(0, semi);
+    uri.user = rest.substr(0, semi);
     // A tel URI without a number names nobody; refuse it rather than dial nothing.
-    if (number.empty() || hasAngle(number)) return false;
-    uri.user.assign(number);
-    if (semi != std::string_view::npos) uri.params = parseParams(rest.substr(semi + 1));
+    if (uri.user.empty() || hasAngle(uri.user)) return false;
+    if (semi != std::string_view::npos) uri.params = rest.substr(semi + 1);
     return true;
 }
 
-bool parseSip(std::string_view rest, SipUri& uri) {
+bool splitSip(std::string_view rest, UriView& uri) {
     if (const size_t q = rest.find('?'); q != std::string_view::npos) {
-        if (hasAngle(rest.substr(q + 1))) return false;
-        uri.headers.assign(rest.substr(q + 1));
+        uri.headers = rest.substr(q + 1);
+        if (hasAngle(uri.headers)) return false;
         rest = rest.substr(0, q);
     }
     if (const size_t at = rest.rfind('@'); at != std::string_view::npos) {
         const std::string_view userinfo = rest.substr(0, at);
         const size_t colon = userinfo.find(':');
-        const std::string_view user = userinfo.substr(0, colon);
-        if (user.empty() || hasAngle(userinfo)) return false;
-        uri.user.assign(user);
-        if (colon != std::string_view::npos) uri.password.assign(userinfo.substr(colon + 1));
+        uri.user = userinfo.substr(0, colon);
+        if (uri.user.empty() || hasAngle(userinfo)) return false;
+        if (colon != std::string_view::npos) uri.password = userinfo.substr(colon + 1);
         rest = rest.substr(at + 1);
     }
     const size_t semi = rest.find(';');
-    if (!parseHostPort(rest.substr(0, semi), uri.host, uri.port)) return false;
-    if (semi != std::string_view::npos) uri.params = parseParams(rest.substr(semi + 1));
+    if (!splitHostPort(rest.substr(0, semi), uri.host, uri.port)) return false;
+    if (semi != std::string_view::npos) uri.params = rest.substr(semi + 1);
     return true;
 }
 
@@ -129,21 +128,43 @@ bool paramsEqual(const SipUri& a, const SipUri& b) {
 
 }  // namespace
 
-std::optional<SipUri> SipUri::parse(std::string_view s) {
-    if (s.empty()) return std::nullopt;
+bool splitUri(std::string_view s, UriView& out) {
+    out = UriView{};
     const size_t colon = s.find(':');
-    if (colon == std::string_view::npos || colon == 0) return std::nullopt;
-    SipUri uri;
-    uri.scheme = text::lower(s.substr(0, colon));
+    if (colon == std::string_view::npos || colon == 0) return false;
+    out.schemeText = s.substr(0, colon);
     const std::string_view rest = s.substr(colon + 1);
-    bool ok = false;
-    if (uri.scheme == "tel") {
-        ok = parseTel(rest, uri);
-    } else if (uri.scheme == "sip" || uri.scheme == "sips") {
-        ok = parseSip(rest, uri);
+    if (iequals(out.schemeText, "sip")) {
+        out.scheme = UriScheme::Sip;
+        return splitSip(rest, out);
     }
-    if (!ok) return std::nullopt;
+    if (iequals(out.schemeText, "sips")) {
+        out.scheme = UriScheme::Sips;
+        return splitSip(rest, out);
+    }
+    if (iequals(out.schemeText, "tel")) {
+        out.scheme = UriScheme::Tel;
+        return splitTel(rest, out);
+    }
+    return false;
+}
+
+SipUri SipUri::fromView(const UriView& v) {
+    SipUri uri;
+    uri.scheme = text::lower(v.schemeText);
+    uri.user.assign(v.user);
+    uri.password.assign(v.password);
+    uri.host.assign(v.host);
+    uri.port = v.port;
+    uri.params = parseParams(v.params);
+    uri.headers.assign(v.headers);
     return uri;
+}
+
+std::optional<SipUri> SipUri::parse(std::string_view s) {
+    UriView v;
+    if (!splitUri(s, v)) return std::nullopt;
+    return fromView(v);
 }
 
 void SipUri::appendTo(std::string& out) const {

@@ -9,6 +9,8 @@
 
 namespace kelsip {
 
+struct UriView;
+
 // One ";name" or ";name=value" parameter of a URI, a name-addr or a Via.
 struct Param {
     std::string name;   // case kept as received
@@ -46,6 +48,7 @@ public:
 
     // Empty when the text is not a sip, sips or tel URI by the stack's rules.
     [[nodiscard]] static std::optional<SipUri> parse(std::string_view text);
+    [[nodiscard]] static SipUri fromView(const UriView& view);
     [[nodiscard]] std::string toString() const;
     void appendTo(std::string& out) const;
 

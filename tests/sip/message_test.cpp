@@ -143,6 +143,26 @@ TEST(SipMessageTest, SplitsListHeadersAndExpandsCompactNames) {
     EXPECT_TRUE(sawCanonicalName);
 }
 
+TEST(SipMessageTest, SplitsExactlyTheListValuedHeaders) {
+    const char* lists[] = {"Via", "contact", "ROUTE", "Record-Route", "Allow", "Supported", "Require",
+                           "Proxy-Require", "Unsupported", "Accept", "Accept-Encoding", "Accept-Language",
+                           "Allow-Events", "Content-Encoding", "In-Reply-To", "Path", "Service-Route",
+                           "Content-Language", "Alert-Info", "Call-Info", "Error-Info", "reply-to", "u", "e"};
+    const char* singles[] = {"Subject", "User-Agent", "Server", "Warning", "Organization", "Date",
+                             "Authorization", "WWW-Authenticate", "Refer-To", "Event", "X-List"};
+    for (const char* name : lists) {
+        const auto m = SipMessage::parse(invite(std::string(name) + ": p, q\r\n"));
+        ASSERT_TRUE(m) << name;
+        const size_t expected = canonicalHeaderName(name) == "Via" ? 3U : 2U;  // the base message has one Via
+        EXPECT_EQ(m->headers(name).size(), expected) << name;
+    }
+    for (const char* name : singles) {
+        const auto m = SipMessage::parse(invite(std::string(name) + ": p, q\r\n"));
+        ASSERT_TRUE(m) << name;
+        EXPECT_EQ(m->headers(name), std::vector<std::string>{"p, q"}) << name;
+    }
+}
+
 TEST(SipMessageTest, UnfoldsContinuationLines) {
     const auto m = SipMessage::parse(invite("Subject: a\r\n   b\r\n\tc\r\nAllow: INVITE,\r\n ACK\r\n"));
     ASSERT_TRUE(m);
