@@ -155,6 +155,9 @@ bool splitVia(std::string_view s, ViaView& out) {
     if (out.transport.empty() || !text::iequals(out.protocol, "SIP") || out.version != "2.0") return false;
     // The sent-by must be set off from the sent-protocol by white space.
     if (s.empty() || !text::isSpace(s.front())) return false;
+    // Parentheses only ever open a comment; anywhere else they could not be
+    // written back without being read as one.
+    if (s.find_first_of("()") != std::string_view::npos) return false;
     const size_t semi = s.find(';');
     if (!splitHostPort(s.substr(0, semi), out.host, out.port)) return false;
     if (semi != std::string_view::npos) out.params = s.substr(semi + 1);

@@ -171,8 +171,15 @@ SipMessage makeResponse(const SipMessage& request, int code, std::string_view re
     if (const HeaderField* to = request.find("To")) {
         std::string value = to->value;
         if (code != 100 && !toTag.empty() && tagOf(to).empty()) {
-            value += ";tag=";
-            value += toTag;
+            auto na = NameAddr::parse(value);
+            if (na && na->param("tag")) {
+                // A ";tag" without a value would shadow the one we add: replace it.
+                na->setParam("tag", toTag);
+                value = na->toString();
+            } else {
+                value += ";tag=";
+                value += toTag;
+            }
         }
         r.appendCanonical(to->name, value);
     }

@@ -21,6 +21,9 @@ std::optional<std::string> extractStreamMessage(std::string& buffer, std::string
         if (lf == std::string_view::npos) lf = head.size();
         const std::string_view line = head.substr(pos, lf - pos);
         pos = lf + 1;
+        // A line led by white space continues the previous header, as the
+        // parser reads it; it never names a header of its own.
+        if (!line.empty() && (line.front() == ' ' || line.front() == '\t')) continue;
         const size_t colon = line.find(':');
         if (colon == std::string_view::npos) continue;
         const std::string_view name = text::trim(line.substr(0, colon));

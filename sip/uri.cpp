@@ -117,8 +117,11 @@ bool paramsEqual(const SipUri& a, const SipUri& b) {
         if (pa == nullptr && pb == nullptr) continue;
         if (pa == nullptr || pb == nullptr || !iequals(pa->value, pb->value)) return false;
     }
-    // Any other parameter matters only when both sides carry it.
+    // Any other parameter matters only when both sides carry it. A repeated
+    // name is compared by its first occurrence on both sides, as every
+    // lookup reads it.
     for (const Param& pa : a.params) {
+        if (findParam(a.params, pa.name) != &pa) continue;
         if (const Param* pb = findParam(b.params, pa.name); pb != nullptr && !iequals(pa.value, pb->value)) {
             return false;
         }

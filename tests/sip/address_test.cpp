@@ -129,6 +129,8 @@ TEST(ViaTest, RefusesBrokenSentProtocolOrSentBy) {
         "SIP/2.0/UDP [::1",
         "SIP/2.0/UDP ;branch=z9hG4bK1",
         "SIP/2.0/UDP h)",
+        "SIP/2.0/UDP h;a=x) (c)",      // a parenthesis outside the trailing comment
+        "SIP/2.0/UDP h(x);branch=z9hG4bK1",
         "SIP//UDP h",
         "",
     };

@@ -62,6 +62,8 @@ TEST(StreamFramingTest, ReportsFramingFaults) {
         {withBody("Content-Length:\r\n", ""), "bad Content-Length"},
         // The first Content-Length line decides.
         {withBody("Content-Length: x\r\nContent-Length: 0\r\n", ""), "bad Content-Length"},
+        // A continuation line belongs to the header before it, as the parser reads it.
+        {withBody("Subject: x\r\n l: 0\r\n", ""), "missing Content-Length on stream transport"},
     };
     for (const auto& c : cases) {
         std::string buffer = c.buffer;

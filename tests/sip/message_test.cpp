@@ -347,9 +347,11 @@ TEST_F(MakeResponseTest, TagsAndRouteSetsDependOnTheCode) {
     EXPECT_TRUE(makeResponse(request, 300, "", "tt").recordRoutes().empty());
     EXPECT_EQ(makeResponse(request, 603, "Not Today", "").reason, "Not Today");
 
-    // An existing To tag is never replaced.
+    // An existing To tag is never replaced; a tag without a value is.
     request.setHeader("To", "sip:bob@h;tag=old");
     EXPECT_EQ(makeResponse(request, 200, "", "new").header("To"), "sip:bob@h;tag=old");
+    request.setHeader("To", "<sip:bob@h>;tag;x=1");
+    EXPECT_EQ(makeResponse(request, 200, "", "new").header("To"), "<sip:bob@h>;tag=new;x=1");
 }
 
 }  // namespace

@@ -124,6 +124,8 @@ TEST(SipUriTest, ComparesByRfc3261Rules) {
         {"sip:h", "sips:h", false},
         {"sip:h?Subject=x", "sip:h", true},
         {"sip:%61lice@h", "sip:alice@h", false},  // user parts compare byte for byte
+        {"sip:h;x=1;X=2", "sip:h;x=1;X=2", true},  // a repeated name: the first occurrence counts
+        {"sip:h;x=1;x=2", "sip:h;x=1", true},
     };
     for (const auto& c : cases) {
         const auto a = SipUri::parse(c.a);
