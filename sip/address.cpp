@@ -104,6 +104,9 @@ bool splitNameAddr(std::string_view s, NameAddrView& out) {
         uriText = s.substr(0, semi);
         if (semi != std::string_view::npos) out.params = s.substr(semi + 1);
     }
+    // An open quote or "<" in the parameters would swallow whatever is
+    // appended after them, such as the tag of a response.
+    if (!text::isBalanced(out.params)) return false;
     return splitUri(uriText, out.uri);
 }
 

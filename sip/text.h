@@ -105,6 +105,10 @@ void forEachTopLevel(std::string_view s, char sep, F&& piece) {
     }
 }
 
+// True when every double quote is closed and every "<" outside quotes is
+// matched by a ">": a separator appended after such text stays visible.
+bool isBalanced(std::string_view s);
+
 // Index of the first `c` outside double quotes, or npos.
 size_t findUnquoted(std::string_view s, char c);
 

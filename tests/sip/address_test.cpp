@@ -56,6 +56,8 @@ TEST(NameAddrTest, RefusesBrokenForms) {
         "< sip:h >",                  // white space inside the brackets
         "",
         "<>",
+        "<sip:h>;x=\"a",              // an open quote in the parameters
+        "<sip:h>;x=<a",               // an open "<" in the parameters
     };
     for (const char* c : cases) EXPECT_FALSE(NameAddr::parse(c)) << c;
 }
