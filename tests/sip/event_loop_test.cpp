@@ -1,0 +1,173 @@
+// The event loop: ordering of tasks and timers, cancel, invoke, stop/start,
+// both in virtual time and on the real loop thread.
+#include "sip/event_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "support/wait.h"
+
+namespace kelsip {
+namespace {
+
+using namespace std::chrono_literals;
+
+class VirtualLoopTest : public ::testing::Test {
+protected:
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    EventLoop loop{clock};
+    std::vector<std::string> ran;
+
+    EventLoop::Task note(std::string what) {
+        return [this, what] { ran.push_back(what + "@" + std::to_string(clock->nowNs() / 1'000'000)); };
+    }
+};
+
+TEST_F(VirtualLoopTest, TimersRunAtTheirDueTimeInDueThenIdOrder) {
+    loop.schedule(30, note("c"));
+    loop.schedule(10, note("a1"));
+    loop.schedule(10, note("a2"));  // same instant: scheduled later, runs later
+    loop.schedule(20, note("b"));
+    loop.schedule(-5, note("now"));  // a negative delay is due at once
+    advanceVirtualTime(loop, *clock, 9ms);
+    EXPECT_EQ(ran, (std::vector<std::string>{"now@0"}));
+    advanceVirtualTime(loop, *clock, 100ms);
+    EXPECT_EQ(ran, (std::vector<std::string>{"now@0", "a1@10", "a2@10", "b@20", "c@30"}));
+    EXPECT_EQ(loop.pendingTimers(), 0U);
+}
+
+TEST_F(VirtualLoopTest, QueuedTasksRunBeforeAnOverdueTimer) {
+    loop.schedule(0, note("timer"));
+    loop.post(note("task1"));
+    loop.post([this] {
+        ran.push_back("task2");
+        loop.post(note("task3"));  // queued during a task: still before the timer
+    });
+    clock->advance(50ms);
+    EXPECT_EQ(loop.runDue(), 4U);
+    EXPECT_EQ(ran, (std::vector<std::string>{"task1@50", "task2", "task3@50", "timer@50"}));
+}
+
+TEST_F(VirtualLoopTest, CancelForgetsPendingTimersAndIgnoresOthers) {
+    const auto a = loop.schedule(10, note("a"));
+    const auto b = loop.schedule(10, note("b"));
+    const auto c = loop.schedule(20, note("c"));
+    loop.cancel(b);
+    loop.cancel(b);          // twice
+    loop.cancel(999999);     // never issued
+    advanceVirtualTime(loop, *clock, 10ms);
+    loop.cancel(a);          // already ran
+    EXPECT_EQ(ran, (std::vector<std::string>{"a@10"}));
+    // A timer can cancel another that is due at the same instant.
+    loop.schedule(5, [&] { loop.cancel(c); });
+    advanceVirtualTime(loop, *clock, 50ms);
+    EXPECT_EQ(ran, (std::vector<std::string>{"a@10"}));
+    EXPECT_NE(a, b);
+    EXPECT_LT(b, c);  // ids grow and are never reused
+}
+
+TEST_F(VirtualLoopTest, TimersScheduledFromTimersKeepTheSchedule) {
+    // A retransmission-like schedule: each run schedules the next with a doubled delay.
+    int64_t delay = 500;
+    std::function<void()> resend = [&] {
+        ran.push_back(std::to_string(clock->nowNs() / 1'000'000));
+        delay = std::min<int64_t>(delay * 2, 4000);
+        loop.schedule(delay, resend);
+    };
+    loop.schedule(500, resend);
+    advanceVirtualTime(loop, *clock, 16000ms);
+    EXPECT_EQ(ran, (std::vector<std::string>{"500", "1500", "3500", "7500", "11500", "15500"}));
+}
+
+TEST_F(VirtualLoopTest, InvokeRunsDirectlyWhenDrivenWithoutAThread) {
+    EXPECT_EQ(loop.invoke([] { return 42; }), 42);
+    EXPECT_THROW(loop.invoke([]() -> int { throw std::runtime_error("x"); }), std::runtime_error);
+}
+
+TEST(EventLoopThreadTest, InvokeRunsOnTheLoopThreadAndCarriesResultsAndExceptions) {
+    EventLoop loop;
+    loop.start();
+    const auto caller = std::this_thread::get_id();
+    const auto where = loop.invoke([&] { return std::this_thread::get_id(); });
+    EXPECT_NE(where, caller);
+    EXPECT_EQ(loop.invoke([&] { return loop.isLoopThread(); }), true);
+    EXPECT_FALSE(loop.isLoopThread());
+    // invoke from the loop thread itself must not wait on its own future.
+    EXPECT_EQ(loop.invoke([&] { return loop.invoke([] { return 7; }); }), 7);
+    EXPECT_THROW(loop.invoke([]() -> int { throw std::logic_error("bad"); }), std::logic_error);
+    // The loop survives a task whose exception went back through invoke.
+    EXPECT_EQ(loop.invoke([] { return std::string("alive"); }), "alive");
+    loop.stop();
+}
+
+TEST(EventLoopThreadTest, RealTimersFireWithoutPolling) {
+    EventLoop loop;
+    loop.start();
+    std::atomic<int> fired{0};
+    loop.schedule(20, [&] { fired = 2; });
+    loop.schedule(1, [&] { fired = fired == 0 ? 1 : -1; });
+    EXPECT_TRUE(test::waitFor([&] { return fired.load() == 2; }, 5s));
+    loop.stop();
+}
+
+TEST(EventLoopThreadTest, StopFromATaskReturnsAndTheThreadEnds) {
+    EventLoop loop;
+    std::atomic<bool> after{false};
+    std::atomic<bool> nextRan{false};
+    loop.post([&] {
+        loop.stop();  // on the loop thread: no join, no deadlock
+        after = true;
+    });
+    loop.post([&] { nextRan = true; });
+    loop.start();
+    EXPECT_TRUE(test::waitFor([&] { return after.load() && !loop.isRunning(); }, 5s));
+    EXPECT_FALSE(nextRan.load());
+    EXPECT_EQ(loop.pendingTasks(), 0U);
+    // The loop can start again and runs new work.
+    loop.start();
+    EXPECT_EQ(loop.invoke([] { return 1; }), 1);
+    loop.stop();
+}
+
+TEST(EventLoopThreadTest, StopDiscardsQueuedWorkAndALaterStartDoesNotRunIt) {
+    EventLoop loop;
+    std::atomic<int> ran{0};
+    loop.post([&] { ++ran; });  // queued while stopped: runs after start
+    loop.start();
+    EXPECT_TRUE(test::waitFor([&] { return ran.load() == 1; }, 5s));
+    std::atomic<bool> stopped{false};
+    loop.post([&] {
+        loop.post([&] { ++ran; });
+        loop.schedule(0, [&] { ++ran; });
+        loop.schedule(60'000, [&] { ++ran; });
+        loop.stop();
+        stopped = true;
+    });
+    EXPECT_TRUE(test::waitFor([&] { return stopped.load() && !loop.isRunning(); }, 5s));
+    EXPECT_EQ(loop.pendingTasks(), 0U);
+    EXPECT_EQ(loop.pendingTimers(), 0U);
+    loop.start();
+    EXPECT_EQ(loop.invoke([&] { return ran.load(); }), 1);
+    loop.stop();
+}
+
+TEST(EventLoopThreadTest, ManyThreadsPostConcurrently) {
+    EventLoop loop;
+    loop.start();
+    std::atomic<int> count{0};
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 4; ++t) {
+        posters.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) loop.post([&] { ++count; });
+        });
+    }
+    for (auto& p : posters) p.join();
+    EXPECT_TRUE(test::waitFor([&] { return count.load() == 4000; }, 10s));
+    loop.stop();
+}
+
+}  // namespace
+}  // namespace kelsip
