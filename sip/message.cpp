@@ -77,6 +77,18 @@ void SipMessage::setHeader(std::string_view name, std::string_view value) {
     addHeader(name, value);
 }
 
+bool SipMessage::replaceHeader(std::string_view name, size_t index, std::string_view value) {
+    const std::string canonical = canonicalHeaderName(name);
+    for (HeaderField& h : headers_) {
+        if (h.name != canonical) continue;
+        if (index-- == 0) {
+            h.value.assign(text::trim(value));
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string SipMessage::callId() const {
     const HeaderField* h = find("Call-ID");
     return h != nullptr ? h->value : std::string();

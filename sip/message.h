@@ -53,6 +53,9 @@ public:
     void addHeader(std::string_view name, std::string_view value);
     void removeHeader(std::string_view name);
     void setHeader(std::string_view name, std::string_view value);
+    // Replaces the value of the `index`-th pair of that name where it stands;
+    // false when there is no such pair.
+    bool replaceHeader(std::string_view name, size_t index, std::string_view value);
 
     // Typed accessors.
     [[nodiscard]] std::string callId() const;

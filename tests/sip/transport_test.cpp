@@ -1,0 +1,304 @@
+// UDP and TCP transports on loopback: receiving, dropping bad input, Via
+// annotation, connection reuse and lifetime, large messages.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "sip/address.h"
+#include "sip/stream_transport.h"
+#include "sip/udp_transport.h"
+#include "support/log_capture.h"
+#include "support/wait.h"
+
+namespace kelsip {
+namespace {
+
+using namespace std::chrono_literals;
+using net::SocketAddress;
+
+std::string request(const std::string& via, const std::string& body = "", const std::string& extra = "") {
+    return "OPTIONS sip:bob@127.0.0.1 SIP/2.0\r\nVia: " + via +
+           "\r\nFrom: <sip:alice@h>;tag=1\r\nTo: <sip:bob@h>\r\nCall-ID: c1\r\nCSeq: 1 OPTIONS\r\n" + extra +
+           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// Received messages, collected on the loop thread, read by the test.
+class Inbox {
+public:
+    ReceiveHandler handler() {
+        return [this](SipMessage m, const SipTarget& source) {
+            std::lock_guard lock(mutex_);
+            messages_.push_back({std::move(m), source});
+        };
+    }
+    std::optional<std::pair<SipMessage, SipTarget>> next(std::chrono::milliseconds timeout = 5s) {
+        if (!test::waitFor([&] { return count() > 0; }, timeout)) return std::nullopt;
+        std::lock_guard lock(mutex_);
+        auto m = std::move(messages_.front());
+        messages_.pop_front();
+        return m;
+    }
+    size_t count() const {
+        std::lock_guard lock(mutex_);
+        return messages_.size();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::deque<std::pair<SipMessage, SipTarget>> messages_;
+};
+
+const SocketAddress kLoopback = SocketAddress::loopback(net::AddressFamily::V4);
+
+class TransportTest : public ::testing::Test {
+protected:
+    void SetUp() override { loop.start(); }
+    void TearDown() override { loop.stop(); }
+
+    test::LogCapture logs;
+    EventLoop loop;
+    Inbox inbox;
+};
+
+TEST(ViaAnnotationTest, MarksWhereARequestReallyCameFrom) {
+    const struct {
+        const char* via;
+        const char* source;
+        const char* expected;
+    } cases[] = {
+        {"SIP/2.0/UDP 10.0.0.5;rport;branch=z9hG4bK1", "192.0.2.7:5062",
+         "SIP/2.0/UDP 10.0.0.5;rport=5062;branch=z9hG4bK1;received=192.0.2.7"},
+        {"SIP/2.0/UDP 10.0.0.5;branch=z9hG4bK1;rport", "10.0.0.5:5062", "SIP/2.0/UDP 10.0.0.5;branch=z9hG4bK1;rport=5062"},
+        {"SIP/2.0/UDP 10.0.0.5:5060;branch=z9hG4bK1", "10.0.0.5:5060", "SIP/2.0/UDP 10.0.0.5:5060;branch=z9hG4bK1"},
+        {"SIP/2.0/UDP host.example.com;branch=z9hG4bK1", "192.0.2.1:5060",
+         "SIP/2.0/UDP host.example.com;branch=z9hG4bK1;received=192.0.2.1"},
+        {"SIP/2.0/UDP [2001:db8::1];branch=z9hG4bK1", "[2001:db8::1]:5060", "SIP/2.0/UDP [2001:db8::1];branch=z9hG4bK1"},
+        {"SIP/2.0/UDP h;rport=1234;branch=z9hG4bK1", "192.0.2.1:7", "SIP/2.0/UDP h;rport=1234;branch=z9hG4bK1;received=192.0.2.1"},
+    };
+    for (const auto& c : cases) {
+        auto m = SipMessage::parse(request(c.via));
+        ASSERT_TRUE(m) << c.via;
+        annotateVia(*m, *SocketAddress::parseWithPort(c.source));
+        EXPECT_EQ(m->vias().front(), c.expected) << c.via;
+    }
+    // Responses are never annotated.
+    auto response = SipMessage::parse("SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP 10.0.0.5;rport\r\nFrom: <sip:a@h>\r\n"
+                                      "To: <sip:b@h>\r\nCall-ID: x\r\nCSeq: 1 OPTIONS\r\n\r\n");
+    ASSERT_TRUE(response);
+    EXPECT_FALSE(annotateVia(*response, *SocketAddress::parseWithPort("192.0.2.7:5062")));
+    EXPECT_EQ(viaSentByPort("SIP/2.0/UDP h"), 5060);
+    EXPECT_EQ(viaSentByPort("SIP/2.0/TLS h"), 5061);
+    EXPECT_EQ(viaSentByPort("SIP/2.0/TCP h:5070"), 5070);
+}
+
+TEST_F(TransportTest, UdpDropsGarbageAndKeepsReceiving) {
+    UdpTransport udp(loop, {SocketAddress::loopback(net::AddressFamily::V4), 262144});
+    udp.setReceiveHandler(inbox.handler());
+    ASSERT_TRUE(udp.open(nullptr));
+    const SocketAddress at = udp.localAddress();
+    EXPECT_TRUE(logs.has("UDP transport listening on 127.0.0.1:" + std::to_string(at.port())));
+
+    net::Socket peer = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+    ASSERT_TRUE(peer.bind(kLoopback));
+    const SocketAddress peerAt = *peer.localAddress();
+    const std::string garbage = "\x01\x02 not SIP at all";
+    ASSERT_TRUE(peer.sendTo(garbage.data(), garbage.size(), at).ok());
+    ASSERT_TRUE(peer.sendTo("\r\n\r\n", 4, at).ok());  // a keep-alive: ignored quietly
+    const std::string good = request("SIP/2.0/UDP 10.0.0.5;rport;branch=z9hG4bK7");
+    ASSERT_TRUE(peer.sendTo(good.data(), good.size(), at).ok());
+
+    EXPECT_TRUE(logs.waitForLine("dropping malformed message from " + peerAt.toString()));
+    auto received = inbox.next();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->second, (SipTarget{TransportKind::Udp, peerAt, 0}));
+    EXPECT_EQ(received->first.vias().front(), "SIP/2.0/UDP 10.0.0.5;rport=" + std::to_string(peerAt.port()) +
+                                                  ";branch=z9hG4bK7;received=127.0.0.1");
+    EXPECT_TRUE(logs.has("RECV UDP " + std::to_string(good.size()) + " bytes from " + peerAt.toString()));
+    EXPECT_EQ(inbox.count(), 0U);
+
+    // And the other way.
+    ASSERT_TRUE(udp.send("hello", SipTarget{TransportKind::Udp, peerAt, 0}));
+    EXPECT_TRUE(logs.has("SEND UDP 5 bytes to " + peerAt.toString()));
+    char buf[16];
+    SocketAddress from;
+    net::PollEntry e{peer.native(), true, false};
+    ASSERT_EQ(net::poll({&e, 1}, 5000), 1);
+    const auto r = peer.receiveFrom(buf, sizeof buf, from);
+    ASSERT_TRUE(r.ok());
+    EXPECT_EQ(std::string(buf, r.bytes), "hello");
+    EXPECT_EQ(from, at);
+}
+
+TEST_F(TransportTest, UdpBindFailureIsReported) {
+    UdpTransport first(loop, {kLoopback, 65536});
+    ASSERT_TRUE(first.open(nullptr));
+    UdpTransport second(loop, {first.localAddress(), 65536});
+    std::string error;
+    EXPECT_FALSE(second.open(&error));
+    EXPECT_EQ(error, "cannot bind UDP");
+}
+
+TEST_F(TransportTest, TlsIsNotBuiltIn) {
+    std::string error;
+    EXPECT_EQ(StreamTransport::create(loop, {TransportKind::Tls}, &error), nullptr);
+    EXPECT_EQ(error, "TLS support not compiled in (build with KELSIP_WITH_OPENSSL)");
+}
+
+class StreamTest : public TransportTest {
+protected:
+    std::unique_ptr<StreamTransport> open(StreamTransportConfig config = {}) {
+        config.bindAddress = kLoopback;
+        auto t = StreamTransport::create(loop, config, nullptr);
+        t->setReceiveHandler(inbox.handler());
+        t->setErrorHandler([this](const SipTarget& target) {
+            std::lock_guard lock(mutex);
+            failures.push_back(target);
+        });
+        EXPECT_TRUE(t->open(nullptr));
+        return t;
+    }
+    // A plain TCP peer connected to `at`.
+    net::Socket connectTo(const SocketAddress& at) {
+        net::Socket s = net::Socket::open(net::AddressFamily::V4, net::SocketType::Tcp);
+        EXPECT_EQ(s.connect(at), net::ConnectStatus::Connected);
+        return s;
+    }
+    // Reads from a blocking peer socket until `n` bytes arrived.
+    static std::string readBytes(net::Socket& s, size_t n) {
+        std::string got;
+        char buf[4096];
+        while (got.size() < n) {
+            net::PollEntry e{s.native(), true, false};
+            if (net::poll({&e, 1}, 5000) != 1) break;
+            const auto r = s.receive(buf, sizeof buf);
+            if (!r.ok()) break;
+            got.append(buf, r.bytes);
+        }
+        return got;
+    }
+    static void sendAll(net::Socket& s, const std::string& data) {
+        size_t sent = 0;
+        while (sent < data.size()) {
+            const auto r = s.send(data.data() + sent, data.size() - sent);
+            ASSERT_NE(r.status, net::IoResult::Status::Failed);
+            sent += r.bytes;
+        }
+    }
+
+    std::mutex mutex;
+    std::vector<SipTarget> failures;
+};
+
+TEST_F(StreamTest, FramesMessagesAndDropsOnesWithoutLength) {
+    auto tcp = open();
+    net::Socket peer = connectTo(tcp->localAddress());
+    const SocketAddress peerAt = *peer.localAddress();
+    const std::string noLength =
+        "OPTIONS sip:b@h SIP/2.0\r\nVia: SIP/2.0/TCP h;branch=z9hG4bK1\r\nFrom: <sip:a@h>;tag=1\r\n"
+        "To: <sip:b@h>\r\nCall-ID: x\r\nCSeq: 1 OPTIONS\r\n\r\n";
+    const std::string first = request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK2", "body!");
+    const std::string second = request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK3");
+    // Everything in one write, the second message cut in two.
+    sendAll(peer, "\r\n\r\n" + noLength + first + second.substr(0, 20));
+    EXPECT_TRUE(logs.waitForLine("accepted TCP connection #1 from " + peerAt.toString()));
+    EXPECT_TRUE(logs.waitForLine("dropping malformed stream message from " + peerAt.toString() +
+                                 ": missing Content-Length on stream transport"));
+    auto got = inbox.next();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->first.body, "body!");
+    EXPECT_EQ(got->second, (SipTarget{TransportKind::Tcp, peerAt, 1}));
+    EXPECT_FALSE(inbox.next(100ms));
+    sendAll(peer, second.substr(20));
+    got = inbox.next();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->first.vias().front(), "SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK3");
+
+    // A reply goes back on the same connection.
+    const std::string reply = "SIP/2.0 200 OK\r\n\r\n";
+    ASSERT_TRUE(tcp->send(reply, got->second));
+    EXPECT_EQ(readBytes(peer, reply.size()), reply);
+    EXPECT_EQ(tcp->connectionCount(), 1U);
+}
+
+TEST_F(StreamTest, ReusesOneConnectionPerAddressAndReportsPeerClose) {
+    auto server = open();
+    auto client = open();
+    const SipTarget to{TransportKind::Tcp, server->localAddress(), 0};
+    const std::string a = request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bKa");
+    const std::string b = request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bKb");
+    ASSERT_TRUE(client->send(a, to));
+    ASSERT_TRUE(client->send(b, to));
+    EXPECT_TRUE(logs.has("opening TCP connection #1 to " + to.address.toString()));
+    auto first = inbox.next();
+    auto second = inbox.next();
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(first->second.connection, second->second.connection);  // the same accepted connection
+    EXPECT_EQ(client->connectionCount(), 1U);
+
+    // The server answers on the connection it accepted; the client gets it on #1.
+    ASSERT_TRUE(server->send(request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bKc"), first->second));
+    auto back = inbox.next();
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->second.connection, 1U);
+
+    server->close();
+    EXPECT_TRUE(logs.waitForLine("connection #1 to " + to.address.toString() + " closed"));
+    EXPECT_TRUE(test::waitFor([&] { return client->connectionCount() == 0; }, 5s));
+}
+
+TEST_F(StreamTest, ConnectFailureIsLoggedAndReported) {
+    auto tcp = open();
+    net::Socket probe = net::Socket::open(net::AddressFamily::V4, net::SocketType::Tcp);
+    ASSERT_TRUE(probe.bind(kLoopback));
+    const SocketAddress nobody = *probe.localAddress();
+    probe.close();
+    const SipTarget to{TransportKind::Tcp, nobody, 0};
+    ASSERT_TRUE(tcp->send(request("SIP/2.0/TCP h;branch=z9hG4bK1"), to));
+    EXPECT_TRUE(logs.waitForLine("connection to " + nobody.toString() + " failed"));
+    EXPECT_TRUE(test::waitFor([&] {
+        std::lock_guard lock(mutex);
+        return failures.size() == 1 && failures[0].address == nobody;
+    }, 5s));
+}
+
+TEST_F(StreamTest, ClosesIdleConnections) {
+    StreamTransportConfig config;
+    config.idleTimeoutMs = 300;
+    auto tcp = open(config);
+    net::Socket peer = connectTo(tcp->localAddress());
+    sendAll(peer, request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK1"));
+    ASSERT_TRUE(inbox.next());
+    EXPECT_TRUE(logs.waitForLine("closing idle connection #1"));
+    EXPECT_EQ(readBytes(peer, 1), "");  // the peer sees the close
+    std::lock_guard lock(mutex);
+    EXPECT_TRUE(failures.empty());  // nothing was waiting to be sent
+}
+
+TEST_F(StreamTest, CarriesMessagesAboveSixtyFourKibibytes) {
+    auto tcp = open();
+    net::Socket peer = connectTo(tcp->localAddress());
+    std::string body(100 * 1024, 'x');
+    for (size_t i = 0; i < body.size(); i += 97) body[i] = static_cast<char>('a' + i % 26);
+    sendAll(peer, request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK1", body, "Content-Type: text/plain\r\n"));
+    auto got = inbox.next();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->first.body, body);
+}
+
+TEST_F(StreamTest, ClosesAConnectionWhoseBufferOutgrowsTheLimit) {
+    StreamTransportConfig config;
+    config.maxMessageBytes = 70 * 1024;
+    auto tcp = open(config);
+    net::Socket peer = connectTo(tcp->localAddress());
+    // A header block that never ends.
+    std::string endless = "OPTIONS sip:b@h SIP/2.0\r\n";
+    while (endless.size() < 100 * 1024) endless += "X-Filler: " + std::string(100, 'f') + "\r\n";
+    sendAll(peer, endless);
+    EXPECT_TRUE(logs.waitForLine("message too large on #1, closing"));
+    EXPECT_EQ(inbox.count(), 0U);
+}
+
+}  // namespace
+}  // namespace kelsip
