@@ -1,0 +1,196 @@
+// Answers from responses (CNAME chains, rcodes, lifetimes after RFC 2308)
+// and the cache that keeps them, in virtual time.
+#include "sip/dns/dns_cache.h"
+
+#include <gtest/gtest.h>
+
+#include "sip/dns/dns_answer.h"
+
+namespace kelsip::dns {
+namespace {
+
+constexpr int64_t kSecond = 1'000'000'000;
+
+ResourceRecord addressRecord(const std::string& name, uint8_t last, uint32_t ttl) {
+    ResourceRecord rr;
+    rr.name = name;
+    rr.type = RecordType::A;
+    rr.ttl = ttl;
+    rr.data = net::SocketAddress::v4({10, 0, 0, last}, 0);
+    return rr;
+}
+
+ResourceRecord cnameRecord(const std::string& name, const std::string& target, uint32_t ttl) {
+    ResourceRecord rr;
+    rr.name = name;
+    rr.type = RecordType::CNAME;
+    rr.ttl = ttl;
+    rr.data = target;
+    return rr;
+}
+
+ResourceRecord soaRecord(uint32_t ttl, uint32_t minimum) {
+    ResourceRecord rr;
+    rr.name = "test";
+    rr.type = RecordType::SOA;
+    rr.ttl = ttl;
+    SoaData soa;
+    soa.minimum = minimum;
+    rr.data = soa;
+    return rr;
+}
+
+Message response(Rcode rcode, std::vector<ResourceRecord> answers, std::vector<ResourceRecord> authority = {}) {
+    Message m;
+    m.header.isResponse = true;
+    m.header.rcode = rcode;
+    m.answers = std::move(answers);
+    m.authority = std::move(authority);
+    return m;
+}
+
+std::vector<uint8_t> lastBytes(const DnsAnswer& a) {
+    std::vector<uint8_t> out;
+    for (const ResourceRecord& rr : a.records) {
+        if (const net::SocketAddress* address = rr.address()) out.push_back(address->bytes()[3]);
+    }
+    return out;
+}
+
+TEST(DnsAnswerTest, FollowsTheCnameChainToTheRecordsAsked) {
+    const Message m = response(Rcode::NoError, {
+                                                   addressRecord("other.test", 9, 60),
+                                                   cnameRecord("www.test", "mid.test", 300),
+                                                   cnameRecord("MID.test.", "host.test", 100),
+                                                   addressRecord("host.test", 1, 200),
+                                                   addressRecord("Host.Test", 2, 150),
+                                               });
+    const DnsAnswer a = answerFromResponse(m, "www.test", RecordType::A);
+    EXPECT_EQ(a.status, DnsStatus::Ok);
+    EXPECT_EQ(lastBytes(a), (std::vector<uint8_t>{1, 2}));
+    EXPECT_EQ(a.ttlSeconds, 100U) << "the chain lives as long as its shortest link";
+
+    // Asking for the alias itself gives the CNAME, not what it leads to.
+    const DnsAnswer alias = answerFromResponse(m, "www.test", RecordType::CNAME);
+    ASSERT_EQ(alias.records.size(), 1U);
+    EXPECT_EQ(alias.records[0].target() ? *alias.records[0].target() : "", "mid.test");
+}
+
+TEST(DnsAnswerTest, CnameLoopEndsWithNoRecords) {
+    const Message m = response(Rcode::NoError, {cnameRecord("a.test", "b.test", 60), cnameRecord("b.test", "a.test", 60)});
+    const DnsAnswer a = answerFromResponse(m, "a.test", RecordType::A);
+    EXPECT_EQ(a.status, DnsStatus::Ok);
+    EXPECT_TRUE(a.records.empty());
+}
+
+TEST(DnsAnswerTest, StatusAndLifetimeFollowTheRcodeAndTheSoa) {
+    CacheLimits limits;
+    limits.maxTtl = std::chrono::seconds(3600);
+    limits.negativeTtl = std::chrono::seconds(30);
+    limits.maxNegativeTtl = std::chrono::seconds(300);
+    struct Case {
+        const char* what;
+        Message message;
+        DnsStatus status;
+        const char* error;
+        uint32_t ttl;
+    } cases[] = {
+        {"records", response(Rcode::NoError, {addressRecord("h.test", 1, 90)}), DnsStatus::Ok, "", 90},
+        {"TTL above the cap", response(Rcode::NoError, {addressRecord("h.test", 1, 86400)}), DnsStatus::Ok, "", 3600},
+        {"TTL zero", response(Rcode::NoError, {addressRecord("h.test", 1, 0)}), DnsStatus::Ok, "", 0},
+        {"no data, no SOA", response(Rcode::NoError, {}), DnsStatus::Ok, "", 30},
+        {"no such name, no SOA", response(Rcode::NameError, {}), DnsStatus::NoSuchName, "", 30},
+        // RFC 2308: the smaller of the SOA's TTL and its minimum field.
+        {"no such name, SOA minimum smaller", response(Rcode::NameError, {}, {soaRecord(600, 10)}),
+         DnsStatus::NoSuchName, "", 10},
+        {"no data, SOA TTL smaller", response(Rcode::NoError, {}, {soaRecord(20, 900)}), DnsStatus::Ok, "", 20},
+        {"negative lifetime capped", response(Rcode::NameError, {}, {soaRecord(86400, 86400)}),
+         DnsStatus::NoSuchName, "", 300},
+        {"records only under another name", response(Rcode::NoError, {addressRecord("x.test", 1, 90)}),
+         DnsStatus::Ok, "", 30},
+        {"server failure", response(Rcode::ServerFailure, {}), DnsStatus::Failed, "server failure", 0},
+        {"refused", response(Rcode::Refused, {}), DnsStatus::Failed, "refused", 0},
+        {"format error", response(Rcode::FormatError, {}), DnsStatus::Failed, "bad response", 0},
+        {"unknown rcode", response(static_cast<Rcode>(9), {}), DnsStatus::Failed, "bad response", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const DnsAnswer a = answerFromResponse(c.message, "h.test", RecordType::A, limits);
+        EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(a.error, c.error);
+        EXPECT_EQ(a.ttlSeconds, c.ttl);
+    }
+}
+
+DnsAnswer okAnswer(uint8_t last, uint32_t ttl) {
+    DnsAnswer a;
+    a.status = DnsStatus::Ok;
+    a.records.push_back(addressRecord("h.test", last, ttl));
+    a.ttlSeconds = ttl;
+    return a;
+}
+
+TEST(DnsCacheTest, KeepsAnAnswerForExactlyItsLifetime) {
+    DnsCache cache;
+    const int64_t start = 1000 * kSecond;
+    cache.put("Host.Test.", RecordType::A, okAnswer(1, 60), start);
+
+    const auto early = cache.get("host.test", RecordType::A, start + 59 * kSecond + kSecond / 2);
+    ASSERT_TRUE(early) << "names are cached without case or final dot";
+    EXPECT_TRUE(early->fromCache);
+    EXPECT_EQ(early->ttlSeconds, 1U) << "what is left, rounded up";
+    EXPECT_EQ(lastBytes(*early), (std::vector<uint8_t>{1}));
+
+    EXPECT_FALSE(cache.get("host.test", RecordType::AAAA, start)) << "the type is part of the key";
+    EXPECT_FALSE(cache.get("host.test", RecordType::A, start + 60 * kSecond));
+    EXPECT_EQ(cache.size(), 0U) << "an expired answer is dropped when met";
+}
+
+TEST(DnsCacheTest, KeepsNegativeAnswersButNotFailuresOrZeroLifetimes) {
+    DnsCache cache;
+    DnsAnswer missing;
+    missing.status = DnsStatus::NoSuchName;
+    missing.ttlSeconds = 5;
+    cache.put("gone.test", RecordType::A, missing, 0);
+    const auto hit = cache.get("gone.test", RecordType::A, 4 * kSecond);
+    ASSERT_TRUE(hit);
+    EXPECT_EQ(hit->status, DnsStatus::NoSuchName);
+    EXPECT_FALSE(cache.get("gone.test", RecordType::A, 5 * kSecond));
+
+    DnsAnswer failed;
+    failed.error = "timed out";
+    failed.ttlSeconds = 60;
+    cache.put("slow.test", RecordType::A, failed, 0);
+    EXPECT_FALSE(cache.get("slow.test", RecordType::A, 0));
+
+    cache.put("zero.test", RecordType::A, okAnswer(1, 0), 0);
+    EXPECT_FALSE(cache.get("zero.test", RecordType::A, 0));
+}
+
+TEST(DnsCacheTest, WhenFullDropsExpiredThenSoonestToExpire) {
+    DnsCache cache(3);
+    cache.put("a.test", RecordType::A, okAnswer(1, 10), 0);
+    cache.put("b.test", RecordType::A, okAnswer(2, 100), 0);
+    cache.put("c.test", RecordType::A, okAnswer(3, 50), 0);
+    // Full, nothing expired: a would have gone first anyway.
+    cache.put("d.test", RecordType::A, okAnswer(4, 200), 0);
+    EXPECT_FALSE(cache.get("a.test", RecordType::A, 0));
+    EXPECT_TRUE(cache.get("b.test", RecordType::A, 0));
+    EXPECT_TRUE(cache.get("c.test", RecordType::A, 0));
+    EXPECT_TRUE(cache.get("d.test", RecordType::A, 0));
+
+    // At 60 s c has expired: it makes the room, b (soonest alive) stays.
+    cache.put("e.test", RecordType::A, okAnswer(5, 10), 60 * kSecond);
+    EXPECT_EQ(cache.size(), 3U);
+    EXPECT_TRUE(cache.get("b.test", RecordType::A, 60 * kSecond));
+    EXPECT_TRUE(cache.get("d.test", RecordType::A, 60 * kSecond));
+    EXPECT_TRUE(cache.get("e.test", RecordType::A, 60 * kSecond));
+
+    // Replacing a kept answer needs no room.
+    cache.put("e.test", RecordType::A, okAnswer(6, 10), 60 * kSecond);
+    EXPECT_EQ(cache.size(), 3U);
+    EXPECT_EQ(lastBytes(*cache.get("e.test", RecordType::A, 60 * kSecond)), (std::vector<uint8_t>{6}));
+}
+
+}  // namespace
+}  // namespace kelsip::dns

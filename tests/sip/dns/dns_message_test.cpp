@@ -1,0 +1,367 @@
+// DNS message codec: queries as bytes, responses read field by field, and
+// hostile input (compression loops, forward or wild pointers, truncation)
+// refused with its own text.
+#include "sip/dns/dns_message.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "dns_test_support.h"
+
+namespace kelsip::dns {
+namespace {
+
+using test::responseHeader;
+using test::Wire;
+
+constexpr unsigned kTypeA = 1;
+constexpr unsigned kTypeCname = 5;
+constexpr unsigned kTypeSoa = 6;
+constexpr unsigned kTypeAaaa = 28;
+constexpr unsigned kTypeSrv = 33;
+constexpr unsigned kTypeNaptr = 35;
+
+TEST(DnsQueryTest, WritesTheHeaderQuestionAndFlags) {
+    const auto query = encodeQuery(0x1234, "example.test", RecordType::SRV);
+    ASSERT_TRUE(query);
+    const std::vector<uint8_t> expected = {
+        0x12, 0x34, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // id, RD, one question
+        7, 'e', 'x', 'a', 'm', 'p', 'l', 'e', 4, 't', 'e', 's', 't', 0,          // name
+        0x00, 0x21, 0x00, 0x01,                                                  // SRV, IN
+    };
+    EXPECT_EQ(*query, expected);
+
+    const auto noRecursion = encodeQuery(1, "example.test.", RecordType::A, false);
+    ASSERT_TRUE(noRecursion);
+    EXPECT_EQ((*noRecursion)[2], 0x00) << "RD must be clear";
+    EXPECT_EQ(std::vector<uint8_t>(noRecursion->begin() + 12, noRecursion->end() - 4),
+              std::vector<uint8_t>(query->begin() + 12, query->end() - 4))
+        << "one final dot changes nothing";
+}
+
+TEST(DnsQueryTest, RefusesNamesThatCannotBeWritten) {
+    const std::string label63(63, 'a');
+    const std::string label64(64, 'a');
+    // Four 63-byte labels need 4 * 64 + 1 = 257 bytes on the wire.
+    const std::string tooLong = label63 + "." + label63 + "." + label63 + "." + label63;
+    // Three of them and one of 61: exactly 255.
+    const std::string longest = label63 + "." + label63 + "." + label63 + "." + std::string(61, 'b');
+    struct Case {
+        std::string name;
+        const char* error;  // empty: accepted
+    } cases[] = {
+        {label63 + ".test", ""},
+        {longest, ""},
+        {".", ""},
+        {"a\\.b.test", ""},
+        {"a\\065.test", ""},
+        {label64 + ".test", "label too long"},
+        {tooLong, "name too long"},
+        {longest + "b", "name too long"},
+        {"a..test", "empty label"},
+        {".test", "empty label"},
+        {"test..", "empty label"},
+        {"a\\", "bad escape"},
+        {"a\\25", "bad escape"},
+        {"a\\256", "bad escape"},
+        {"a\\2x5", "bad escape"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string error;
+        const auto query = encodeQuery(7, c.name, RecordType::A, true, &error);
+        EXPECT_EQ(query.has_value(), *c.error == '\0');
+        EXPECT_EQ(error, c.error);
+    }
+}
+
+TEST(DnsQueryTest, EscapesRoundTripThroughTheWire) {
+    // Each name written as a query and read back comes out as written,
+    // escapes and all; what the bytes hold is checked on the side.
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> label;  // the first label's bytes
+    } cases[] = {
+        {"a\\.b.test", {'a', '.', 'b'}},
+        {"a\\\\b.test", {'a', '\\', 'b'}},
+        {"\\007x.test", {7, 'x'}},
+        {"\\032.test", {' '}},
+        {"\\255.test", {255}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto query = encodeQuery(9, c.name, RecordType::A);
+        ASSERT_TRUE(query);
+        ASSERT_EQ((*query)[12], c.label.size());
+        EXPECT_EQ(std::vector<uint8_t>(query->begin() + 13, query->begin() + 13 + static_cast<long>(c.label.size())),
+                  c.label);
+        std::vector<uint8_t> asResponse = *query;
+        asResponse[2] |= 0x80;
+        std::string error;
+        const auto decoded = decodeMessage(asResponse, &error);
+        ASSERT_TRUE(decoded) << error;
+        ASSERT_EQ(decoded->questions.size(), 1U);
+        EXPECT_EQ(decoded->questions[0].name, c.name);
+    }
+}
+
+// A response to "example.test NAPTR" with every section used and names
+// compressed the way servers do.
+struct FullResponse {
+    Wire wire;
+    size_t replacementOffset = 0;
+    size_t srvTargetOffset = 0;
+};
+
+FullResponse buildFullResponse() {
+    FullResponse r;
+    Wire& w = r.wire;
+    w = responseHeader(0xBEEF, 0x0580, 1, 3, 1, 3);  // AA, RD, RA
+    w.name("example.test").u16(kTypeNaptr).u16(1);   // question at 12
+    // NAPTR 10 50 "s" "SIP+D2U" "" _sip._udp.example.test
+    w.pointer(12).record(kTypeNaptr, 300, 2 + 2 + 2 + 8 + 1 + 10 + 2);
+    w.u16(10).u16(50).string("s").string("SIP+D2U").string("");
+    r.replacementOffset = w.size();
+    w.u8(4).text("_sip").u8(4).text("_udp").pointer(12);
+    // alias.example.test CNAME example.test
+    w.u8(5).text("alias").pointer(12).record(kTypeCname, 60, 2).pointer(12);
+    // _sip._udp.example.test SRV 10 60 5070 sip1.example.test
+    w.pointer(r.replacementOffset).record(kTypeSrv, 120, 6 + 5 + 2).u16(10).u16(60).u16(5070);
+    r.srvTargetOffset = w.size();
+    w.u8(4).text("sip1").pointer(12);
+    // example.test SOA ns.example.test admin.example.test 1 2 3 4 30
+    w.pointer(12).record(kTypeSoa, 3600, 3 + 2 + 6 + 2 + 20);
+    w.u8(2).text("ns").pointer(12).u8(5).text("admin").pointer(12).u32(1).u32(2).u32(3).u32(4).u32(30);
+    // sip1.example.test A 127.0.0.11; AAAA ::11 with a TTL whose top bit is set
+    w.pointer(r.srvTargetOffset).record(kTypeA, 60, 4).raw({127, 0, 0, 11});
+    w.pointer(r.srvTargetOffset).record(kTypeAaaa, 0x80000001u, 16).raw({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x11});
+    // A type nobody here reads: skipped, and the reading goes on after it.
+    w.pointer(12).record(99, 5, 3).raw({1, 2, 3});
+    return r;
+}
+
+TEST(DnsDecodeTest, ReadsEverySectionOfACompressedResponse) {
+    const FullResponse full = buildFullResponse();
+    std::string error;
+    const auto m = decodeMessage(full.wire.bytes(), &error);
+    ASSERT_TRUE(m) << error;
+
+    EXPECT_EQ(m->header.id, 0xBEEF);
+    EXPECT_TRUE(m->header.isResponse);
+    EXPECT_TRUE(m->header.authoritative);
+    EXPECT_FALSE(m->header.truncated);
+    EXPECT_TRUE(m->header.recursionDesired);
+    EXPECT_TRUE(m->header.recursionAvailable);
+    EXPECT_EQ(m->header.rcode, Rcode::NoError);
+
+    ASSERT_EQ(m->questions.size(), 1U);
+    EXPECT_EQ(m->questions[0].name, "example.test");
+    EXPECT_EQ(m->questions[0].type, RecordType::NAPTR);
+
+    ASSERT_EQ(m->answers.size(), 3U);
+    const NaptrData* naptr = m->answers[0].naptr();
+    ASSERT_NE(naptr, nullptr);
+    EXPECT_EQ(m->answers[0].name, "example.test");
+    EXPECT_EQ(m->answers[0].ttl, 300U);
+    EXPECT_EQ(naptr->order, 10);
+    EXPECT_EQ(naptr->preference, 50);
+    EXPECT_EQ(naptr->flags, "s");
+    EXPECT_EQ(naptr->services, "SIP+D2U");
+    EXPECT_EQ(naptr->regexp, "");
+    EXPECT_EQ(naptr->replacement, "_sip._udp.example.test");
+
+    EXPECT_EQ(m->answers[1].name, "alias.example.test");
+    ASSERT_NE(m->answers[1].target(), nullptr);
+    EXPECT_EQ(*m->answers[1].target(), "example.test");
+
+    const SrvData* srv = m->answers[2].srv();
+    ASSERT_NE(srv, nullptr);
+    EXPECT_EQ(m->answers[2].name, "_sip._udp.example.test");
+    EXPECT_EQ(*srv, (SrvData{10, 60, 5070, "sip1.example.test"}));
+
+    ASSERT_EQ(m->authority.size(), 1U);
+    const SoaData* soa = m->authority[0].soa();
+    ASSERT_NE(soa, nullptr);
+    EXPECT_EQ(soa->primary, "ns.example.test");
+    EXPECT_EQ(soa->mailbox, "admin.example.test");
+    EXPECT_EQ(soa->serial, 1U);
+    EXPECT_EQ(soa->expire, 4U);
+    EXPECT_EQ(soa->minimum, 30U);
+
+    ASSERT_EQ(m->additional.size(), 3U);
+    EXPECT_EQ(m->additional[0].name, "sip1.example.test");
+    ASSERT_NE(m->additional[0].address(), nullptr);
+    EXPECT_EQ(m->additional[0].address()->toString(), "127.0.0.11:0");
+    ASSERT_NE(m->additional[1].address(), nullptr);
+    EXPECT_EQ(m->additional[1].address()->ip(), "::11");
+    EXPECT_EQ(m->additional[1].ttl, 0U) << "a TTL with the top bit set counts as zero";
+    EXPECT_EQ(m->additional[2].type, static_cast<RecordType>(99));
+    EXPECT_TRUE(std::holds_alternative<std::monostate>(m->additional[2].data));
+}
+
+TEST(DnsDecodeTest, ReadsFlagsRcodesAndOddLabels) {
+    struct Case {
+        unsigned flags;
+        bool truncated;
+        Rcode rcode;
+    } cases[] = {
+        {0x0200, true, Rcode::NoError},
+        {0x0003, false, Rcode::NameError},
+        {0x0002, false, Rcode::ServerFailure},
+        {0x0005, false, Rcode::Refused},
+        {0x000B, false, static_cast<Rcode>(11)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.flags);
+        Wire w = responseHeader(1, c.flags, 1, 0);
+        w.name("x.test").u16(kTypeA).u16(1);
+        const auto m = decodeMessage(w.bytes());
+        ASSERT_TRUE(m);
+        EXPECT_EQ(m->header.truncated, c.truncated);
+        EXPECT_EQ(m->header.rcode, c.rcode);
+        const auto header = decodeHeader(w.bytes());
+        ASSERT_TRUE(header);
+        EXPECT_EQ(header->truncated, c.truncated);
+    }
+
+    // Label bytes that would read wrongly as text come out escaped; the
+    // root name reads as ".".
+    Wire w = responseHeader(2, 0, 2, 0);
+    w.u8(3).text("a.b").u8(2).raw({7, '\\'}).u8(0).u16(kTypeA).u16(1);
+    w.u8(0).u16(2).u16(1);
+    const auto m = decodeMessage(w.bytes());
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->questions[0].name, "a\\.b.\\007\\\\");
+    EXPECT_EQ(m->questions[1].name, ".");
+}
+
+TEST(DnsDecodeTest, TruncationBitIsReadableWhenRecordsAreCut) {
+    Wire w = responseHeader(3, 0x0200, 1, 5);
+    w.name("big.test").u16(kTypeA).u16(1);
+    w.pointer(12).record(kTypeA, 60, 4).raw({10, 0});  // cut in the middle
+    std::string error;
+    EXPECT_FALSE(decodeMessage(w.bytes(), &error));
+    EXPECT_EQ(error, "truncated record");
+    const auto header = decodeHeader(w.bytes());
+    ASSERT_TRUE(header);
+    EXPECT_TRUE(header->truncated);
+    EXPECT_EQ(header->id, 3);
+}
+
+struct BadCase {
+    const char* what;
+    Wire wire;
+    const char* error;
+};
+
+std::vector<BadCase> hostileMessages() {
+    std::vector<BadCase> cases;
+    const std::string label63(63, 'x');
+    auto add = [&cases](const char* what, Wire w, const char* error) { cases.push_back({what, std::move(w), error}); };
+
+    add("eleven bytes", Wire().raw({0, 1, 0x80, 0, 0, 1, 0, 0, 0, 0, 0}), "truncated header");
+    // Names.
+    add("pointer to itself", responseHeader(1, 0, 1, 0).pointer(12), "compression pointer loop");
+    add("label then a pointer back to it", responseHeader(1, 0, 1, 0).u8(1).text("a").pointer(12),
+        "compression pointer loop");
+    {
+        // An unread record's data holds a pointer to the next record's name,
+        // which points back at it: each is "earlier" than the other.
+        Wire w = responseHeader(1, 0, 1, 2);
+        w.name("a").u16(kTypeA).u16(1);                    // 12..18
+        w.pointer(12).record(99, 0, 2);                    // 19..30
+        const size_t first = w.size();                     // 31
+        w.pointer(first + 2);                              // data: -> 33
+        w.pointer(first).record(kTypeA, 0, 4).raw({1, 2, 3, 4});  // name at 33: -> 31
+        add("two pointers pointing at each other", std::move(w), "compression pointer loop");
+    }
+    add("pointer forward", responseHeader(1, 0, 1, 0).pointer(14).name("a").u16(kTypeA).u16(1),
+        "forward compression pointer");
+    add("pointer past the end", responseHeader(1, 0, 1, 0).pointer(0x3FFF), "compression pointer out of range");
+    add("pointer to the byte after the end", responseHeader(1, 0, 1, 0).pointer(14),
+        "compression pointer out of range");
+    add("pointer cut in half", responseHeader(1, 0, 1, 0).u8(0xC0), "truncated name");
+    add("label past the end", responseHeader(1, 0, 1, 0).u8(5).text("ab"), "truncated name");
+    add("name without its root", responseHeader(1, 0, 1, 0).u8(1).text("a"), "truncated name");
+    add("label type 01", responseHeader(1, 0, 1, 0).u8(0x41).text("a").u8(0), "bad label type");
+    add("label type 10", responseHeader(1, 0, 1, 0).u8(0x81).text("a").u8(0), "bad label type");
+    add("four 63-byte labels",
+        responseHeader(1, 0, 1, 0).name(label63 + "." + label63 + "." + label63 + "." + label63), "name too long");
+    {
+        // Each part is short; joined through a pointer the name is too long.
+        Wire w = responseHeader(1, 0, 1, 1);
+        w.name(label63 + "." + label63 + "." + label63).u16(kTypeA).u16(1);
+        w.u8(63).text(label63).pointer(12).record(kTypeA, 0, 4).raw({1, 2, 3, 4});
+        add("name made too long by a pointer", std::move(w), "name too long");
+    }
+    // Questions and records.
+    add("question without its class", responseHeader(1, 0, 1, 0).name("a").u16(kTypeA).u8(0), "truncated question");
+    add("record cut in its TTL", responseHeader(1, 0, 0, 1).name("a").u16(kTypeA).u16(1).u16(0), "truncated record");
+    add("record data past the end", responseHeader(1, 0, 0, 1).name("a").record(kTypeA, 0, 4).raw({1, 2}),
+        "truncated record");
+    add("more records than the message holds", responseHeader(1, 0, 0, 2).name("a").record(kTypeA, 0, 4).raw({1, 2, 3, 4}),
+        "truncated name");
+    add("A of five bytes", responseHeader(1, 0, 0, 1).name("a").record(kTypeA, 0, 5).raw({1, 2, 3, 4, 5}),
+        "bad address length");
+    add("AAAA of four bytes", responseHeader(1, 0, 0, 1).name("a").record(kTypeAaaa, 0, 4).raw({1, 2, 3, 4}),
+        "bad address length");
+    add("SRV with a byte after its target",
+        responseHeader(1, 0, 0, 1).name("a").record(kTypeSrv, 0, 10).u16(1).u16(1).u16(1).name("a").u8(0),
+        "bad record data");
+    add("SRV target running past its data",
+        responseHeader(1, 0, 0, 1).name("a").record(kTypeSrv, 0, 8).u16(1).u16(1).u16(1).name("a"),
+        "bad record data");
+    add("SRV shorter than its numbers", responseHeader(1, 0, 0, 1).name("a").record(kTypeSrv, 0, 4).u16(1).u16(1),
+        "bad record data");
+    add("NAPTR string longer than its data",
+        responseHeader(1, 0, 0, 1).name("a").record(kTypeNaptr, 0, 5).u16(1).u16(1).u8(9).text("sssssssss"),
+        "bad record data");
+    add("SOA without its last numbers",
+        responseHeader(1, 0, 0, 1).name("a").record(kTypeSoa, 0, 2 + 2 + 12).u8(0).u8(0).u32(1).u32(2).u32(3).u8(0).u8(0),
+        "bad record data");
+    add("CNAME pointing past its data", responseHeader(1, 0, 0, 1).name("a").record(kTypeCname, 0, 1).u8(1).text("b").u8(0),
+        "bad record data");
+    return cases;
+}
+
+TEST(DnsDecodeTest, RefusesHostileMessagesWithTheirText) {
+    for (const BadCase& c : hostileMessages()) {
+        SCOPED_TRACE(c.what);
+        std::string error;
+        const auto started = std::chrono::steady_clock::now();
+        const auto m = decodeMessage(c.wire.bytes(), &error);
+        const auto took = std::chrono::steady_clock::now() - started;
+        EXPECT_FALSE(m.has_value());
+        EXPECT_EQ(error, c.error);
+        // A decoder that walks a loop for a while before noticing is as bad
+        // as one that never stops.
+        EXPECT_LT(took, std::chrono::milliseconds(50));
+    }
+}
+
+TEST(DnsDecodeTest, EveryPrefixOfAGoodResponseIsRefusedOrReadable) {
+    // Cutting a good response anywhere must give an error, never a crash or
+    // a record that reads past the cut.
+    const std::vector<uint8_t> whole = buildFullResponse().wire.bytes();
+    for (size_t n = 0; n < whole.size(); ++n) {
+        SCOPED_TRACE(n);
+        std::string error;
+        const std::vector<uint8_t> prefix(whole.begin(), whole.begin() + static_cast<long>(n));
+        EXPECT_FALSE(decodeMessage(prefix, &error).has_value());
+        EXPECT_FALSE(error.empty());
+    }
+    EXPECT_TRUE(decodeMessage(whole).has_value());
+}
+
+TEST(DnsNameTest, ComparesWithoutCaseOrFinalDot) {
+    EXPECT_TRUE(sameName("Example.TEST", "example.test."));
+    EXPECT_FALSE(sameName("example.test", "example.tes"));
+    EXPECT_FALSE(sameName("a\\.", "a")) << "an escaped dot is part of the label";
+    EXPECT_EQ(canonicalName("SIP.Example.Test."), "sip.example.test");
+    EXPECT_EQ(canonicalName("."), ".");
+}
+
+}  // namespace
+}  // namespace kelsip::dns

@@ -1,0 +1,102 @@
+// Helpers of the DNS tests: messages written byte by byte, driving a loop
+// in virtual time until a condition holds, and a UDP socket that never answers.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <initializer_list>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "sip/event_loop.h"
+#include "sip/net/socket.h"
+
+namespace kelsip::test {
+
+// A DNS message as bytes, written field by field. Names go out as plain
+// labels; pointers and anything malformed are written by hand with raw().
+class Wire {
+public:
+    Wire& u8(unsigned v) {
+        bytes_.push_back(static_cast<uint8_t>(v));
+        return *this;
+    }
+    Wire& u16(unsigned v) { return u8((v >> 8) & 0xFF).u8(v & 0xFF); }
+    Wire& u32(uint32_t v) { return u16(v >> 16).u16(v & 0xFFFF); }
+    Wire& raw(std::initializer_list<unsigned> values) {
+        for (const unsigned v : values) u8(v);
+        return *this;
+    }
+    Wire& text(std::string_view s) {
+        for (const char c : s) u8(static_cast<unsigned char>(c));
+        return *this;
+    }
+    // "a.bc" -> 1 'a' 2 'b' 'c' 0
+    Wire& name(std::string_view dotted) {
+        while (!dotted.empty()) {
+            const size_t dot = dotted.find('.');
+            const std::string_view label = dotted.substr(0, dot);
+            u8(static_cast<unsigned>(label.size())).text(label);
+            dotted.remove_prefix(dot == std::string_view::npos ? dotted.size() : dot + 1);
+        }
+        return u8(0);
+    }
+    Wire& pointer(size_t offset) { return u8(0xC0 | ((offset >> 8) & 0x3F)).u8(offset & 0xFF); }
+    // A character-string: length byte and bytes.
+    Wire& string(std::string_view s) { return u8(static_cast<unsigned>(s.size())).text(s); }
+    // Type, class IN, TTL and the data length of a record whose name was just written.
+    Wire& record(unsigned type, uint32_t ttl, unsigned dataLength) { return u16(type).u16(1).u32(ttl).u16(dataLength); }
+
+    [[nodiscard]] size_t size() const { return bytes_.size(); }
+    [[nodiscard]] const std::vector<uint8_t>& bytes() const { return bytes_; }
+
+private:
+    std::vector<uint8_t> bytes_;
+};
+
+// The 12-byte header: a response (QR) with the given flags and counts.
+inline Wire responseHeader(unsigned id, unsigned flags, unsigned qd, unsigned an, unsigned ns = 0, unsigned ar = 0) {
+    Wire w;
+    w.u16(id).u16(0x8000 | flags).u16(qd).u16(an).u16(ns).u16(ar);
+    return w;
+}
+
+// Runs the loop's due work on this thread until `condition` holds; false
+// when `timeout` (real time) passes first. For loops on a manual clock,
+// whose completions arrive from the DNS worker thread.
+template <typename F>
+bool runUntil(EventLoop& loop, F&& condition, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        loop.runDue();
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::yield();
+    }
+}
+
+// A UDP socket on 127.0.0.1 that the test holds and never answers from:
+// a name server that has gone silent.
+struct SilentServer {
+    SilentServer() {
+        socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+        if (socket.valid() && socket.bind(net::SocketAddress::loopback(net::AddressFamily::V4))) {
+            if (auto local = socket.localAddress()) address = *local;
+        }
+    }
+    // The datagrams sent to it so far (read without waiting).
+    size_t drain() {
+        if (!socket.setNonBlocking(true)) return 0;
+        size_t count = 0;
+        uint8_t buffer[1500];
+        net::SocketAddress from;
+        while (socket.receiveFrom(buffer, sizeof buffer, from).ok()) ++count;
+        return count;
+    }
+
+    net::Socket socket;
+    net::SocketAddress address;
+};
+
+}  // namespace kelsip::test
