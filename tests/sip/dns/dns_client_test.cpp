@@ -1,0 +1,279 @@
+// The DNS client: the try and server schedule in virtual time, answers
+// matched to their query, and real exchanges with dnsmasq (cache lifetimes,
+// truncation and TCP, failing over from a silent or refusing server).
+#include "sip/dns/dns_client.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+
+#include "dns_test_support.h"
+#include "dnsmasq_fixture.h"
+
+namespace kelsip::dns {
+namespace {
+
+using namespace std::chrono_literals;
+using test::runUntil;
+using test::SilentServer;
+
+// A client on a loop in virtual time.
+struct VirtualClient {
+    explicit VirtualClient(DnsClientOptions options)
+        : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, std::move(options)) {}
+
+    // Starts a lookup whose answer lands in the returned slot.
+    std::shared_ptr<std::optional<DnsAnswer>> query(std::string_view name, RecordType type) {
+        auto slot = std::make_shared<std::optional<DnsAnswer>>();
+        client.query(name, type, [slot](const DnsAnswer& a) { *slot = a; });
+        return slot;
+    }
+    bool waitSent(uint64_t n) {
+        return runUntil(loop, [&] { return client.stats().udpQueriesSent >= n; });
+    }
+    bool waitAnswer(const std::shared_ptr<std::optional<DnsAnswer>>& slot) {
+        return runUntil(loop, [&] { return slot->has_value(); });
+    }
+    void advance(std::chrono::milliseconds d) { advanceVirtualTime(loop, *clock, d); }
+
+    std::shared_ptr<ManualClock> clock;
+    EventLoop loop;
+    DnsClient client;
+};
+
+TEST(DnsClientTest, TriesEachServerOnScheduleThenFails) {
+    SilentServer first;
+    SilentServer second;
+    DnsClientOptions options;
+    options.servers = {first.address, second.address};
+    options.tryTimeout = 1000ms;
+    options.triesPerServer = 2;
+    VirtualClient c(options);
+
+    const auto answer = c.query("example.test", RecordType::A);
+    // Sends at 0 and 1 s to the first server, at 2 and 3 s to the second.
+    for (uint64_t sent = 1; sent <= 4; ++sent) {
+        SCOPED_TRACE(sent);
+        ASSERT_TRUE(c.waitSent(sent));
+        EXPECT_EQ(c.client.stats().udpQueriesSent, sent);
+        c.loop.runDue();
+        EXPECT_FALSE(answer->has_value());
+        c.advance(1000ms);
+    }
+    ASSERT_TRUE(c.waitAnswer(answer));
+    EXPECT_EQ((*answer)->status, DnsStatus::Failed);
+    EXPECT_EQ((*answer)->error, "timed out");
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 4U);
+    EXPECT_EQ(first.drain(), 2U);
+    EXPECT_EQ(second.drain(), 2U);
+}
+
+TEST(DnsClientTest, RefusesABadNameWithoutSendingAndNeverAnswersInline) {
+    SilentServer server;
+    DnsClientOptions options;
+    options.servers = {server.address};
+    VirtualClient c(options);
+    const auto answer = c.query("a..test", RecordType::A);
+    EXPECT_FALSE(answer->has_value()) << "answers always come through the loop";
+    ASSERT_TRUE(c.waitAnswer(answer));
+    EXPECT_EQ((*answer)->error, "bad name");
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 0U);
+}
+
+// Reads one query that reached `server`; the id and the bytes.
+std::optional<std::vector<uint8_t>> receiveQuery(SilentServer& server, net::SocketAddress& from) {
+    net::PollEntry entry;
+    entry.socket = server.socket.native();
+    entry.wantRead = true;
+    if (net::poll(std::span<net::PollEntry>(&entry, 1), 5000) <= 0) return std::nullopt;
+    std::vector<uint8_t> buffer(1500);
+    const auto r = server.socket.receiveFrom(buffer.data(), buffer.size(), from);
+    if (!r.ok()) return std::nullopt;
+    buffer.resize(r.bytes);
+    return buffer;
+}
+
+std::vector<uint8_t> answerTo(unsigned id, std::string_view name, uint8_t last) {
+    test::Wire w = test::responseHeader(id, 0x0180, 1, 1);
+    w.name(name).u16(1).u16(1);
+    w.pointer(12).record(1, 60, 4).raw({10, 0, 0, last});
+    return w.bytes();
+}
+
+TEST(DnsClientTest, TakesOnlyTheAnswerThatMatchesItsQuery) {
+    // A scripted server: it reads the query, then sends answers that must
+    // be ignored before the one that fits.
+    SilentServer server;
+    SilentServer stranger;
+    DnsClientOptions options;
+    options.servers = {server.address};
+    VirtualClient c(options);
+    const auto answer = c.query("match.test", RecordType::A);
+
+    net::SocketAddress client;
+    const auto query = receiveQuery(server, client);
+    ASSERT_TRUE(query);
+    const auto decoded = decodeMessage(*query);
+    ASSERT_TRUE(decoded);
+    EXPECT_TRUE(decoded->header.recursionDesired);
+    ASSERT_EQ(decoded->questions.size(), 1U);
+    EXPECT_EQ(decoded->questions[0].name, "match.test");
+    const unsigned id = decoded->header.id;
+
+    const auto send = [&](SilentServer& from, const std::vector<uint8_t>& bytes) {
+        ASSERT_TRUE(from.socket.sendTo(bytes.data(), bytes.size(), client).ok());
+    };
+    send(server, answerTo(id ^ 0x5A5A, "match.test", 1));  // another id
+    send(server, answerTo(id, "other.test", 2));           // another question
+    send(stranger, answerTo(id, "match.test", 3));         // another sender
+    std::vector<uint8_t> query0 = *query;                  // the query itself, not a response
+    send(server, query0);
+    send(server, answerTo(id, "MATCH.test", 4));           // the answer
+
+    ASSERT_TRUE(c.waitAnswer(answer));
+    ASSERT_EQ((*answer)->status, DnsStatus::Ok);
+    ASSERT_EQ((*answer)->records.size(), 1U);
+    EXPECT_EQ((*answer)->records[0].address()->ip(), "10.0.0.4");
+    EXPECT_EQ((*answer)->server, server.address);
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 1U);
+}
+
+using DnsClientDnsmasqTest = test::DnsmasqTest;
+
+TEST_F(DnsClientDnsmasqTest, CachesAnswersForTheirLifetimeInVirtualTime) {
+    auto* dnsmasq = startDnsmasq({"local=/test/", "local-ttl=60", "host-record=h.test,127.0.0.5,::5"});
+    ASSERT_TRUE(dnsmasq);
+    DnsClientOptions options;
+    options.servers = {dnsmasq->address()};
+    options.cache.negativeTtl = 5s;
+    VirtualClient c(options);
+
+    const auto first = c.query("h.test", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(first));
+    ASSERT_EQ((*first)->status, DnsStatus::Ok) << (*first)->error;
+    ASSERT_EQ((*first)->records.size(), 1U);
+    EXPECT_EQ((*first)->records[0].address()->ip(), "127.0.0.5");
+    EXPECT_EQ((*first)->ttlSeconds, 60U);
+    EXPECT_FALSE((*first)->fromCache);
+    EXPECT_EQ((*first)->server, dnsmasq->address());
+
+    c.advance(59s);
+    const auto cached = c.query("H.Test.", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(cached));
+    EXPECT_TRUE((*cached)->fromCache);
+    EXPECT_EQ((*cached)->ttlSeconds, 1U);
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 1U);
+    EXPECT_EQ(c.client.stats().cacheHits, 1U);
+
+    c.advance(1s);
+    const auto expired = c.query("h.test", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(expired));
+    EXPECT_FALSE((*expired)->fromCache);
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 2U);
+
+    // No such name: kept for the short negative lifetime only.
+    const auto missing = c.query("nothing.test", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(missing));
+    EXPECT_EQ((*missing)->status, DnsStatus::NoSuchName);
+    c.advance(4s);
+    const auto stillMissing = c.query("nothing.test", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(stillMissing));
+    EXPECT_TRUE((*stillMissing)->fromCache);
+    c.advance(1s);
+    const auto askedAgain = c.query("nothing.test", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(askedAgain));
+    EXPECT_FALSE((*askedAgain)->fromCache);
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 4U);
+}
+
+TEST_F(DnsClientDnsmasqTest, SharesOneLookupAmongEqualQueriesAndHonoursCancel) {
+    auto* dnsmasq = startDnsmasq({"local=/test/", "local-ttl=60", "host-record=h.test,127.0.0.5,::5"});
+    ASSERT_TRUE(dnsmasq);
+    DnsClientOptions options;
+    options.servers = {dnsmasq->address()};
+    VirtualClient c(options);
+
+    int calls = 0;
+    const auto a = c.query("h.test", RecordType::AAAA);
+    const auto b = c.query("H.TEST.", RecordType::AAAA);
+    const DnsClient::QueryId cancelled = c.client.query("h.test", RecordType::AAAA, [&](const DnsAnswer&) { ++calls; });
+    c.client.cancel(cancelled);
+    ASSERT_TRUE(c.waitAnswer(a));
+    ASSERT_TRUE(c.waitAnswer(b));
+    c.loop.runDue();
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 1U);
+    ASSERT_EQ((*b)->records.size(), 1U);
+    EXPECT_EQ((*b)->records[0].address()->ip(), "::5");
+}
+
+TEST_F(DnsClientDnsmasqTest, AsksAgainOverTcpWhenTheAnswerIsTruncated) {
+    // Forty addresses do not fit the 512 bytes of a plain UDP answer.
+    std::vector<std::string> config = {"local=/test/"};
+    for (int i = 1; i <= 40; ++i) config.push_back("host-record=big.test,127.0.1." + std::to_string(i));
+    auto* dnsmasq = startDnsmasq(config);
+    ASSERT_TRUE(dnsmasq);
+    DnsClientOptions options;
+    options.servers = {dnsmasq->address()};
+    VirtualClient c(options);
+
+    const auto answer = c.query("big.test", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(answer));
+    ASSERT_EQ((*answer)->status, DnsStatus::Ok) << (*answer)->error;
+    EXPECT_EQ((*answer)->records.size(), 40U);
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 1U);
+    EXPECT_EQ(c.client.stats().tcpQueriesSent, 1U);
+}
+
+TEST_F(DnsClientDnsmasqTest, MovesPastASilentServerOnSchedule) {
+    SilentServer silent;
+    auto* dnsmasq = startDnsmasq({"local=/test/", "host-record=h.test,127.0.0.5"});
+    ASSERT_TRUE(dnsmasq);
+    DnsClientOptions options;
+    options.servers = {silent.address, dnsmasq->address()};
+    options.tryTimeout = 1000ms;
+    options.triesPerServer = 2;
+    VirtualClient c(options);
+
+    const auto answer = c.query("h.test", RecordType::A);
+    ASSERT_TRUE(c.waitSent(1));
+    c.advance(1000ms);
+    ASSERT_TRUE(c.waitSent(2));
+    c.loop.runDue();
+    EXPECT_FALSE(answer->has_value());
+    c.advance(1000ms);  // 2 s: the second server's turn
+    ASSERT_TRUE(c.waitAnswer(answer));
+    ASSERT_EQ((*answer)->status, DnsStatus::Ok) << (*answer)->error;
+    EXPECT_EQ((*answer)->server, dnsmasq->address());
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 3U);
+    EXPECT_EQ(silent.drain(), 2U);
+}
+
+TEST_F(DnsClientDnsmasqTest, MovesPastARefusingServerAtOnce) {
+    // The first knows nothing of the name and has no upstream: it refuses.
+    auto* refusing = startDnsmasq({"host-record=elsewhere.test,127.0.0.9"});
+    auto* knowing = startDnsmasq({"local=/example/", "host-record=h.example,127.0.0.6"});
+    ASSERT_TRUE(refusing && knowing);
+    DnsClientOptions options;
+    options.servers = {refusing->address(), knowing->address()};
+    VirtualClient c(options);
+
+    const auto answer = c.query("h.example", RecordType::A);
+    ASSERT_TRUE(c.waitAnswer(answer));
+    ASSERT_EQ((*answer)->status, DnsStatus::Ok) << (*answer)->error;
+    EXPECT_EQ((*answer)->server, knowing->address());
+    EXPECT_EQ(c.client.stats().udpQueriesSent, 2U) << "no time-out, no retry to a server that refused";
+
+    // Every server refusing is a failure that says so.
+    DnsClientOptions onlyRefusing;
+    onlyRefusing.servers = {refusing->address()};
+    VirtualClient r(onlyRefusing);
+    const auto refused = r.query("h.example", RecordType::A);
+    ASSERT_TRUE(r.waitAnswer(refused));
+    EXPECT_EQ((*refused)->status, DnsStatus::Failed);
+    EXPECT_EQ((*refused)->error, "refused");
+}
+
+}  // namespace
+}  // namespace kelsip::dns
