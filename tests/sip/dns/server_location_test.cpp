@@ -1,0 +1,376 @@
+// Server location: SRV ordering with a fixed random source, the rules that
+// need no DNS, and NAPTR, SRV and A/AAAA resolution against dnsmasq.
+#include "sip/dns/server_location.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <future>
+#include <optional>
+#include <random>
+
+#include "dns_test_support.h"
+#include "dnsmasq_fixture.h"
+
+namespace kelsip::dns {
+namespace {
+
+using namespace std::chrono_literals;
+using test::runUntil;
+using test::SilentServer;
+
+std::vector<std::string> targetTexts(const std::vector<SipTarget>& targets) {
+    std::vector<std::string> out;
+    for (const SipTarget& t : targets) out.push_back(t.toString());
+    return out;
+}
+
+std::vector<std::string> srvTargets(const std::vector<SrvData>& records) {
+    std::vector<std::string> out;
+    for (const SrvData& r : records) out.push_back(r.target);
+    return out;
+}
+
+TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
+    // Priority 10 holds z (weight 0), a (60), b (20): the running sums in
+    // draw order are z 0, a 60, b 80; the draw takes the first sum >= r.
+    const std::vector<SrvData> records = {
+        {20, 0, 5060, "c"}, {10, 60, 5060, "a"}, {10, 20, 5060, "b"}, {10, 0, 5060, "z"}, {30, 5, 5060, "d"},
+    };
+    struct Case {
+        const char* what;
+        std::deque<uint32_t> draws;
+        std::vector<std::string> order;
+        std::vector<uint32_t> bounds;
+    } cases[] = {
+        {"b drawn first, then a", {70, 30, 0, 0, 3}, {"b", "a", "z", "c", "d"}, {80, 60, 0, 0, 5}},
+        {"a drawn first, then b", {1, 61, 0, 0, 0}, {"a", "b", "z", "c", "d"}, {80, 20, 0, 0, 5}},
+        {"zero draws the weight-0 record", {0, 80, 60, 0, 5}, {"z", "b", "a", "c", "d"}, {80, 80, 60, 0, 5}},
+        {"a draw past the bound counts as the bound", {1000, 1000, 1000, 1000, 1000}, {"b", "a", "z", "c", "d"},
+         {80, 60, 0, 0, 5}},
+    };
+    for (Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<uint32_t> bounds;
+        const RandomSource random = [&](uint32_t bound) {
+            bounds.push_back(bound);
+            const uint32_t v = c.draws.front();
+            c.draws.pop_front();
+            return v;
+        };
+        EXPECT_EQ(srvTargets(orderSrvRecords(records, random)), c.order);
+        EXPECT_EQ(bounds, c.bounds);
+    }
+}
+
+TEST(SrvOrderTest, WeightsSetHowOftenEachComesFirst) {
+    std::mt19937 engine(2782);
+    const RandomSource random = [&](uint32_t bound) { return std::uniform_int_distribution<uint32_t>(0, bound)(engine); };
+    const std::vector<SrvData> records = {{10, 20, 5060, "light"}, {10, 60, 5060, "heavy"}, {10, 0, 5060, "spare"}};
+    int heavyFirst = 0;
+    int spareFirst = 0;
+    for (int i = 0; i < 8000; ++i) {
+        const auto order = orderSrvRecords(records, random);
+        heavyFirst += order[0].target == "heavy";
+        spareFirst += order[0].target == "spare";
+    }
+    // Expected 60/81 = 74 % and 1/81 = 1.2 % of the draws.
+    EXPECT_NEAR(heavyFirst, 5926, 300);
+    EXPECT_NEAR(spareFirst, 99, 60);
+}
+
+// A locator over a client whose only server never answers: any DNS use
+// shows as a sent query.
+struct OfflineLocator {
+    explicit OfflineLocator(ServerLocationOptions options = {})
+        : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, clientOptions()), locator(client, options) {}
+
+    DnsClientOptions clientOptions() {
+        DnsClientOptions o;
+        o.servers = {silent.address};
+        return o;
+    }
+    LocateResult locate(std::string_view text) {
+        const auto uri = SipUri::parse(text);
+        EXPECT_TRUE(uri) << text;
+        std::optional<LocateResult> result;
+        locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
+        EXPECT_FALSE(result) << "results never arrive inside locate()";
+        EXPECT_TRUE(runUntil(loop, [&] { return result.has_value(); }));
+        return result.value_or(LocateResult{});
+    }
+
+    SilentServer silent;
+    std::shared_ptr<ManualClock> clock;
+    EventLoop loop;
+    DnsClient client;
+    ServerLocator locator;
+};
+
+struct RuleCase {
+    const char* uri;
+    std::vector<std::string> targets;
+    const char* error = "";
+};
+
+void checkRules(OfflineLocator& l, const std::vector<RuleCase>& cases) {
+    for (const RuleCase& c : cases) {
+        SCOPED_TRACE(c.uri);
+        const LocateResult r = l.locate(c.uri);
+        EXPECT_EQ(targetTexts(r.targets), c.targets);
+        EXPECT_EQ(r.error, c.error);
+    }
+    EXPECT_EQ(l.client.stats().udpQueriesSent, 0U) << "none of these needs DNS";
+}
+
+TEST(ServerLocationTest, NumericHostsAndRefusedUrisNeedNoDns) {
+    OfflineLocator l;
+    checkRules(l, {
+                      {"sip:192.0.2.1", {"UDP 192.0.2.1:5060"}},
+                      {"sip:alice@192.0.2.1:5070;transport=TCP", {"TCP 192.0.2.1:5070"}},
+                      {"sip:[2001:db8::1]", {"UDP [2001:db8::1]:5060"}},
+                      {"sip:[2001:db8::1]:5080;transport=tcp", {"TCP [2001:db8::1]:5080"}},
+                      {"sip:proxy.test;maddr=192.0.2.7;transport=tcp", {"TCP 192.0.2.7:5060"}},
+                      {"sips:192.0.2.1", {}, "transport not enabled"},
+                      {"sip:192.0.2.1;transport=tls", {}, "transport not enabled"},
+                      {"sip:192.0.2.1;transport=sctp", {}, "unknown transport"},
+                      {"sips:192.0.2.1;transport=udp", {}, "sips over udp"},
+                      {"tel:+1-201-555-0123", {}, "tel uri is not routed"},
+                      {"sip:proxy.test;transport=ws", {}, "unknown transport"},
+                  });
+}
+
+TEST(ServerLocationTest, FollowsTheEnabledTransports) {
+    ServerLocationOptions withTls;
+    withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
+    OfflineLocator tls(withTls);
+    checkRules(tls, {
+                        {"sips:192.0.2.1", {"TLS 192.0.2.1:5061"}},
+                        {"sips:192.0.2.1;transport=tcp", {"TLS 192.0.2.1:5061"}},
+                        {"sip:192.0.2.1:5070;transport=tls", {"TLS 192.0.2.1:5070"}},
+                    });
+
+    ServerLocationOptions udpOnly;
+    udpOnly.transports = {TransportKind::Udp};
+    OfflineLocator udp(udpOnly);
+    checkRules(udp, {
+                        {"sip:192.0.2.1;transport=tcp", {}, "transport not enabled"},
+                        {"sip:proxy.test:5070;transport=tcp", {}, "transport not enabled"},
+                        {"sip:proxy.test;transport=tcp", {}, "transport not enabled"},
+                    });
+}
+
+TEST(ServerLocationTest, CancelledOrDestroyedLocatorsNeverCallBack) {
+    OfflineLocator l;
+    bool called = false;
+    const auto id = l.locator.locate(*SipUri::parse("sip:192.0.2.1"), [&](LocateResult) { called = true; });
+    l.locator.cancel(id);
+    {
+        ServerLocator shortLived(l.client);
+        shortLived.locate(*SipUri::parse("sip:192.0.2.2"), [&](LocateResult) { called = true; });
+        shortLived.locate(*SipUri::parse("sip:pending.test"), [&](LocateResult) { called = true; });
+    }
+    l.loop.runDue();
+    EXPECT_FALSE(called);
+}
+
+// One zone for every resolution case; dnsmasq answers for *.test and
+// nothing else.
+const std::vector<std::string> kZone = {
+    "local=/test/",
+    "local-ttl=60",
+    // NAPTR -> SRV -> A/AAAA. By order: SCTP (unknown here), TLS (not
+    // built), TCP, UDP.
+    "naptr-record=naptr.test,1,10,s,SIP+D2S,,_sip._sctp.naptr.test",
+    "naptr-record=naptr.test,5,10,s,SIPS+D2T,,_sips._tcp.naptr.test",
+    "naptr-record=naptr.test,20,10,s,SIP+D2U,,_sip._udp.naptr.test",
+    "naptr-record=naptr.test,10,10,s,SIP+D2T,,_sip._tcp.naptr.test",
+    "naptr-record=naptr.test,10,20,a,SIP+D2U,,udp.naptr.test",
+    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0",
+    "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
+    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0",
+    "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
+    "host-record=sctp.naptr.test,127.0.0.20",
+    "host-record=tls.naptr.test,127.0.0.23",
+    // Sent along in the SRV answer's additional section.
+    "host-record=tcp.naptr.test,127.0.0.21,::21",
+    // Not sent along: needs its own A/AAAA lookups.
+    "address=/udp.naptr.test/127.0.0.22",
+    // SRV only, two priorities for UDP, one TCP record.
+    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0",
+    "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
+    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0",
+    "host-record=first.prio.test,127.0.0.31",
+    "host-record=second.prio.test,127.0.0.32",
+    "host-record=tcp.prio.test,127.0.0.33",
+    // SRV only, one priority, weights 60 and 20.
+    "srv-host=_sip._udp.weight.test,heavy.weight.test,5060,10,60",
+    "srv-host=_sip._udp.weight.test,light.weight.test,5060,10,20",
+    "host-record=heavy.weight.test,127.0.0.41",
+    "host-record=light.weight.test,127.0.0.42",
+    // No NAPTR, no SRV: addresses only.
+    "host-record=plain.test,127.0.0.51,::51",
+};
+
+class ServerLocationDnsmasqTest : public test::DnsmasqTest {
+protected:
+    void SetUp() override {
+        test::DnsmasqTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        dnsmasq_ = startDnsmasq(kZone);
+        ASSERT_TRUE(dnsmasq_);
+        clock_ = std::make_shared<ManualClock>();
+        loop_ = std::make_unique<EventLoop>(clock_);
+        DnsClientOptions options;
+        options.servers = {dnsmasq_->address()};
+        client_ = std::make_unique<DnsClient>(*loop_, options);
+    }
+    void TearDown() override {
+        client_.reset();
+        loop_.reset();
+        test::DnsmasqTest::TearDown();
+    }
+
+    LocateResult locate(std::string_view text, ServerLocationOptions options = {}) {
+        ServerLocator locator(*client_, std::move(options));
+        return locateWith(locator, text);
+    }
+    LocateResult locateWith(ServerLocator& locator, std::string_view text) {
+        const auto uri = SipUri::parse(text);
+        EXPECT_TRUE(uri) << text;
+        std::optional<LocateResult> result;
+        locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
+        EXPECT_TRUE(runUntil(*loop_, [&] { return result.has_value(); })) << text;
+        return result.value_or(LocateResult{});
+    }
+
+    test::DnsmasqServer* dnsmasq_ = nullptr;
+    std::shared_ptr<ManualClock> clock_;
+    std::unique_ptr<EventLoop> loop_;
+    std::unique_ptr<DnsClient> client_;
+};
+
+TEST_F(ServerLocationDnsmasqTest, FollowsNaptrThenSrvThenAddresses) {
+    // TCP's NAPTR comes first by order; its SRV answer carries both
+    // addresses; UDP's target needs its own lookup. SCTP, TLS and the
+    // record without the "s" flag are passed over.
+    EXPECT_EQ(targetTexts(locate("sip:naptr.test").targets),
+              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
+
+    ServerLocationOptions v6First;
+    v6First.addressOrder = AddressOrder::V6First;
+    EXPECT_EQ(targetTexts(locate("sip:naptr.test", v6First).targets),
+              (std::vector<std::string>{"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"}));
+
+    ServerLocationOptions withTls;
+    withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
+    EXPECT_EQ(targetTexts(locate("sip:naptr.test", withTls).targets),
+              (std::vector<std::string>{"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070",
+                                        "UDP 127.0.0.22:5080"}));
+    EXPECT_EQ(targetTexts(locate("sips:naptr.test", withTls).targets), (std::vector<std::string>{"TLS 127.0.0.23:5061"}));
+
+    const LocateResult noTls = locate("sips:naptr.test");
+    EXPECT_TRUE(noTls.targets.empty());
+    EXPECT_EQ(noTls.error, "transport not enabled");
+}
+
+TEST_F(ServerLocationDnsmasqTest, WithoutNaptrTriesSrvPerTransportInPriorityOrder) {
+    EXPECT_EQ(targetTexts(locate("sip:prio.test").targets),
+              (std::vector<std::string>{"UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002", "TCP 127.0.0.33:5003"}));
+
+    ServerLocationOptions tcpFirst;
+    tcpFirst.transports = {TransportKind::Tcp, TransportKind::Udp};
+    EXPECT_EQ(targetTexts(locate("sip:prio.test", tcpFirst).targets),
+              (std::vector<std::string>{"TCP 127.0.0.33:5003", "UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002"}));
+}
+
+TEST_F(ServerLocationDnsmasqTest, EqualPrioritiesComeInWeightedRandomOrder) {
+    ServerLocationOptions options;
+    auto engine = std::make_shared<std::mt19937>(3263);
+    options.random = [engine](uint32_t bound) { return std::uniform_int_distribution<uint32_t>(0, bound)(*engine); };
+    ServerLocator locator(*client_, options);
+    const std::vector<std::string> heavyFirst = {"UDP 127.0.0.41:5060", "UDP 127.0.0.42:5060"};
+    const std::vector<std::string> lightFirst = {"UDP 127.0.0.42:5060", "UDP 127.0.0.41:5060"};
+    int heavy = 0;
+    int light = 0;
+    for (int i = 0; i < 400; ++i) {
+        const auto order = targetTexts(locateWith(locator, "sip:weight.test").targets);
+        if (order == heavyFirst) {
+            ++heavy;
+        } else if (order == lightFirst) {
+            ++light;
+        } else {
+            ADD_FAILURE() << "unexpected targets at run " << i;
+            break;
+        }
+    }
+    // 60 : 20 -> three in four runs start with the heavy one.
+    EXPECT_NEAR(heavy, 300, 45);
+    EXPECT_EQ(heavy + light, 400);
+    EXPECT_LE(client_->stats().udpQueriesSent, 8U) << "repeated lookups come from the cache";
+}
+
+TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
+    struct Case {
+        const char* uri;
+        std::vector<std::string> targets;
+        uint64_t queries;  // sent to dnsmasq for this URI, the cache cleared before
+        const char* error = "";
+    } cases[] = {
+        // Nothing published but addresses: UDP on 5060.
+        {"sip:plain.test", {"UDP 127.0.0.51:5060", "UDP [::51]:5060"}, 5},
+        // An explicit port: only A and AAAA, whatever NAPTR and SRV say.
+        {"sip:plain.test:5099", {"UDP 127.0.0.51:5099", "UDP [::51]:5099"}, 2},
+        {"sip:plain.test:5099;transport=tcp", {"TCP 127.0.0.51:5099", "TCP [::51]:5099"}, 2},
+        {"sip:naptr.test:5099", {}, 2, "no server found"},
+        // A transport parameter: that transport's SRV, else its default port.
+        {"sip:naptr.test;transport=udp", {"UDP 127.0.0.22:5080"}, 3},
+        {"sip:naptr.test;transport=TCP", {"TCP 127.0.0.21:5070", "TCP [::21]:5070"}, 1},
+        {"sip:plain.test;transport=tcp", {"TCP 127.0.0.51:5060", "TCP [::51]:5060"}, 3},
+        {"sip:nowhere.test", {}, 5, "no server found"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.uri);
+        client_->clearCache();
+        const uint64_t before = client_->stats().udpQueriesSent;
+        const LocateResult r = locate(c.uri);
+        EXPECT_EQ(targetTexts(r.targets), c.targets);
+        EXPECT_EQ(r.error, c.error);
+        EXPECT_EQ(client_->stats().udpQueriesSent - before, c.queries);
+    }
+}
+
+TEST_F(ServerLocationDnsmasqTest, FallsBackToTcpWhenUdpIsNotEnabled) {
+    ServerLocationOptions tcpOnly;
+    tcpOnly.transports = {TransportKind::Tcp};
+    EXPECT_EQ(targetTexts(locate("sip:plain.test", tcpOnly).targets),
+              (std::vector<std::string>{"TCP 127.0.0.51:5060", "TCP [::51]:5060"}));
+    EXPECT_EQ(targetTexts(locate("sip:naptr.test", tcpOnly).targets),
+              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070"}));
+}
+
+TEST_F(ServerLocationDnsmasqTest, ResolvesPastASilentFirstServer) {
+    // Real time here: every query of the three stages meets the silent
+    // server first, so the try time-out is kept short.
+    SilentServer silent;
+    EventLoop loop;
+    DnsClientOptions options;
+    options.servers = {silent.address, dnsmasq_->address()};
+    options.tryTimeout = 150ms;
+    options.triesPerServer = 1;
+    DnsClient client(loop, options);
+    ServerLocator locator(client);
+    loop.start();
+
+    std::promise<LocateResult> promise;
+    auto future = promise.get_future();
+    loop.post([&] { locator.locate(*SipUri::parse("sip:naptr.test"), [&](LocateResult r) { promise.set_value(std::move(r)); }); });
+    ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(targetTexts(future.get().targets),
+              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
+    loop.stop();
+    EXPECT_GE(silent.drain(), 3U) << "NAPTR, SRV and A/AAAA each met the silent server first";
+}
+
+}  // namespace
+}  // namespace kelsip::dns
