@@ -1,0 +1,318 @@
+// The transaction layer in virtual time over a recording transport:
+// retransmission schedules, time-outs, ACKs, absorbing retransmissions.
+#include "sip/transaction.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "sip/address.h"
+#include "support/log_capture.h"
+
+namespace kelsip {
+namespace {
+
+using namespace std::chrono_literals;
+
+const SipTarget kUdpPeer{TransportKind::Udp, *net::SocketAddress::parseWithPort("192.0.2.1:5060"), 0};
+const SipTarget kTcpPeer{TransportKind::Tcp, *net::SocketAddress::parseWithPort("192.0.2.1:5060"), 4};
+
+SipMessage request(const std::string& method, const std::string& via = "SIP/2.0/UDP 192.0.2.9:5060") {
+    SipMessage m;
+    m.isRequest = true;
+    m.method = method;
+    m.requestUri = *SipUri::parse("sip:bob@192.0.2.1");
+    m.addHeader("Via", via);
+    m.addHeader("Route", "<sip:proxy.example.com;lr>");
+    m.addHeader("From", "<sip:alice@example.com>;tag=a1");
+    m.addHeader("To", "<sip:bob@example.com>");
+    m.addHeader("Call-ID", "call-1@192.0.2.9");
+    m.addHeader("CSeq", "7 " + method);
+    return m;
+}
+
+SipMessage responseTo(const SipMessage& req, int code, const std::string& toTag = "b2") {
+    return makeResponse(req, code, "", toTag);
+}
+
+// The transport below the layer: records what was sent and when.
+class TransactionTest : public ::testing::Test {
+protected:
+    struct Sent {
+        int64_t atMs;
+        std::string text;
+        SipTarget target;
+    };
+
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    EventLoop loop{clock};
+    std::vector<Sent> sent;
+    bool transportWorks = true;
+    SipTransactionLayer layer{loop, [this](std::string_view text, const SipTarget& target) {
+                                  if (!transportWorks) return false;
+                                  sent.push_back({clock->nowNs() / 1'000'000, std::string(text), target});
+                                  return true;
+                              }};
+    std::vector<int> answers;  // status codes the callback saw; 0 for a null response
+    test::LogCapture logs;
+
+    ResponseCallback record() {
+        return [this](const SipMessage* r) { answers.push_back(r != nullptr ? r->statusCode : 0); };
+    }
+    std::vector<int64_t> sendTimes() const {
+        std::vector<int64_t> times;
+        for (const Sent& s : sent) times.push_back(s.atMs);
+        return times;
+    }
+    void advance(std::chrono::milliseconds d) { advanceVirtualTime(loop, *clock, d); }
+    SipMessage lastSent() const { return *SipMessage::parse(sent.back().text); }
+};
+
+TEST_F(TransactionTest, NonInviteOverUdpRetransmitsCappedAtT2AndTimesOutAt64T1) {
+    const std::string key = layer.sendRequest(request("OPTIONS"), kUdpPeer, record());
+    ASSERT_FALSE(key.empty());
+    advance(31999ms);
+    EXPECT_EQ(sendTimes(), (std::vector<int64_t>{0, 500, 1500, 3500, 7500, 11500, 15500, 19500, 23500, 27500, 31500}));
+    EXPECT_TRUE(answers.empty());
+    advance(1ms);
+    EXPECT_EQ(answers, std::vector<int>{0});
+    EXPECT_TRUE(logs.has("client transaction timeout"));
+    EXPECT_EQ(layer.clientCount(), 0U);
+    advance(60000ms);
+    EXPECT_EQ(sent.size(), 11U);  // nothing after the failure
+}
+
+TEST_F(TransactionTest, InviteOverUdpDoublesWithoutLimit) {
+    (void)layer.sendRequest(request("INVITE"), kUdpPeer, record());
+    advance(40000ms);
+    EXPECT_EQ(sendTimes(), (std::vector<int64_t>{0, 500, 1500, 3500, 7500, 15500, 31500}));
+    EXPECT_EQ(answers, std::vector<int>{0});
+}
+
+TEST_F(TransactionTest, AProvisionalAnswerMovesNonInviteRetransmissionsToT2AndStopsInviteOnes) {
+    const SipMessage options = request("OPTIONS");
+    (void)layer.sendRequest(options, kUdpPeer, record());
+    const SipMessage sentOptions = lastSent();
+    advance(600ms);
+    layer.handleResponse(responseTo(sentOptions, 100), kUdpPeer);
+    advance(10000ms);
+    // 1500 was already scheduled with the doubled interval; then every T2.
+    EXPECT_EQ(sendTimes(), (std::vector<int64_t>{0, 500, 1500, 5500, 9500}));
+    layer.handleResponse(responseTo(sentOptions, 200), kUdpPeer);
+
+    sent.clear();
+    (void)layer.sendRequest(request("INVITE", "SIP/2.0/UDP 192.0.2.9:5060;branch=z9hG4bKinvite1"), kUdpPeer, record());
+    layer.handleResponse(responseTo(lastSent(), 180), kUdpPeer);
+    advance(20000ms);
+    EXPECT_EQ(sent.size(), 1U);  // Proceeding: the INVITE is not repeated
+    EXPECT_EQ(answers, (std::vector<int>{100, 200, 180}));
+}
+
+TEST_F(TransactionTest, ReliableTransportsNeverRetransmitButStillTimeOut) {
+    const std::string key = layer.sendRequest(request("REGISTER"), kTcpPeer, record());
+    advance(31999ms);
+    EXPECT_EQ(sendTimes(), std::vector<int64_t>{0});
+    advance(1ms);
+    EXPECT_EQ(answers, std::vector<int>{0});
+
+    // A completed transaction over TCP is gone at once.
+    const std::string k2 = layer.sendRequest(request("OPTIONS"), kTcpPeer, record());
+    layer.handleResponse(responseTo(lastSent(), 200), kTcpPeer);
+    loop.runDue();
+    EXPECT_FALSE(layer.clientState(k2));
+}
+
+TEST_F(TransactionTest, FailureToInviteIsAcknowledgedByTheLayerAndRepeatsAbsorbed) {
+    (void)layer.sendRequest(request("INVITE"), kUdpPeer, record());
+    const SipMessage invite = lastSent();
+    const SipMessage busy = responseTo(invite, 486);
+    layer.handleResponse(busy, kUdpPeer);
+    ASSERT_EQ(sent.size(), 2U);
+    const SipMessage ack = lastSent();
+    EXPECT_EQ(ack.method, "ACK");
+    EXPECT_EQ(ack.requestUri, invite.requestUri);
+    EXPECT_EQ(ack.vias(), invite.vias());  // same branch: the INVITE's transaction
+    EXPECT_EQ(ack.routes(), invite.routes());
+    EXPECT_EQ(ack.header("From"), invite.header("From"));
+    EXPECT_EQ(ack.header("To"), busy.header("To"));  // with the answer's tag
+    EXPECT_EQ(ack.callId(), invite.callId());
+    EXPECT_EQ(ack.header("CSeq"), "7 ACK");
+    EXPECT_EQ(ack.header("Max-Forwards"), "70");
+
+    advance(2000ms);
+    layer.handleResponse(busy, kUdpPeer);  // the 486 again: ACK again, nothing up
+    EXPECT_EQ(sent.size(), 3U);
+    EXPECT_EQ(answers, std::vector<int>{486});
+    advance(30000ms);
+    EXPECT_EQ(layer.clientCount(), 0U);  // lingered 32 s over UDP
+    EXPECT_EQ(sent.size(), 3U);          // and never retransmitted the INVITE
+}
+
+TEST_F(TransactionTest, TwoHundredsToInviteGoUpEvenAfterTheFirst) {
+    std::vector<std::string> stray;
+    layer.setStrayResponseHandler([&](const SipMessage& r, const SipTarget&) { stray.push_back(r.toTag()); });
+    (void)layer.sendRequest(request("INVITE"), kUdpPeer, record());
+    const SipMessage invite = lastSent();
+    layer.handleResponse(responseTo(invite, 200, "fork1"), kUdpPeer);
+    layer.handleResponse(responseTo(invite, 200, "fork2"), kUdpPeer);
+    EXPECT_EQ(answers, (std::vector<int>{200, 200}));
+    EXPECT_EQ(sent.size(), 1U);  // the layer never acknowledges a 2xx
+    advance(32000ms);
+    layer.handleResponse(responseTo(invite, 200, "fork1"), kUdpPeer);
+    EXPECT_EQ(stray, std::vector<std::string>{"fork1"});
+}
+
+TEST_F(TransactionTest, RefusesBadAndDuplicateRequests) {
+    SipMessage noVia = request("OPTIONS");
+    noVia.removeHeader("Via");
+    EXPECT_EQ(layer.sendRequest(noVia, kUdpPeer, record()), "");
+    EXPECT_EQ(layer.sendRequest(request("ACK"), kUdpPeer, record()), "");
+    EXPECT_TRUE(logs.has("sendRequest: request needs Via/CSeq and must not be ACK"));
+
+    const SipMessage withBranch = request("OPTIONS", "SIP/2.0/UDP 192.0.2.9;branch=z9hG4bKsame");
+    EXPECT_EQ(layer.sendRequest(withBranch, kUdpPeer, record()), "z9hG4bKsame|OPTIONS");
+    EXPECT_EQ(layer.sendRequest(withBranch, kUdpPeer, record()), "");
+    EXPECT_TRUE(logs.has("sendRequest: duplicate transaction"));
+}
+
+TEST_F(TransactionTest, GivesEveryNewRequestAFreshBranchAndMaxForwards) {
+    (void)layer.sendRequest(request("OPTIONS"), kUdpPeer, record());
+    (void)layer.sendRequest(request("OPTIONS"), kUdpPeer, record());
+    const auto a = Via::parse(SipMessage::parse(sent[0].text)->vias().front())->branch();
+    const auto b = Via::parse(SipMessage::parse(sent[1].text)->vias().front())->branch();
+    EXPECT_TRUE(std::regex_match(a, std::regex("z9hG4bK[A-Za-z0-9]{20}"))) << a;
+    EXPECT_NE(a, b);
+    EXPECT_EQ(SipMessage::parse(sent[0].text)->maxForwards(), 70);
+}
+
+TEST_F(TransactionTest, TransportFailuresFailTheTransaction) {
+    transportWorks = false;
+    const std::string key = layer.sendRequest(request("OPTIONS"), kUdpPeer, record());
+    EXPECT_FALSE(key.empty());
+    EXPECT_TRUE(logs.has("transport error sending OPTIONS to UDP 192.0.2.1:5060"));
+    EXPECT_TRUE(answers.empty());  // reported from the loop, not from inside sendRequest
+    loop.runDue();
+    EXPECT_EQ(answers, std::vector<int>{0});
+
+    transportWorks = true;
+    const std::string tcp = layer.sendRequest(request("OPTIONS"), kTcpPeer, record());
+    layer.handleTransportError(SipTarget{TransportKind::Tcp, kTcpPeer.address, 0});
+    EXPECT_TRUE(logs.has("transport failure for " + tcp));
+    EXPECT_EQ(answers, (std::vector<int>{0, 0}));
+    advance(40000ms);
+    EXPECT_EQ(answers.size(), 2U);  // the time-out does not fire a second failure
+}
+
+class ServerTransactionTest : public TransactionTest {
+protected:
+    std::vector<std::string> keys;  // keys of requests passed up, "" for ACK
+    void SetUp() override {
+        layer.setRequestHandler([this](const std::string& key, const SipMessage&, const SipTarget&) { keys.push_back(key); });
+    }
+    SipMessage incoming(const std::string& method, const std::string& branch = "z9hG4bKin1") {
+        return request(method, "SIP/2.0/UDP 192.0.2.1:5070;branch=" + branch);
+    }
+};
+
+TEST_F(ServerTransactionTest, PassesANewRequestUpOnceAndRepeatsTheLastAnswer) {
+    const SipMessage invite = incoming("INVITE");
+    layer.handleRequest(invite, kUdpPeer);
+    layer.handleRequest(invite, kUdpPeer);  // before any answer: absorbed quietly
+    ASSERT_EQ(keys.size(), 1U);
+    EXPECT_TRUE(sent.empty());
+    ASSERT_TRUE(layer.sendResponse(keys[0], responseTo(invite, 180)));
+    layer.handleRequest(invite, kUdpPeer);  // in Proceeding: the 180 again
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[1].text, sent[0].text);
+    EXPECT_EQ(keys.size(), 1U);
+    // Without rport the answer goes to the Via's port, not the packet's source port.
+    EXPECT_EQ(sent[0].target.address.port(), 5070);
+}
+
+TEST_F(ServerTransactionTest, RepeatsAnInviteFailureUntilTheAck) {
+    const SipMessage invite = incoming("INVITE");
+    layer.handleRequest(invite, kUdpPeer);
+    ASSERT_TRUE(layer.sendResponse(keys[0], responseTo(invite, 486)));
+    advance(8000ms);
+    EXPECT_EQ(sendTimes(), (std::vector<int64_t>{0, 500, 1500, 3500, 7500}));
+    SipMessage ack = incoming("ACK");
+    ack.setHeader("CSeq", "7 ACK");
+    layer.handleRequest(ack, kUdpPeer);
+    EXPECT_EQ(layer.serverState(keys[0]), TransactionState::Confirmed);
+    advance(30000ms);
+    EXPECT_EQ(sent.size(), 5U);
+    EXPECT_EQ(keys.size(), 1U);  // the ACK was absorbed
+    EXPECT_EQ(layer.serverCount(), 0U);
+    EXPECT_FALSE(logs.has("no ACK received for final response"));
+}
+
+TEST_F(ServerTransactionTest, GivesUpWithoutAnAck) {
+    const SipMessage invite = incoming("INVITE");
+    layer.handleRequest(invite, kUdpPeer);
+    ASSERT_TRUE(layer.sendResponse(keys[0], responseTo(invite, 603)));
+    advance(31999ms);
+    EXPECT_EQ(sendTimes(), (std::vector<int64_t>{0, 500, 1500, 3500, 7500, 11500, 15500, 19500, 23500, 27500, 31500}));
+    advance(1ms);
+    EXPECT_TRUE(logs.has("no ACK received for final response"));
+    EXPECT_EQ(layer.serverCount(), 0U);
+}
+
+TEST_F(ServerTransactionTest, NonInviteAnswersLingerForRetransmissions) {
+    const SipMessage options = incoming("OPTIONS");
+    layer.handleRequest(options, kUdpPeer);
+    ASSERT_TRUE(layer.sendResponse(keys[0], responseTo(options, 200)));
+    EXPECT_FALSE(layer.sendResponse(keys[0], responseTo(options, 500)));
+    EXPECT_TRUE(logs.has("sendResponse: transaction already completed"));
+    advance(31000ms);
+    layer.handleRequest(options, kUdpPeer);
+    EXPECT_EQ(sent.size(), 2U);
+    advance(1000ms);
+    EXPECT_EQ(layer.serverCount(), 0U);
+    EXPECT_FALSE(layer.sendResponse("nope", responseTo(options, 200)));
+    EXPECT_TRUE(logs.has("sendResponse: no server transaction"));
+}
+
+TEST_F(ServerTransactionTest, AckForATwoHundredAndCancelReachTheUserAgent) {
+    const SipMessage invite = incoming("INVITE");
+    layer.handleRequest(invite, kUdpPeer);
+    const SipMessage cancel = incoming("CANCEL");
+    layer.handleRequest(cancel, kUdpPeer);
+    ASSERT_EQ(keys.size(), 2U);
+    EXPECT_NE(keys[0], keys[1]);  // its own transaction
+    EXPECT_EQ(layer.inviteKeyForCancel(cancel), keys[0]);
+    EXPECT_FALSE(layer.inviteKeyForCancel(incoming("CANCEL", "z9hG4bKother")));
+
+    ASSERT_TRUE(layer.sendResponse(keys[0], responseTo(invite, 200)));
+    layer.handleRequest(invite, kUdpPeer);  // absorbed: the dialog repeats its own 2xx
+    EXPECT_EQ(sent.size(), 1U);
+    SipMessage ack = incoming("ACK", "z9hG4bKack");
+    ack.setHeader("CSeq", "7 ACK");
+    layer.handleRequest(ack, kUdpPeer);
+    EXPECT_EQ(keys.back(), "");
+}
+
+TEST_F(ServerTransactionTest, MatchesRequestsWithoutTheMagicCookieByRfc2543Rules) {
+    const SipMessage invite = request("INVITE", "SIP/2.0/UDP 192.0.2.1:5070;branch=old-style");
+    layer.handleRequest(invite, kUdpPeer);
+    layer.handleRequest(invite, kUdpPeer);
+    ASSERT_EQ(keys.size(), 1U);
+    const SipMessage busy = responseTo(invite, 486, "srv");
+    ASSERT_TRUE(layer.sendResponse(keys[0], busy));
+    SipMessage ack = request("ACK", "SIP/2.0/UDP 192.0.2.1:5070;branch=old-style");
+    ack.setHeader("CSeq", "7 ACK");
+    ack.setHeader("To", *busy.header("To"));
+    layer.handleRequest(ack, kUdpPeer);
+    EXPECT_EQ(layer.serverState(keys[0]), TransactionState::Confirmed);
+    EXPECT_EQ(keys.size(), 1U);
+}
+
+TEST_F(ServerTransactionTest, AnswersGoToTheSourcePortWithRport) {
+    SipMessage options = request("OPTIONS", "SIP/2.0/UDP 10.0.0.5:5070;rport=40000;received=192.0.2.1;branch=z9hG4bKr");
+    const SipTarget natted{TransportKind::Udp, *net::SocketAddress::parseWithPort("192.0.2.1:40000"), 0};
+    layer.handleRequest(options, natted);
+    ASSERT_TRUE(layer.sendResponse(keys[0], responseTo(options, 200)));
+    EXPECT_EQ(sent[0].target, natted);
+}
+
+}  // namespace
+}  // namespace kelsip
