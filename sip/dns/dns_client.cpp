@@ -17,6 +17,7 @@
 #include "sip/dns/dns_servers.h"
 #include "sip/log.h"
 #include "sip/net/socket.h"
+#include "sip/net/waker.h"
 #include "sip/platform/system.h"
 
 namespace kelsip::dns {
@@ -127,30 +128,18 @@ public:
           tryTimeoutNs_(std::max<int64_t>(options.tryTimeout.count(), 1) * 1'000'000),
           triesPerServer_(std::max(options.triesPerServer, 1)),
           clock_(shared_->loop.clock()) {
-        // A datagram to this loopback socket wakes the poll when work arrives.
-        wakeReceiver_ = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
-        wakeSender_ = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
-        if (wakeReceiver_.valid() && wakeReceiver_.setNonBlocking(true) &&
-            wakeReceiver_.bind(net::SocketAddress::loopback(net::AddressFamily::V4))) {
-            if (auto local = wakeReceiver_.localAddress()) wakeAddress_ = *local;
-        }
         thread_ = std::thread([this] { run(); });
     }
 
     ~Worker() {
         stop_.store(true);
-        wake();
+        waker_.wake();
         thread_.join();
     }
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    void wake() {
-        std::lock_guard lock(wakeMutex_);
-        if (wakeAddress_.port() == 0 || !wakeSender_.valid()) return;
-        const uint8_t byte = 1;
-        static_cast<void>(wakeSender_.sendTo(&byte, 1, wakeAddress_));
-    }
+    void wake() { waker_.wake(); }
 
 private:
     enum class Mode { Udp, TcpConnecting, TcpSending, TcpReceiving };
@@ -186,8 +175,8 @@ private:
 
             entries.clear();
             net::PollEntry wakeEntry;
-            wakeEntry.socket = wakeReceiver_.native();
-            wakeEntry.wantRead = wakeAddress_.port() != 0;
+            wakeEntry.socket = waker_.native();
+            wakeEntry.wantRead = waker_.valid();
             entries.push_back(wakeEntry);
             for (const auto& ex : active_) {
                 net::PollEntry e;
@@ -197,7 +186,7 @@ private:
                 entries.push_back(e);
             }
             if (net::poll(entries, pollTimeoutMs()) < 0) continue;
-            if (entries[0].readable) drainWake(buffer);
+            if (entries[0].readable) waker_.drain();
             for (size_t i = 1; i < entries.size() && i <= active_.size(); ++i) {
                 Exchange& ex = *active_[i - 1];
                 if (ex.done) continue;
@@ -208,8 +197,8 @@ private:
     }
 
     int pollTimeoutMs() const {
-        // Without a wake socket new work is only seen by looking again.
-        int timeout = wakeAddress_.port() == 0 ? 20 : -1;
+        // Without a waker new work is only seen by looking again.
+        int timeout = waker_.valid() ? -1 : 20;
         if (active_.empty()) return timeout;
         int64_t earliest = INT64_MAX;
         for (const auto& ex : active_) earliest = std::min(earliest, ex->deadlineNs);
@@ -218,13 +207,6 @@ private:
         // A manual clock moves without telling anyone: look at it often.
         if (!clock_.isReal()) ms = std::min(ms, 1);
         return timeout < 0 ? ms : std::min(ms, timeout);
-    }
-
-    void drainWake(std::vector<uint8_t>& buffer) {
-        net::SocketAddress from;
-        for (int i = 0; i < 64; ++i) {
-            if (!wakeReceiver_.receiveFrom(buffer.data(), buffer.size(), from).ok()) break;
-        }
     }
 
     void takeRequests() {
@@ -447,10 +429,7 @@ private:
     const int triesPerServer_;
     const Clock& clock_;
     std::vector<std::unique_ptr<Exchange>> active_;
-    net::Socket wakeReceiver_;
-    std::mutex wakeMutex_;
-    net::Socket wakeSender_;
-    net::SocketAddress wakeAddress_;
+    net::Waker waker_;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
