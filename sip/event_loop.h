@@ -41,8 +41,9 @@ public:
     void cancel(TimerId id);
 
     // Runs `f` on the loop thread and returns its result (or rethrows what it
-    // threw). Called on the loop thread, or on a loop driven in virtual time
-    // without a thread, it runs `f` at once instead of waiting on itself.
+    // threw). Called on the loop thread, or while the loop has no thread (not
+    // started yet, stopped, or driven in virtual time by its owner), it runs
+    // `f` at once: waiting would never end.
     template <typename F>
     auto invoke(F&& f) -> std::invoke_result_t<F&>;
 
@@ -96,7 +97,7 @@ void advanceVirtualTime(EventLoop& loop, ManualClock& clock, std::chrono::nanose
 template <typename F>
 auto EventLoop::invoke(F&& f) -> std::invoke_result_t<F&> {
     using R = std::invoke_result_t<F&>;
-    if (isLoopThread() || (!isRunning() && !clock_->isReal())) return f();
+    if (isLoopThread() || !isRunning()) return f();
     auto task = std::make_shared<std::packaged_task<R()>>(std::forward<F>(f));
     std::future<R> result = task->get_future();
     post([task] { (*task)(); });
