@@ -160,7 +160,7 @@ bool splitVia(std::string_view s, ViaView& out) {
     if (s.empty() || !text::isSpace(s.front())) return false;
     // Parentheses only ever open a comment; anywhere else they could not be
     // written back without being read as one.
-    if (s.find_first_of("()") != std::string_view::npos) return false;
+    if (text::containsEither(s, '(', ')')) return false;
     const size_t semi = s.find(';');
     if (!splitHostPort(s.substr(0, semi), out.host, out.port)) return false;
     if (semi != std::string_view::npos) out.params = s.substr(semi + 1);

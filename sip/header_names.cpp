@@ -59,11 +59,18 @@ std::string canonicalHeaderName(std::string_view name) {
     const std::string_view table =
         name.size() == 1 ? compactSpelling(text::toLower(name.front())) : irregularSpelling(name);
     if (!table.empty()) return std::string(table);
-    std::string out(name);
+    // Most names arrive already in canonical spelling: copy them as they are.
     bool wordStart = true;
-    for (char& c : out) {
-        c = wordStart ? text::toUpper(c) : text::toLower(c);
+    size_t i = 0;
+    for (; i < name.size(); ++i) {
+        const char c = name[i];
+        if (c != (wordStart ? text::toUpper(c) : text::toLower(c))) break;
         wordStart = (c == '-');
+    }
+    std::string out(name);
+    for (; i < out.size(); ++i) {
+        out[i] = wordStart ? text::toUpper(out[i]) : text::toLower(out[i]);
+        wordStart = (out[i] == '-');
     }
     return out;
 }

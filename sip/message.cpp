@@ -98,7 +98,7 @@ std::optional<CSeq> SipMessage::cseq() const {
     const HeaderField* h = find("CSeq");
     if (h == nullptr) return std::nullopt;
     const std::string_view v = text::trim(h->value);
-    const size_t gap = v.find_first_of(" \t");
+    const size_t gap = text::findEither(v, ' ', '\t');
     if (gap == std::string_view::npos) return std::nullopt;
     const auto number = parseHeaderInteger(v.substr(0, gap));
     const std::string_view name = text::trim(v.substr(gap));

@@ -30,7 +30,16 @@ std::optional<std::string> extractStreamMessage(std::string& buffer, std::string
         // Cheap pre-check before canonicalising: only "l" and "content-length" can match.
         if (name.size() != 1 && name.size() != 14) continue;
         if (canonicalHeaderName(name) != "Content-Length") continue;
-        length = parseHeaderInteger(line.substr(colon + 1));
+        // The value may continue on folded lines, as the parser reads it.
+        std::string value(line.substr(colon + 1));
+        while (pos < head.size() && (head[pos] == ' ' || head[pos] == '\t')) {
+            size_t next = head.find('\n', pos);
+            if (next == std::string_view::npos) next = head.size();
+            value += ' ';
+            value += head.substr(pos, next - pos);
+            pos = next + 1;
+        }
+        length = parseHeaderInteger(value);
         if (!length || *length < 0) {
             if (error != nullptr) *error = "bad Content-Length";
             return std::nullopt;

@@ -57,6 +57,23 @@ inline std::string lower(std::string_view s) {
     return out;
 }
 
+// True when `s` holds `a` or `b`. A plain loop: the library's
+// find_first_of searches once per byte for a set, which is far slower here.
+constexpr bool containsEither(std::string_view s, char a, char b) {
+    for (const char c : s) {
+        if (c == a || c == b) return true;
+    }
+    return false;
+}
+
+// Index of the first `a` or `b` in `s`, or npos.
+constexpr size_t findEither(std::string_view s, char a, char b) {
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == a || s[i] == b) return i;
+    }
+    return std::string_view::npos;
+}
+
 // Splits at `sep` outside double quotes (where a backslash escapes the next
 // byte) and outside angle brackets; pieces are trimmed and empty ones dropped.
 std::vector<std::string_view> splitTopLevel(std::string_view s, char sep);

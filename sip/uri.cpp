@@ -78,7 +78,7 @@ namespace {
 
 // Angle brackets cannot survive inside "<...>" of a name-addr, so a URI part
 // that holds one could never be written back; such a URI is refused.
-bool hasAngle(std::string_view s) { return s.find_first_of("<>") != std::string_view::npos; }
+bool hasAngle(std::string_view s) { return text::containsEither(s, '<', '>'); }
 
 bool splitTel(std::string_view rest, UriView& uri) {
     const size_t semi = rest.find(';');

@@ -73,6 +73,18 @@ TEST(StreamFramingTest, ReportsFramingFaults) {
     }
 }
 
+TEST(StreamFramingTest, ReadsAFoldedContentLengthAsTheParserDoes) {
+    const std::string folded = withBody("Content-Length:\r\n   3\r\n", "abc");
+    std::string buffer = folded + "next";
+    std::string error;
+    const auto message = extractStreamMessage(buffer, &error);
+    ASSERT_TRUE(message) << error;
+    EXPECT_EQ(buffer, "next");
+    const auto parsed = SipMessage::parse(*message);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->body, "abc");
+}
+
 TEST(StreamFramingTest, HugeDeclaredLengthWaitsInsteadOfOverflowing) {
     std::string buffer = withBody("Content-Length: 9223372036854775807\r\n", "abc");
     std::string error;
