@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -94,21 +93,9 @@ DnsmasqServer::~DnsmasqServer() {
 bool DnsmasqServer::supported() { return true; }
 
 std::string DnsmasqServer::findBinary() {
-    std::vector<std::string> candidates;
-    if (const char* path = std::getenv("PATH")) {
-        std::string_view rest(path);
-        while (!rest.empty()) {
-            const size_t colon = rest.find(':');
-            const std::string_view folder = rest.substr(0, colon);
-            if (!folder.empty()) candidates.push_back(std::string(folder) + "/dnsmasq");
-            rest.remove_prefix(colon == std::string_view::npos ? rest.size() : colon + 1);
-        }
-    }
-    // Debian puts it in /usr/sbin, which a non-root PATH often lacks.
-    candidates.push_back("/usr/sbin/dnsmasq");
-    candidates.push_back("/sbin/dnsmasq");
-    for (const std::string& candidate : candidates) {
-        if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+    // Debian installs it in /usr/sbin, which a non-root PATH often lacks.
+    for (const char* candidate : {"/usr/sbin/dnsmasq", "/sbin/dnsmasq", "/usr/local/sbin/dnsmasq"}) {
+        if (::access(candidate, X_OK) == 0) return candidate;
     }
     return {};
 }

@@ -63,22 +63,6 @@ TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
     }
 }
 
-TEST(SrvOrderTest, WeightsSetHowOftenEachComesFirst) {
-    std::mt19937 engine(2782);
-    const RandomSource random = [&](uint32_t bound) { return std::uniform_int_distribution<uint32_t>(0, bound)(engine); };
-    const std::vector<SrvData> records = {{10, 20, 5060, "light"}, {10, 60, 5060, "heavy"}, {10, 0, 5060, "spare"}};
-    int heavyFirst = 0;
-    int spareFirst = 0;
-    for (int i = 0; i < 8000; ++i) {
-        const auto order = orderSrvRecords(records, random);
-        heavyFirst += order[0].target == "heavy";
-        spareFirst += order[0].target == "spare";
-    }
-    // Expected 60/81 = 74 % and 1/81 = 1.2 % of the draws.
-    EXPECT_NEAR(heavyFirst, 5926, 300);
-    EXPECT_NEAR(spareFirst, 99, 60);
-}
-
 // A locator over a client whose only server never answers: any DNS use
 // shows as a sent query.
 struct OfflineLocator {
@@ -282,6 +266,12 @@ TEST_F(ServerLocationDnsmasqTest, WithoutNaptrTriesSrvPerTransportInPriorityOrde
     tcpFirst.transports = {TransportKind::Tcp, TransportKind::Udp};
     EXPECT_EQ(targetTexts(locate("sip:prio.test", tcpFirst).targets),
               (std::vector<std::string>{"TCP 127.0.0.33:5003", "UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002"}));
+
+    // Without UDP, the last resort is TCP on 5060.
+    ServerLocationOptions tcpOnly;
+    tcpOnly.transports = {TransportKind::Tcp};
+    EXPECT_EQ(targetTexts(locate("sip:plain.test", tcpOnly).targets),
+              (std::vector<std::string>{"TCP 127.0.0.51:5060", "TCP [::51]:5060"}));
 }
 
 TEST_F(ServerLocationDnsmasqTest, EqualPrioritiesComeInWeightedRandomOrder) {
@@ -338,15 +328,6 @@ TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
         EXPECT_EQ(r.error, c.error);
         EXPECT_EQ(client_->stats().udpQueriesSent - before, c.queries);
     }
-}
-
-TEST_F(ServerLocationDnsmasqTest, FallsBackToTcpWhenUdpIsNotEnabled) {
-    ServerLocationOptions tcpOnly;
-    tcpOnly.transports = {TransportKind::Tcp};
-    EXPECT_EQ(targetTexts(locate("sip:plain.test", tcpOnly).targets),
-              (std::vector<std::string>{"TCP 127.0.0.51:5060", "TCP [::51]:5060"}));
-    EXPECT_EQ(targetTexts(locate("sip:naptr.test", tcpOnly).targets),
-              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070"}));
 }
 
 TEST_F(ServerLocationDnsmasqTest, ResolvesPastASilentFirstServer) {
