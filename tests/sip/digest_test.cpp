@@ -1,0 +1,154 @@
+// Digest authentication: challenges read, responses computed, credentials written.
+#include "sip/digest.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace kelsip {
+namespace {
+
+TEST(DigestTest, ComputesResponses) {
+    const struct {
+        const char* what;
+        DigestChallenge challenge;
+        DigestRequest request;
+        const char* response;
+    } cases[] = {
+        {"RFC 2617 section 3.5",
+         {"testrealm@host.com", "dcd98b7102dd2f0e8b11d0f600bfb0c093", "5ccc069c403ebaf9f0171e9517f40e41", "MD5",
+          "auth"},
+         {"Mufasa", "Circle Of Life", "GET", "/dir/index.html", 1, "0a4f113b"},
+         "6629fae49393a05397450978507c4ef1"},
+        // Worked by hand: HA1 = md5("alice:example.com:secret") = b1726872...,
+        // session HA1 = md5(HA1 ":5f2e9c1b7a:deadbeefcafe0001") = 64a9af45...,
+        // HA2 = md5("REGISTER:sip:example.com") = 0264b00a...
+        {"MD5-sess with qop, second request under the nonce",
+         {"example.com", "5f2e9c1b7a", "", "MD5-sess", "auth"},
+         {"alice", "secret", "REGISTER", "sip:example.com", 2, "deadbeefcafe0001"},
+         "bde46619bb942893e2c2fd43ca2a0f94"},
+        {"MD5-sess spelled in other case, no qop",
+         {"example.com", "5f2e9c1b7a", "", "md5-SESS"},
+         {"alice", "secret", "REGISTER", "sip:example.com", 1, "deadbeefcafe0001"},
+         "aacc4a6a43f865cbb4f99c2a1d042bd5"},
+        {"MD5 without qop ignores nc and cnonce",
+         {"example.com", "5f2e9c1b7a"},
+         {"alice", "secret", "REGISTER", "sip:example.com", 7, "ignored"},
+         "ad453bdc7dc6bf384901b99bddca6a2c"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(computeResponse(c.challenge, c.request), c.response) << c.what;
+    }
+}
+
+TEST(DigestTest, ParsesChallengesOrRefusesThem) {
+    struct Expect {
+        const char* realm = "";
+        const char* nonce = "";
+        const char* opaque = "";
+        const char* algorithm = "MD5";
+        const char* qop = "";
+        bool stale = false;
+    };
+    const struct {
+        const char* value;
+        bool ok;
+        Expect expect = {};
+    } cases[] = {
+        {R"(Digest realm="a.com", nonce="n1", opaque="o", algorithm=MD5, qop="auth")", true,
+         {"a.com", "n1", "o", "MD5", "auth"}},
+        {R"(digest nonce="n1", algorithm=md5-sess)", true, {"", "n1", "", "md5-sess"}},
+        {" \tDIGEST\trealm = \"a\" ,\t nonce=n1 , qop = \" auth-int , Auth\" \t", true, {"a", "n1", "", "MD5", "auth"}},
+        {R"(Digest nonce="n1", qop="auth-int")", true, {"", "n1"}},
+        {R"(Digest nonce="n1", opaque="x, nonce=evil", realm="r")", true, {"r", "n1", "x, nonce=evil"}},
+        {R"(Digest realm="say \"hi\" \\o/", nonce="n\,1")", true, {"say \"hi\" \\o/", "n,1"}},
+        {R"(Digest nonce="n1", stale=TRUE)", true, {"", "n1", "", "MD5", "", true}},
+        {R"(Digest nonce="n1", stale=false)", true, {"", "n1"}},
+        {R"(Digest nonce="n1", stale="yes")", true, {"", "n1"}},
+        {R"(Digest junk, realm="r", , nonce="n1", noequals)", true, {"r", "n1"}},
+        {R"(Digest nonce="")", true, {}},
+        {R"(Basic realm="a.com")", false},
+        {R"(DigestX nonce="n1")", false},
+        {R"(Digest nonce="n1", algorithm=SHA-256)", false},
+        {R"(Digest nonce="n1", algorithm="")", false},
+        {R"(Digest realm="a.com", qop="auth")", false},
+        {R"(Digest realm="nonce=inside")", false},
+        {"Digest", false},
+        {"", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        const auto parsed = parseChallenge(c.value, false);
+        ASSERT_EQ(parsed.has_value(), c.ok);
+        if (!parsed) continue;
+        EXPECT_EQ(parsed->realm, c.expect.realm);
+        EXPECT_EQ(parsed->nonce, c.expect.nonce);
+        EXPECT_EQ(parsed->opaque, c.expect.opaque);
+        EXPECT_EQ(parsed->algorithm, c.expect.algorithm);
+        EXPECT_EQ(parsed->qop, c.expect.qop);
+        EXPECT_EQ(parsed->stale, c.expect.stale);
+        EXPECT_FALSE(parsed->proxy);
+    }
+}
+
+TEST(DigestTest, AProxyChallengeIsAnsweredInProxyAuthorization) {
+    const auto proxy = parseChallenge(R"(Digest realm="p", nonce="n")", true);
+    ASSERT_TRUE(proxy);
+    EXPECT_TRUE(proxy->proxy);
+    EXPECT_EQ(authorizationHeaderName(*proxy), "Proxy-Authorization");
+    EXPECT_EQ(authorizationHeaderName(DigestChallenge{}), "Authorization");
+}
+
+TEST(DigestTest, WritesCredentialsExactly) {
+    const DigestChallenge plain{"example.com", "5f2e9c1b7a"};
+    DigestRequest request{"alice", "secret", "REGISTER", "sip:example.com"};
+    EXPECT_EQ(buildAuthorization(plain, request),
+              R"(Digest username="alice", realm="example.com", nonce="5f2e9c1b7a", uri="sip:example.com", )"
+              R"(response="ad453bdc7dc6bf384901b99bddca6a2c", algorithm=MD5)");
+    EXPECT_EQ(request.cnonce, "") << "no qop and plain MD5 need no cnonce";
+
+    const DigestChallenge rfc{"testrealm@host.com", "dcd98b7102dd2f0e8b11d0f600bfb0c093",
+                              "5ccc069c403ebaf9f0171e9517f40e41", "MD5", "auth"};
+    DigestRequest mufasa{"Mufasa", "Circle Of Life", "GET", "/dir/index.html", 1, "0a4f113b"};
+    EXPECT_EQ(buildAuthorization(rfc, mufasa),
+              R"(Digest username="Mufasa", realm="testrealm@host.com", nonce="dcd98b7102dd2f0e8b11d0f600bfb0c093", )"
+              R"(uri="/dir/index.html", response="6629fae49393a05397450978507c4ef1", algorithm=MD5, )"
+              R"(opaque="5ccc069c403ebaf9f0171e9517f40e41", qop=auth, nc=00000001, cnonce="0a4f113b")");
+    EXPECT_EQ(mufasa.cnonce, "0a4f113b");
+}
+
+TEST(DigestTest, EscapesQuotesAndBackslashesSoValuesReadBackIntact) {
+    const DigestChallenge challenge{R"(r"e\alm)", "n", R"(o\")"};
+    DigestRequest request{R"(al"ice\)", "pw", "INVITE", "sip:b@h"};
+    const std::string value = buildAuthorization(challenge, request);
+    EXPECT_NE(value.find(R"(username="al\"ice\\")"), std::string::npos) << value;
+    const auto params = parseDigestParams(value);
+    ASSERT_TRUE(params);
+    ASSERT_GE(params->size(), 3u);
+    EXPECT_EQ((*params)[0], (AuthParam{"username", R"(al"ice\)"}));
+    EXPECT_EQ((*params)[1], (AuthParam{"realm", R"(r"e\alm)"}));
+    EXPECT_EQ((*params)[2], (AuthParam{"nonce", "n"}));
+    EXPECT_EQ(params->back(), (AuthParam{"opaque", R"(o\")"}));
+}
+
+TEST(DigestTest, MakesACnonceOnlyWhenNeededAndKeepsIt) {
+    const std::string alphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    for (const DigestChallenge& needing :
+         {DigestChallenge{"r", "n", "", "MD5", "auth"}, DigestChallenge{"r", "n", "", "MD5-sess"}}) {
+        SCOPED_TRACE(needing.algorithm + "/" + needing.qop);
+        DigestRequest request{"u", "p", "REGISTER", "sip:r"};
+        const std::string first = buildAuthorization(needing, request);
+        const std::string cnonce = request.cnonce;
+        EXPECT_EQ(cnonce.size(), 16u);
+        EXPECT_EQ(cnonce.find_first_not_of(alphabet), std::string::npos) << cnonce;
+        EXPECT_EQ(buildAuthorization(needing, request), first);
+        EXPECT_EQ(request.cnonce, cnonce);
+
+        DigestRequest other{"u", "p", "REGISTER", "sip:r"};
+        (void)buildAuthorization(needing, other);
+        EXPECT_NE(other.cnonce, cnonce);
+    }
+}
+
+}  // namespace
+}  // namespace kelsip
