@@ -1,0 +1,235 @@
+// The user agent: the facade hands every operation to the loop; the Impl
+// opens the transports, routes messages and answers what no layer claims.
+#include "sip/user_agent.h"
+
+#include "sip/address.h"
+#include "sip/log.h"
+#include "sip/platform/system.h"
+#include "sip/user_agent_impl.h"
+
+namespace kelsip {
+
+namespace {
+
+constexpr std::string_view kTag = "ua";
+
+std::string makeInstanceId() {
+    uint8_t b[16];
+    if (!platform::secureRandom(b, sizeof b)) std::fill(std::begin(b), std::end(b), uint8_t{0x5a});
+    b[6] = static_cast<uint8_t>((b[6] & 0x0F) | 0x40);  // RFC 4122 version 4
+    b[8] = static_cast<uint8_t>((b[8] & 0x3F) | 0x80);
+    char text[64];
+    std::snprintf(text, sizeof text, "urn:uuid:%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
+                  b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+    return text;
+}
+
+}  // namespace
+
+std::string_view toString(RegistrationState state) {
+    switch (state) {
+        case RegistrationState::Unregistered: return "Unregistered";
+        case RegistrationState::Registering: return "Registering";
+        case RegistrationState::Registered: return "Registered";
+        case RegistrationState::Unregistering: return "Unregistering";
+        case RegistrationState::Failed: return "Failed";
+    }
+    return "Unregistered";
+}
+
+UserAgent::Impl::Impl(UserAgentConfig config)
+    : config_(std::move(config)), loop_(std::make_unique<EventLoop>(config_.clock)) {
+    uint32_t seed = 0;
+    if (!platform::secureRandom(&seed, sizeof seed)) seed = static_cast<uint32_t>(std::random_device{}());
+    random_.seed(seed);
+    if (config_.instanceId.empty()) config_.instanceId = makeInstanceId();
+}
+
+UserAgent::Impl::~Impl() { stop(); }
+
+bool UserAgent::Impl::start(std::string* error) {
+    if (started_) return true;
+    const auto bind = net::SocketAddress::parse(config_.bindAddress);
+    if (!bind) {
+        log::error(kTag, "invalid bind address");
+        if (error != nullptr) *error = "invalid bind address";
+        return false;
+    }
+    transactions_ = std::make_unique<SipTransactionLayer>(
+        *loop_, [this](std::string_view text, const SipTarget& target) { return sendText(text, target); },
+        config_.timers);
+    transactions_->setRequestHandler(
+        [this](const std::string& key, const SipMessage& m, const SipTarget& source) { onRequest(key, m, source); });
+
+    auto onMessage = [this](SipMessage m, const SipTarget& source) {
+        if (!transactions_) return;
+        if (m.isRequest) {
+            transactions_->handleRequest(m, source);
+        } else {
+            transactions_->handleResponse(m, source);
+        }
+    };
+    auto onError = [this](const SipTarget& target) {
+        if (transactions_) transactions_->handleTransportError(target);
+    };
+    if (config_.udpPort >= 0) {
+        net::SocketAddress at = *bind;
+        at.setPort(static_cast<uint16_t>(config_.udpPort));
+        udp_ = std::make_unique<UdpTransport>(*loop_, UdpTransportConfig{at});
+        udp_->setReceiveHandler(onMessage);
+        udp_->setErrorHandler(onError);
+        if (!udp_->open(nullptr)) udp_.reset();
+    }
+    if (config_.tcpPort >= 0) {
+        StreamTransportConfig tcpConfig;
+        tcpConfig.bindAddress = *bind;
+        tcpConfig.bindAddress.setPort(static_cast<uint16_t>(config_.tcpPort));
+        tcp_ = StreamTransport::create(*loop_, tcpConfig, nullptr);
+        tcp_->setReceiveHandler(onMessage);
+        tcp_->setErrorHandler(onError);
+        if (!tcp_->open(nullptr)) tcp_.reset();
+    }
+    if (!udp_ && !tcp_) {
+        transactions_.reset();
+        log::error(kTag, "no SIP transport could be started");
+        if (error != nullptr) *error = "no SIP transport could be started";
+        return false;
+    }
+    dns::DnsClientOptions dnsOptions;
+    dnsOptions.servers = config_.dnsServers;
+    dns_ = std::make_unique<dns::DnsClient>(*loop_, dnsOptions);
+    dns::ServerLocationOptions where;
+    where.transports.clear();
+    if (udp_) where.transports.push_back(TransportKind::Udp);
+    if (tcp_) where.transports.push_back(TransportKind::Tcp);
+    locator_ = std::make_unique<dns::ServerLocator>(*dns_, where);
+    started_ = true;
+    if (ownsLoopThread()) loop_->start();
+    return true;
+}
+
+void UserAgent::Impl::stop() {
+    for (auto& [id, line] : lines_) cancelTimers(line);
+    // Transports first: no message may arrive for a layer that is gone.
+    if (udp_) udp_->close();
+    if (tcp_) tcp_->close();
+    if (ownsLoopThread()) loop_->stop();
+    locator_.reset();
+    dns_.reset();
+    transactions_.reset();
+    udp_.reset();
+    tcp_.reset();
+    started_ = false;
+}
+
+net::SocketAddress UserAgent::Impl::localAddress(TransportKind kind) const {
+    if (kind == TransportKind::Udp && udp_) return udp_->localAddress();
+    if (kind == TransportKind::Tcp && tcp_) return tcp_->localAddress();
+    return {};
+}
+
+bool UserAgent::Impl::sendText(std::string_view text, const SipTarget& target) {
+    SipTransport* transport = nullptr;
+    if (target.kind == TransportKind::Udp) transport = udp_.get();
+    if (target.kind == TransportKind::Tcp) transport = tcp_.get();
+    return transport != nullptr && transport->send(text, target);
+}
+
+std::string UserAgent::Impl::randomToken(size_t length) {
+    static constexpr std::string_view kAlphabet = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::uniform_int_distribution<size_t> pick(0, kAlphabet.size() - 1);
+    std::string out;
+    for (size_t i = 0; i < length; ++i) out += kAlphabet[pick(random_)];
+    return out;
+}
+
+std::string UserAgent::Impl::contactHost(const SipTarget& target) const {
+    // The address the system would send from towards this target, with the
+    // port our transport of that kind listens on.
+    net::SocketAddress local = localAddress(target.kind);
+    if (local.isAny()) {
+        if (const auto toward = net::localAddressToward(target.address)) {
+            const uint16_t port = local.port();
+            local = *toward;
+            local.setPort(port);
+        }
+    }
+    return local.host() + ":" + std::to_string(local.port());
+}
+
+std::string UserAgent::Impl::viaFor(const SipTarget& target) const {
+    return "SIP/2.0/" + std::string(transportName(target.kind)) + " " + contactHost(target) + ";rport";
+}
+
+void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& request, const SipTarget&) {
+    if (key.empty()) return;  // an ACK: nothing of ours to acknowledge yet
+    static constexpr std::string_view kAllow = "OPTIONS";
+    SipMessage answer = makeResponse(request, request.method == "OPTIONS" ? 200 : 405, "", randomToken(10));
+    answer.addHeader("Allow", kAllow);
+    answer.addHeader("Server", config_.userAgent);
+    (void)transactions_->sendResponse(key, answer);
+}
+
+UserAgent::UserAgent(UserAgentConfig config) : impl_(std::make_unique<Impl>(std::move(config))) {}
+
+UserAgent::~UserAgent() {
+    impl_->loop().invoke([this] { impl_->shutdown(); });
+    impl_->stop();
+}
+
+bool UserAgent::start(std::string* error) {
+    return impl_->start(error);
+}
+
+void UserAgent::shutdown(std::chrono::milliseconds wait) {
+    const size_t sent = impl_->loop().invoke([this] { return impl_->shutdown(); });
+    if (sent > 0 && impl_->ownsLoopThread()) {
+        const auto deadline = std::chrono::steady_clock::now() + wait;
+        bool answered = false;
+        while (!(answered = !impl_->loop().invoke([this] { return impl_->pendingUnregisters(); })) &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        if (!answered) {
+            log::warn(kTag, "no answer to the un-REGISTER within " + std::to_string(wait.count()) + " ms");
+        }
+    }
+    impl_->stop();
+}
+
+int UserAgent::addLine(const LineConfig& config) {
+    return impl_->loop().invoke([&] { return impl_->addLine(config); });
+}
+bool UserAgent::removeLine(int line) {
+    return impl_->loop().invoke([&] { return impl_->removeLine(line); });
+}
+bool UserAgent::registerLine(int line) {
+    return impl_->loop().invoke([&] { return impl_->registerLine(line); });
+}
+bool UserAgent::unregisterLine(int line) {
+    return impl_->loop().invoke([&] { return impl_->unregisterLine(line); });
+}
+RegistrationState UserAgent::registrationState(int line) {
+    return impl_->loop().invoke([&] { return impl_->registrationState(line); });
+}
+std::optional<LineInfo> UserAgent::lineInfo(int line) {
+    return impl_->loop().invoke([&] { return impl_->lineInfo(line); });
+}
+std::vector<int> UserAgent::lines() {
+    return impl_->loop().invoke([&] { return impl_->lineIds(); });
+}
+bool UserAgent::setPush(int line, const PushParams& push) {
+    return impl_->loop().invoke([&] { return impl_->setPush(line, push); });
+}
+PushSupport UserAgent::pushSupport(int line) {
+    return impl_->loop().invoke([&] { return impl_->pushSupport(line); });
+}
+void UserAgent::setListener(std::shared_ptr<UserAgentListener> listener) {
+    impl_->loop().invoke([&] { impl_->setListener(std::move(listener)); });
+}
+net::SocketAddress UserAgent::localAddress(TransportKind kind) {
+    return impl_->loop().invoke([&] { return impl_->localAddress(kind); });
+}
+EventLoop& UserAgent::eventLoop() { return impl_->loop(); }
+
+}  // namespace kelsip

@@ -1,0 +1,176 @@
+// The SIP stack's public face: lines with their registrations, the listener
+// that hears about them, and the value records that cross the interface.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sip/clock.h"
+#include "sip/net/socket_address.h"
+#include "sip/sip_target.h"
+#include "sip/transaction.h"
+
+namespace kelsip {
+
+class EventLoop;
+
+enum class RegistrationState { Unregistered = 0, Registering = 1, Registered = 2, Unregistering = 3, Failed = 4 };
+// "Unregistered", "Registering", "Registered", "Unregistering", "Failed".
+[[nodiscard]] std::string_view toString(RegistrationState state);
+
+enum class DtmfMethod { Rfc4733, Info };
+
+// RFC 8599 push notification parameters a line registers with.
+struct PushParams {
+    std::string provider;  // pn-provider, e.g. "apns", "fcm"
+    std::string param;     // pn-param
+    std::string prid;      // pn-prid: the device's token
+    [[nodiscard]] bool set() const { return !provider.empty() && !prid.empty(); }
+};
+
+// What the registrar said about push in its last 2xx.
+struct PushSupport {
+    bool announced = false;          // a Feature-Caps "+sip.pns" was present
+    std::string providers;           // its value, e.g. "apns"
+    int refreshBeforeExpiry = 0;     // "+sip.pnsreg" seconds, 0 when absent
+};
+
+struct LineConfig {
+    std::string user;            // the user part of the address of record
+    std::string authUser;        // authentication name; empty: `user`
+    std::string password;
+    std::string displayName;
+    // The registrar's domain; empty for a line that only calls peer to peer.
+    std::string domain;
+    // Where requests go first ("sip:proxy.example.com;lr"); empty: the domain.
+    std::string outboundProxy;
+    TransportKind transport = TransportKind::Udp;
+    int expires = 3600;          // seconds asked for in REGISTER
+    bool reregisterOnFailure = true;  // retry 60 s after a failed registration
+    PushParams push;
+};
+
+struct LineInfo {
+    int id = 0;
+    RegistrationState state = RegistrationState::Unregistered;
+    int statusCode = 0;
+    std::string reason;
+    int expires = 0;             // what was granted (or asked for while registering)
+    PushSupport push;
+};
+
+// Calls, subscriptions and presence come with their own layers; their
+// records are declared here because the listener carries them.
+struct CallInfo {
+    int id = 0;
+    int line = 0;
+    std::string state;           // "Calling", "Ringing", "Talking", ...
+    std::string remoteUri;
+    std::string remoteDisplayName;
+    bool incoming = false;
+    bool onHold = false;
+    bool remoteHold = false;
+    int statusCode = 0;
+    std::string reason;
+};
+
+struct SubscriptionInfo {
+    int id = 0;
+    int line = 0;
+    std::string event;           // "message-summary", "presence"
+    std::string target;
+    std::string state;           // "pending", "active", "terminated"
+    int expires = 0;
+};
+
+struct PresenceStatus {
+    bool online = true;
+    std::string note;
+};
+
+enum class CallMediaEvent { Started, SecureActive, Failed };
+
+// Every callback runs on the event-loop thread. A callback must not wait for
+// the user agent in a way that needs the loop (see UserAgent).
+class UserAgentListener {
+public:
+    virtual ~UserAgentListener() = default;
+    virtual void onRegistrationState(int /*line*/, RegistrationState /*state*/, int /*statusCode*/,
+                                     const std::string& /*reason*/) {}
+    virtual void onIncomingCall(const CallInfo& /*call*/) {}
+    virtual void onCallState(const CallInfo& /*call*/) {}
+    virtual void onCallMedia(int /*call*/, CallMediaEvent /*event*/, const std::string& /*detail*/) {}
+    virtual void onCallInfo(const CallInfo& /*call*/) {}
+    virtual void onDtmf(int /*call*/, char /*digit*/, DtmfMethod /*method*/) {}
+    virtual void onTransferProgress(int /*call*/, int /*statusCode*/, const std::string& /*reason*/) {}
+    virtual void onReserved() {}  // never called
+    virtual void onSubscriptionState(const SubscriptionInfo& /*subscription*/) {}
+    virtual void onNotifyState(int /*subscription*/, const std::string& /*subscriptionState*/) {}
+    virtual void onNotifyContent(int /*subscription*/, const std::string& /*contentType*/,
+                                 const std::string& /*body*/) {}
+    virtual void onSubscriptionBody(int /*subscription*/, const std::string& /*event*/, const std::string& /*body*/) {}
+    virtual void onWatcherRequest(int /*line*/, const std::string& /*watcher*/) {}
+    virtual void onMessage(int /*line*/, const std::string& /*from*/, const std::string& /*contentType*/,
+                           const std::string& /*body*/) {}
+    virtual void onMessageResult(int /*message*/, int /*statusCode*/, const std::string& /*reason*/) {}
+};
+
+struct UserAgentConfig {
+    // Port 0 lets the system choose. A transport whose port is -1 is not opened.
+    std::string bindAddress = "0.0.0.0";
+    int udpPort = 5060;
+    int tcpPort = 5060;
+    std::string userAgent = "Velmora Networks SIP SDK v5.0";
+    // "urn:uuid:..." identifying this installation (RFC 5626); empty: made up at start.
+    std::string instanceId;
+    TransactionTimers timers;
+    bool enable100rel = true;
+    // DNS servers with their ports; empty: the system's.
+    std::vector<net::SocketAddress> dnsServers;
+    // The loop's clock; null: the system's. With a manual clock the loop gets
+    // no thread of its own: the owner drives it (see UserAgent::eventLoop).
+    std::shared_ptr<Clock> clock;
+};
+
+class UserAgent {
+public:
+    explicit UserAgent(UserAgentConfig config = {});
+    // Shuts down (without waiting for un-REGISTER answers) if still running.
+    ~UserAgent();
+    UserAgent(const UserAgent&) = delete;
+    UserAgent& operator=(const UserAgent&) = delete;
+
+    // Opens the transports and starts the loop. False, with a fixed text,
+    // when no transport could be opened ("no SIP transport could be started").
+    [[nodiscard]] bool start(std::string* error = nullptr);
+    // Un-registers every registered line ("un-registering before shutdown"),
+    // waits up to `wait` for the answers, then stops everything.
+    void shutdown(std::chrono::milliseconds wait = std::chrono::milliseconds(3000));
+
+    [[nodiscard]] int addLine(const LineConfig& config);
+    [[nodiscard]] bool removeLine(int line);
+    [[nodiscard]] bool registerLine(int line);
+    [[nodiscard]] bool unregisterLine(int line);
+    [[nodiscard]] RegistrationState registrationState(int line);
+    [[nodiscard]] std::optional<LineInfo> lineInfo(int line);
+    [[nodiscard]] std::vector<int> lines();
+    [[nodiscard]] bool setPush(int line, const PushParams& push);
+    [[nodiscard]] PushSupport pushSupport(int line);
+    void setListener(std::shared_ptr<UserAgentListener> listener);
+
+    // Where the transports listen (after start); port 0 when not open.
+    [[nodiscard]] net::SocketAddress localAddress(TransportKind kind);
+    // The stack's loop: for a user agent on a manual clock, the owner runs it.
+    [[nodiscard]] EventLoop& eventLoop();
+
+    class Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kelsip
