@@ -10,22 +10,9 @@ std::vector<std::string_view> splitTopLevel(std::string_view s, char sep) {
 }
 
 bool isBalanced(std::string_view s) {
-    bool quoted = false;
-    int depth = 0;
-    for (size_t i = 0; i < s.size(); ++i) {
-        const char c = s[i];
-        if (quoted) {
-            if (c == '\\') ++i;
-            else if (c == '"') quoted = false;
-        } else if (c == '"') {
-            quoted = true;
-        } else if (c == '<') {
-            ++depth;
-        } else if (c == '>' && depth > 0) {
-            --depth;
-        }
-    }
-    return !quoted && depth == 0;
+    Nesting nesting;
+    for (size_t i = 0; i < s.size(); ++i) (void)nesting.topLevel(s, i);
+    return !nesting.quoted && nesting.depth == 0;
 }
 
 size_t findUnquoted(std::string_view s, char c) {

@@ -74,8 +74,36 @@ constexpr size_t findEither(std::string_view s, char a, char b) {
     return std::string_view::npos;
 }
 
-// Splits at `sep` outside double quotes (where a backslash escapes the next
-// byte) and outside angle brackets; pieces are trimmed and empty ones dropped.
+// Tracks double quotes (a backslash inside them escapes the next byte) and
+// angle brackets while a value is read byte by byte.
+struct Nesting {
+    bool quoted = false;
+    int depth = 0;
+
+    // Reads s[i] (and, for an escape, the byte after it, advancing `i`).
+    // True when s[i] is an ordinary byte outside quotes and brackets.
+    constexpr bool topLevel(std::string_view s, size_t& i) {
+        const char c = s[i];
+        if (quoted) {
+            if (c == '\\') ++i;
+            else if (c == '"') quoted = false;
+            return false;
+        }
+        if (c == '"') {
+            quoted = true;
+        } else if (c == '<') {
+            ++depth;
+        } else if (c == '>') {
+            if (depth > 0) --depth;
+        } else {
+            return depth == 0;
+        }
+        return false;
+    }
+};
+
+// Splits at `sep` outside double quotes and angle brackets; pieces are
+// trimmed and empty ones dropped.
 std::vector<std::string_view> splitTopLevel(std::string_view s, char sep);
 
 // Calls `piece` for each top-level piece, without collecting them.
@@ -96,23 +124,10 @@ void forEachTopLevel(std::string_view s, char sep, F&& piece) {
             start = end + 1;
         }
     }
-    bool quoted = false;
-    int depth = 0;
+    Nesting nesting;
     size_t start = 0;
     for (size_t i = 0; i < s.size(); ++i) {
-        const char c = s[i];
-        // Plain bytes are the common case; only four bytes change the state.
-        if (c != sep && c != '"' && c != '<' && c != '>' && c != '\\') continue;
-        if (quoted) {
-            if (c == '\\') ++i;
-            else if (c == '"') quoted = false;
-        } else if (c == '"') {
-            quoted = true;
-        } else if (c == '<') {
-            ++depth;
-        } else if (c == '>') {
-            if (depth > 0) --depth;
-        } else if (c == sep && depth == 0) {
+        if (nesting.topLevel(s, i) && s[i] == sep) {
             if (auto p = trim(s.substr(start, i - start)); !p.empty()) piece(p);
             start = i + 1;
         }
