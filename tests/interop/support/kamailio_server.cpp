@@ -1,0 +1,182 @@
+// Kamailio on the process runner: a configuration written from the options,
+// readiness by OPTIONS, and bindings checked by asking Kamailio to route.
+#include "interop/support/kamailio_server.h"
+
+#include <filesystem>
+
+#include "interop/support/sip_probe.h"
+#include "sip/net/socket.h"
+#include "support/free_port.h"
+#include "support/wait.h"
+
+namespace kelsip::test {
+
+namespace {
+
+std::string quotedForConfig(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
+bool acceptsTcp(const net::SocketAddress& address) {
+    net::Socket socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Tcp);
+    if (!socket.valid() || !socket.setNonBlocking(true)) return false;
+    const auto status = socket.connect(address);
+    if (status == net::ConnectStatus::Connected) return true;
+    if (status == net::ConnectStatus::Failed) return false;
+    net::PollEntry entry;
+    entry.socket = socket.native();
+    entry.wantWrite = true;
+    return net::poll(std::span<net::PollEntry>(&entry, 1), 200) > 0 && socket.connectResult() == 0;
+}
+
+}  // namespace
+
+KamailioServer::KamailioServer() = default;
+KamailioServer::~KamailioServer() { stop(); }
+
+std::string KamailioServer::findBinary() { return Process::findProgram("kamailio"); }
+
+std::string KamailioServer::findModules() {
+    for (const char* folder : {"/usr/lib/x86_64-linux-gnu/kamailio/modules", "/usr/lib/kamailio/modules",
+                               "/usr/local/lib64/kamailio/modules", "/usr/local/lib/kamailio/modules"}) {
+        std::error_code ec;
+        if (std::filesystem::exists(std::filesystem::path(folder) / "registrar.so", ec)) return folder;
+    }
+    return {};
+}
+
+std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, const std::string& modules) {
+    const std::string p = std::to_string(port);
+    std::string c = "#!KAMAILIO\n"
+                    "# Registrar and proxy for one interop test, written by its fixture.\n"
+                    "debug=2\nlog_stderror=yes\nchildren=2\ntcp_children=2\n"
+                    // No names to look up: the machine may have no DNS at all.
+                    "auto_aliases=no\ndns=no\nrev_dns=no\n"
+                    "listen=udp:127.0.0.1:" + p + "\nlisten=tcp:127.0.0.1:" + p + "\n";
+    for (const std::string& domain : o.domains) c += "alias=" + quotedForConfig(domain) + "\n";
+    c += "mpath=" + quotedForConfig(modules + "/") + "\n";
+    for (const char* module : {"tm", "sl", "rr", "pv", "maxfwd", "usrloc", "registrar", "textops", "siputils", "auth",
+                               "htable", "xlog"}) {
+        c += "loadmodule \"" + std::string(module) + ".so\"\n";
+    }
+    c += "modparam(\"usrloc\", \"db_mode\", 0)\n"
+         "modparam(\"registrar\", \"min_expires\", " + std::to_string(o.minExpires) + ")\n"
+         "modparam(\"registrar\", \"max_expires\", " + std::to_string(o.maxExpires) + ")\n"
+         "modparam(\"registrar\", \"default_expires\", " + std::to_string(o.defaultExpires) + ")\n"
+         "modparam(\"htable\", \"htable\", \"users=>size=4;\")\n"
+         "event_route[htable:mod-init] {\n";
+    for (const auto& [user, password] : o.users) {
+        c += "    $sht(users=>" + user + ") = " + quotedForConfig(password) + ";\n";
+    }
+    c += "}\n"
+         "request_route {\n"
+         "    xlog(\"L_NOTICE\", \"request $rm from $fU via $pr:$si:$sp\\n\");\n"
+         "    if (!mf_process_maxfwd_header(\"10\")) { sl_send_reply(\"483\", \"Too Many Hops\"); exit; }\n"
+         "    if (is_method(\"REGISTER\")) {\n"
+         // Unknown users and requests without credentials get the challenge
+         // without a detour through an error line.
+         "        if ($sht(users=>$au) == $null || !pv_www_authenticate(\"$td\", \"$sht(users=>$au)\", \"0\")) {\n"
+         "            www_challenge(\"$td\", \"1\"); exit;\n"
+         "        }\n"
+         "        if (!save(\"location\")) { sl_reply_error(); exit; }\n"
+         "        xlog(\"L_NOTICE\", \"saved binding of $tU, Expires $hdr(Expires)\\n\");\n"
+         "        exit;\n"
+         "    }\n"
+         "    if (is_method(\"OPTIONS\") && uri == myself && $rU == $null) { sl_send_reply(\"200\", \"OK\"); exit; }\n"
+         "    if (is_method(\"INVITE|MESSAGE\") && from_uri == myself) {\n"
+         "        if ($sht(users=>$au) == $null || !pv_proxy_authenticate(\"$fd\", \"$sht(users=>$au)\", \"0\")) {\n"
+         "            proxy_challenge(\"$fd\", \"1\"); exit;\n"
+         "        }\n"
+         "        consume_credentials();\n"
+         "    }\n"
+         "    if (has_totag()) {\n"
+         "        if (loose_route() || (is_method(\"ACK\") && t_check_trans())) { t_relay(); exit; }\n"
+         "        sl_send_reply(\"404\", \"Not Found\"); exit;\n"
+         "    }\n"
+         "    if (is_method(\"INVITE|SUBSCRIBE\")) record_route();\n"
+         "    if (uri == myself && !lookup(\"location\")) { sl_send_reply(\"404\", \"Not Found\"); exit; }\n"
+         "    if (!t_relay()) sl_reply_error();\n"
+         "}\n";
+    return c;
+}
+
+bool KamailioServer::start(const KamailioOptions& options, std::string* error) {
+    if (findBinary().empty()) {
+        *error = "kamailio not found: install kamailio (scripts/setup does)";
+        return false;
+    }
+    const std::string modules = findModules();
+    if (modules.empty()) {
+        *error = "Kamailio's modules not found (looked in /usr/lib/x86_64-linux-gnu/kamailio/modules)";
+        return false;
+    }
+    if (!dir_.valid()) {
+        *error = "cannot create a temporary folder";
+        return false;
+    }
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        stop();
+        port_ = freeLoopbackPort();
+        if (port_ == 0) continue;
+        if (!writeTextFile(dir_.file("kamailio.cfg"), config(options, port_, modules))) {
+            *error = "cannot write kamailio.cfg";
+            return false;
+        }
+        ProcessOptions run;
+        run.program = "kamailio";
+        const std::string dir = dir_.path().string();
+        // Foreground (-DD), log to standard error (-E), small memory pools.
+        run.arguments = {"-f", dir_.file("kamailio.cfg").string(), "-P", dir_.file("kamailio.pid").string(),
+                         "-w", dir, "-Y", dir, "-DD", "-E", "-m", "32", "-M", "4"};
+        run.workingDirectory = dir_.path();
+        run.logFile = dir_.file("kamailio.log");
+        if (!process_.start(run, error)) return false;
+
+        const bool ready = waitFor(
+            [&] {
+                if (!process_.isRunning()) return true;
+                return sendOptions(address(), "sip:" + hostPort(), std::chrono::milliseconds(100)) == 200 &&
+                       acceptsTcp(address());
+            },
+            std::chrono::seconds(10));
+        if (ready && process_.isRunning()) return true;
+        // Lost the port to another program: try a fresh one.
+        if (log().find("Address already in use") == std::string::npos) break;
+    }
+    stop();
+    *error = "Kamailio did not start (its log follows)";
+    return false;
+}
+
+void KamailioServer::stop() { process_.stop(); }
+
+net::SocketAddress KamailioServer::address() const {
+    return net::SocketAddress::loopback(net::AddressFamily::V4, port_);
+}
+
+std::string KamailioServer::hostPort() const { return address().toString(); }
+
+int KamailioServer::optionsTo(const std::string& user, const std::string& domain,
+                              std::chrono::milliseconds timeout) const {
+    return sendOptions(address(), "sip:" + user + "@" + (domain.empty() ? hostPort() : domain), timeout);
+}
+
+int KamailioServer::count(const std::string& needle) const {
+    const std::string text = log();
+    int n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size())) ++n;
+    return n;
+}
+
+int KamailioServer::requestsSeen(const std::string& method, const std::string& fromUser) const {
+    return count("request " + method + " from " + fromUser + " via ");
+}
+
+int KamailioServer::bindingsSaved(const std::string& user) const { return count("saved binding of " + user + ","); }
+
+}  // namespace kelsip::test

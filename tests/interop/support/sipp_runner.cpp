@@ -1,0 +1,102 @@
+// SIPp on the process runner: a server scenario is ready once its socket is
+// bound, which /proc/net shows without sending SIPp anything.
+#include "interop/support/sipp_runner.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "support/free_port.h"
+#include "support/wait.h"
+
+namespace kelsip::test {
+
+namespace {
+
+// True when a socket of the kind is bound to 127.0.0.1:port (for TCP:
+// listening). Linux only, as the interop tests are.
+bool boundOnLoopback(bool tcp, uint16_t port) {
+    std::ifstream table(tcp ? "/proc/net/tcp" : "/proc/net/udp");
+    char wanted[32];
+    std::snprintf(wanted, sizeof wanted, "0100007F:%04X", static_cast<unsigned>(port));
+    std::string line;
+    std::getline(table, line);  // the column names
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, local, remote, state;
+        fields >> slot >> local >> remote >> state;
+        // 0A: TCP_LISTEN; a UDP socket shows 07 (TCP_CLOSE) whether bound or not.
+        if (local == wanted && (!tcp || state == "0A")) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+SippRunner::SippRunner() = default;
+SippRunner::~SippRunner() { stop(); }
+
+std::string SippRunner::findBinary() { return Process::findProgram("sipp"); }
+
+std::string SippRunner::scenarioFolder() { return VELMORA_SIPP_SCENARIOS; }
+
+bool SippRunner::start(const SippOptions& options, std::string* error) {
+    if (findBinary().empty()) {
+        *error = "sipp not found: install sip-tester (scripts/setup does)";
+        return false;
+    }
+    if (!dir_.valid()) {
+        *error = "cannot create a temporary folder";
+        return false;
+    }
+    const std::string scenario =
+        options.scenario.find('/') == std::string::npos ? scenarioFolder() + "/" + options.scenario : options.scenario;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        stop();
+        port_ = freeLoopbackPort();
+        if (port_ == 0) continue;
+        ProcessOptions run;
+        run.program = "sipp";
+        run.arguments = {"-sf", scenario, "-i", "127.0.0.1", "-p", std::to_string(port_), "-t",
+                         options.tcp ? "t1" : "u1", "-m", std::to_string(options.calls), "-timeout",
+                         std::to_string(options.timeout.count()) + "s", "-timeout_error", "-nostdin",
+                         "-trace_msg", "-message_file", dir_.file("messages.log").string(), "-trace_err",
+                         "-error_file", dir_.file("errors.log").string()};
+        run.arguments.insert(run.arguments.end(), options.arguments.begin(), options.arguments.end());
+        if (!options.remote.empty()) run.arguments.push_back(options.remote);
+        run.workingDirectory = dir_.path();
+        run.logFile = dir_.file("sipp.log");
+        run.stopGrace = std::chrono::milliseconds(1000);
+        if (!process_.start(run, error)) return false;
+
+        const bool ready = waitFor([&] { return !process_.isRunning() || boundOnLoopback(options.tcp, port_); },
+                                   std::chrono::seconds(10));
+        if (ready && process_.isRunning()) return true;
+        // 254: SIPp could not bind its socket; the port went to someone else.
+        if (process_.exitCode() != 254) break;
+    }
+    stop();
+    *error = "SIPp did not start (its log follows)";
+    return false;
+}
+
+void SippRunner::stop() { process_.stop(); }
+
+net::SocketAddress SippRunner::address() const {
+    return net::SocketAddress::loopback(net::AddressFamily::V4, port_);
+}
+
+std::string SippRunner::hostPort() const { return address().toString(); }
+
+std::optional<int> SippRunner::waitForExit(std::chrono::milliseconds timeout) {
+    return process_.waitForExit(timeout);
+}
+
+std::string SippRunner::messages() const { return readTextFile(dir_.file("messages.log")); }
+
+std::string SippRunner::log() const {
+    return process_.log() + "\n-- errors --\n" + readTextFile(dir_.file("errors.log")) + "\n-- messages --\n" +
+           messages();
+}
+
+}  // namespace kelsip::test
