@@ -12,7 +12,7 @@
 
 #include "interop/support/kamailio_server.h"
 #include "interop/support/sipp_runner.h"
-#include "sip/dns/dnsmasq_server.h"
+#include "support/dnsmasq_server.h"
 #include "support/log_capture.h"
 #include "support/process.h"
 

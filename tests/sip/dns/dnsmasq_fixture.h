@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "dnsmasq_server.h"
+#include "support/dnsmasq_server.h"
 
 namespace kelsip::test {
 

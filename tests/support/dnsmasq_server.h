@@ -2,11 +2,12 @@
 // configuration in a temporary folder, killed when the object goes.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "sip/net/socket_address.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
 
 namespace kelsip::test {
 
@@ -32,10 +33,10 @@ public:
     [[nodiscard]] net::SocketAddress address() const;
     [[nodiscard]] std::string log() const;
 
-    struct Process;
-
 private:
-    std::unique_ptr<Process> process_;
+    TempDir dir_{"velmora-dnsmasq"};
+    Process process_;
+    uint16_t port_ = 0;
 };
 
 }  // namespace kelsip::test
