@@ -130,6 +130,63 @@ TEST_P(KamailioRegistrationTest, AWrongPasswordFailsWithoutHammeringTheRegistrar
     EXPECT_EQ(kamailio->optionsTo("alice"), 404);
 }
 
+TEST_F(RegistrationInteropTest, ARefreshAnswersTheChallengeOfAnExpiredNonce) {
+    KamailioOptions options;
+    options.minExpires = 2;
+    options.nonceExpires = 1;
+    auto* kamailio = startKamailio(options);
+    ASSERT_TRUE(kamailio);
+    startUserAgent();
+    const int line = addLine(kamailio->hostPort(), TransportKind::Udp, 4);
+    ASSERT_TRUE(ua->registerLine(line));
+    ASSERT_TRUE(reaches(line, RegistrationState::Registered));
+
+    // Each refresh comes after the nonce has expired: Kamailio challenges
+    // it as stale and the line answers at once.
+    ASSERT_TRUE(test::waitFor([&] { return kamailio->bindingsSaved("alice") >= 3; }, 7s))
+        << kamailio->bindingsSaved("alice") << " bindings saved";
+    EXPECT_GE(kamailio->requestsSeen("REGISTER", "alice"), 6);
+    EXPECT_EQ(recorder->states(), (std::vector<std::string>{"Registering 0", "Registered 200"}));
+    EXPECT_EQ(kamailio->optionsTo("alice"), 200);
+    ASSERT_TRUE(ua->unregisterLine(line));
+    ASSERT_TRUE(reaches(line, RegistrationState::Unregistered));
+}
+
+TEST_F(RegistrationInteropTest, TwoDevicesOnOneAccountEachKeepTheirOwnExpiry) {
+    auto* kamailio = startKamailio();
+    ASSERT_TRUE(kamailio);
+    startUserAgent();
+    const int first = addLine(kamailio->hostPort(), TransportKind::Udp, 3600);
+    ASSERT_TRUE(ua->registerLine(first));
+    ASSERT_TRUE(reaches(first, RegistrationState::Registered));
+
+    UserAgentConfig config;
+    config.bindAddress = "127.0.0.1";
+    config.udpPort = 0;
+    config.tcpPort = -1;
+    UserAgent other(config);
+    ASSERT_TRUE(other.start());
+    LineConfig c;
+    c.user = "alice";
+    c.password = "secret";
+    c.domain = kamailio->hostPort();
+    c.expires = 120;
+    const int second = other.addLine(c);
+    ASSERT_TRUE(other.registerLine(second));
+    ASSERT_TRUE(test::waitFor([&] { return other.registrationState(second) == RegistrationState::Registered; }, 5s));
+
+    // Kamailio's 200 lists both bindings, the other device's first; each
+    // device reads its own.
+    EXPECT_EQ(other.lineInfo(second)->expires, 120);
+    EXPECT_EQ(ua->lineInfo(first)->expires, 3600);
+    ASSERT_TRUE(other.unregisterLine(second));
+    ASSERT_TRUE(test::waitFor([&] { return other.registrationState(second) == RegistrationState::Unregistered; }, 5s));
+    // Withdrawing one device's binding leaves the other's.
+    EXPECT_EQ(kamailio->optionsTo("alice"), 200);
+    ASSERT_TRUE(ua->unregisterLine(first));
+    ASSERT_TRUE(reaches(first, RegistrationState::Unregistered));
+}
+
 TEST_F(RegistrationInteropTest, FailsOverToTheNextSrvTargetWhenTheFirstNeverAnswers) {
     // The first target is a socket that swallows everything.
     net::Socket deadServer = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);

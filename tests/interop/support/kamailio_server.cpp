@@ -68,6 +68,7 @@ std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, cons
          "modparam(\"registrar\", \"min_expires\", " + std::to_string(o.minExpires) + ")\n"
          "modparam(\"registrar\", \"max_expires\", " + std::to_string(o.maxExpires) + ")\n"
          "modparam(\"registrar\", \"default_expires\", " + std::to_string(o.defaultExpires) + ")\n"
+         "modparam(\"auth\", \"nonce_expire\", " + std::to_string(o.nonceExpires) + ")\n"
          "modparam(\"htable\", \"htable\", \"users=>size=4;\")\n"
          "event_route[htable:mod-init] {\n";
     for (const auto& [user, password] : o.users) {

@@ -24,6 +24,9 @@ struct KamailioOptions {
     int minExpires = 60;
     int maxExpires = 3600;
     int defaultExpires = 3600;
+    // How long a nonce stays valid, in seconds: past it Kamailio answers
+    // credentials with a new challenge marked stale.
+    int nonceExpires = 300;
 };
 
 class KamailioServer {
