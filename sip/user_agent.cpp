@@ -109,11 +109,12 @@ bool UserAgent::Impl::start(std::string* error) {
 }
 
 void UserAgent::Impl::stop() {
-    for (auto& [id, line] : lines_) cancelTimers(line);
-    // Transports first: no message may arrive for a layer that is gone.
+    // Transports first, so no message arrives for a layer that is gone; then
+    // the loop, so that nothing else touches the lines while they are cleared.
     if (udp_) udp_->close();
     if (tcp_) tcp_->close();
     if (ownsLoopThread()) loop_->stop();
+    for (auto& [id, line] : lines_) cancelTimers(line);
     locator_.reset();
     dns_.reset();
     transactions_.reset();

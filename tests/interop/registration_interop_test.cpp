@@ -152,6 +152,21 @@ TEST_F(RegistrationInteropTest, ARefreshAnswersTheChallengeOfAnExpiredNonce) {
     ASSERT_TRUE(reaches(line, RegistrationState::Unregistered));
 }
 
+TEST_F(RegistrationInteropTest, ShutdownWithdrawsTheBindingAndWaitsForTheAnswer) {
+    auto* kamailio = startKamailio();
+    ASSERT_TRUE(kamailio);
+    startUserAgent();
+    const int line = addLine(kamailio->hostPort(), TransportKind::Udp, 3600);
+    ASSERT_TRUE(ua->registerLine(line));
+    ASSERT_TRUE(reaches(line, RegistrationState::Registered));
+    // The answer to the un-REGISTER races the shutdown itself: run under the
+    // thread sanitizer, this is what keeps the two apart.
+    ua->shutdown(3s);
+    EXPECT_TRUE(logs().has("line " + std::to_string(line) + ": un-registering before shutdown"));
+    EXPECT_FALSE(logs().has("no answer to the un-REGISTER within"));
+    EXPECT_EQ(kamailio->optionsTo("alice"), 404);
+}
+
 TEST_F(RegistrationInteropTest, TwoDevicesOnOneAccountEachKeepTheirOwnExpiry) {
     auto* kamailio = startKamailio();
     ASSERT_TRUE(kamailio);
