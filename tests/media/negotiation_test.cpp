@@ -1,0 +1,306 @@
+// Codec choice: the format table and its lookups, the registry, and offer and
+// answer as a peer sees them on the wire.
+#include "media/negotiation.h"
+
+#include <gtest/gtest.h>
+
+#include "media/codec_registry.h"
+#include "media/format_table.h"
+#include "sip/log.h"
+
+namespace kelsip {
+namespace {
+
+SessionDescription offerWith(std::string_view mediaLines) {
+    std::string error;
+    auto sdp = SessionDescription::parse("v=0\r\no=- 1 1 IN IP4 192.0.2.1\r\ns=-\r\nc=IN IP4 192.0.2.1\r\nt=0 0\r\n" +
+                                             std::string(mediaLines),
+                                         &error);
+    EXPECT_TRUE(sdp) << error;
+    return sdp.value_or(SessionDescription{});
+}
+
+TEST(FormatTableTest, HoldsTheRowsPeersUse) {
+    const auto& table = mediaFormatTable();
+    ASSERT_EQ(table.size(), 54u);
+    EXPECT_EQ(table.front().name, "PCMU");
+    EXPECT_EQ(table.back().name, "theora");
+    // G722 keeps the 8000 Hz RTP clock although it samples at 16 kHz.
+    const auto g722 = lookupByPayloadType(9);
+    ASSERT_TRUE(g722);
+    EXPECT_EQ(g722->clockRate, 8000u);
+    const auto mp2t = lookupByPayloadType(33);
+    ASSERT_TRUE(mp2t);
+    EXPECT_EQ(mp2t->mediaKind, MediaKind::Both);
+    EXPECT_FALSE(lookupByPayloadType(96));
+    EXPECT_FALSE(lookupByPayloadType(-1));  // the dynamic rows carry -1
+    EXPECT_FALSE(lookupByPayloadType(2));
+    for (const CodecInfo& row : table) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.mediaKind == MediaKind::Audio, row.ptimeMs != 0 || row.name == "MPA");
+        EXPECT_NE(row.clockRate, 0u);
+    }
+}
+
+TEST(FormatTableTest, LookupByNameNormalisesAndFilters) {
+    struct Case {
+        const char* name;
+        uint32_t clock;
+        uint32_t channels;
+        const char* row;  // nullptr: none
+        int32_t payloadType;
+        uint32_t rowClock;
+    };
+    const Case cases[] = {
+        {"G729A", 8000, 1, "G729", 18, 8000},
+        {"G721", 0, 0, "G726-32", -1, 8000},
+        {"g723-24", 8000, 0, "G726-24", -1, 8000},
+        {"G723-40", 0, 1, "G726-40", -1, 8000},
+        {"G723", 8000, 1, "G723", 4, 8000},
+        {"pcma", 0, 0, "PCMA", 8, 8000},
+        {"DVI4", 16000, 0, "DVI4", 6, 16000},
+        {"L16", 0, 1, "L16", 11, 44100},
+        {"L16", 16000, 1, "L16", -1, 16000},
+        {"CN", 16000, 0, "CN", -1, 16000},
+        {"speex", 32000, 1, "speex", -1, 32000},
+        {"opus", 48000, 1, nullptr, 0, 0},
+        {"PCMU", 16000, 0, nullptr, 0, 0},
+        {"G729B", 0, 0, nullptr, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + "/" + std::to_string(c.clock) + "/" + std::to_string(c.channels));
+        const auto row = lookupByName(c.name, c.clock, c.channels);
+        ASSERT_EQ(row.has_value(), c.row != nullptr);
+        if (!row) continue;
+        EXPECT_EQ(row->name, c.row);
+        EXPECT_EQ(row->payloadType, c.payloadType);
+        EXPECT_EQ(row->clockRate, c.rowClock);
+    }
+}
+
+TEST(FormatTableTest, FmtpChangesOnlyTheFramesItNames) {
+    struct Case {
+        const char* name;
+        const char* fmtp;
+        uint32_t frameUs, ptime, bitrate, frameBytes;
+    };
+    const Case cases[] = {
+        {"iLBC", "mode=20", 20000, 20, 15200, 38},
+        {"iLBC", " MODE = 30 ", 30000, 30, 13330, 50},
+        {"iLBC", "x=1; mode=20", 20000, 20, 15200, 38},
+        {"iLBC", "mode=25", 30000, 30, 13330, 50},
+        {"iLBC", "", 30000, 30, 13330, 50},
+        {"G723", "bitrate=5.3", 30000, 30, 5300, 20},
+        {"G723", "annexa=no;bitrate=6.3", 30000, 30, 6300, 24},
+        {"G723", "bitrate=5300", 30000, 30, 6300, 24},
+        {"G729", "mode=20", 10000, 20, 8000, 10},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " " + c.fmtp);
+        auto info = lookupByName(c.name, 8000, 1);
+        ASSERT_TRUE(info);
+        applyFmtp(*info, c.fmtp);
+        EXPECT_EQ(info->frameDurationUs, c.frameUs);
+        EXPECT_EQ(info->ptimeMs, c.ptime);
+        EXPECT_EQ(info->bitrate, c.bitrate);
+        EXPECT_EQ(info->frameBytes, c.frameBytes);
+    }
+}
+
+TEST(CodecRegistryTest, OffersPcmuThenPcmaAndCreatesByName) {
+    const auto& codecs = CodecRegistry::instance().codecs();
+    ASSERT_EQ(codecs.size(), 2u);
+    EXPECT_EQ(codecs[0].name, "PCMU");
+    EXPECT_EQ(codecs[1].name, "PCMA");
+    const auto pcma = CodecRegistry::instance().create("pcma");
+    ASSERT_TRUE(pcma);
+    EXPECT_EQ(pcma->info().payloadType, 8);
+    EXPECT_FALSE(CodecRegistry::instance().create("G729"));
+    EXPECT_FALSE(CodecRegistry::instance().create(""));
+}
+
+TEST(NegotiationTest, RemoteFormatsComeFromRtpmapElseTheStaticTable) {
+    const auto sdp = offerWith(
+        "m=audio 4000 RTP/AVP 0 97 96 x 18 120\r\n"
+        "a=rtpmap:97 opus/48000/2\r\n"
+        "a=rtpmap:0 PCMU/16000\r\n");
+    ASSERT_EQ(sdp.media.size(), 1u);
+    EXPECT_EQ(remoteFormats(sdp.media[0]),
+              (std::vector<RemoteFormat>{{0, "PCMU", 16000, 1}, {97, "opus", 48000, 2}, {18, "G729", 8000, 1}}));
+}
+
+struct OfferCase {
+    const char* name;
+    const char* media;
+    bool ok;
+    const char* codec = "";
+    int payloadType = -1;
+    int telephoneEvent = -1;
+    uint32_t ptime = 20;
+};
+
+TEST(NegotiationTest, AnswererFollowsTheOfferersOrder) {
+    const OfferCase cases[] = {
+        {"offerer prefers PCMA", "m=audio 4000 RTP/AVP 8 0\r\n", true, "PCMA", 8},
+        {"rtpmap-less static types", "m=audio 4000 RTP/AVP 3 0 8\r\n", true, "PCMU", 0},
+        {"dynamic type with a lower-case name", "m=audio 4000 RTP/AVP 97\r\na=rtpmap:97 pcmu/8000\r\n", true, "PCMU",
+         97},
+        {"rtpmap overrides the static meaning", "m=audio 4000 RTP/AVP 0 8\r\na=rtpmap:0 PCMU/16000\r\n", true, "PCMA", 8},
+        {"clock rate must be equal", "m=audio 4000 RTP/AVP 0\r\na=rtpmap:0 PCMU/16000\r\n", false},
+        {"nothing we run", "m=audio 4000 RTP/AVP 18 9\r\n", false},
+        {"port 0 audio is declined media", "m=audio 0 RTP/AVP 0\r\n", false},
+        {"video only", "m=video 4000 RTP/AVP 31\r\n", false},
+        {"first usable audio line", "m=audio 0 RTP/AVP 0\r\nm=audio 5000 RTP/AVP 8\r\n", true, "PCMA", 8},
+        {"last telephone-event at 8000 wins",
+         "m=audio 4000 RTP/AVP 0 101 96\r\na=rtpmap:101 telephone-event/8000\r\na=rtpmap:96 Telephone-Event/8000\r\n",
+         true, "PCMU", 0, 96},
+        {"telephone-event at 16000 only",
+         "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/16000\r\n", true, "PCMU", 0, -1},
+        {"offer's ptime", "m=audio 4000 RTP/AVP 0\r\na=ptime:30\r\n", true, "PCMU", 0, -1, 30},
+        {"unreadable ptime falls back", "m=audio 4000 RTP/AVP 0\r\na=ptime:x\r\n", true, "PCMU", 0, -1, 20},
+    };
+    for (const OfferCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string error;
+        const auto chosen = chooseFromOffer(offerWith(c.media), AnswerOptions{}, &error);
+        ASSERT_EQ(chosen.has_value(), c.ok) << error;
+        if (!c.ok) {
+            EXPECT_FALSE(error.empty());
+            continue;
+        }
+        EXPECT_EQ(chosen->name, c.codec);
+        EXPECT_EQ(chosen->payloadType, c.payloadType);
+        EXPECT_EQ(chosen->clockRate, 8000u);
+        EXPECT_EQ(chosen->telephoneEventPayloadType, c.telephoneEvent);
+        EXPECT_EQ(chosen->ptime, c.ptime);
+    }
+}
+
+TEST(NegotiationTest, TelephoneEventIgnoredWhenDtmfGoesAnotherWay) {
+    AnswerOptions options;
+    options.telephoneEvent = false;
+    const auto chosen = chooseFromOffer(
+        offerWith("m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/8000\r\n"), options);
+    ASSERT_TRUE(chosen);
+    EXPECT_EQ(chosen->telephoneEventPayloadType, -1);
+}
+
+TEST(NegotiationTest, AnswerCarriesExactlyTheChosenCodec) {
+    const auto chosen = chooseFromOffer(offerWith("m=audio 4000 RTP/AVP 97 101\r\na=rtpmap:97 pcmu/8000\r\n"
+                                                  "a=rtpmap:101 telephone-event/8000\r\na=ptime:40\r\n"),
+                                        AnswerOptions{});
+    ASSERT_TRUE(chosen);
+    const MediaDescription m = buildAnswerMedia(*chosen, AnswerMediaOptions{6000, "RTP/AVP"});
+    SessionDescription sdp;
+    sdp.media.push_back(m);
+    const std::string text = sdp.toString();
+    EXPECT_EQ(text.substr(text.find("m=")),
+              "m=audio 6000 RTP/AVP 97 101\r\n"
+              "a=rtpmap:97 PCMU/8000\r\n"
+              "a=rtpmap:101 telephone-event/8000\r\n"
+              "a=fmtp:101 0-16\r\n"
+              "a=ptime:40\r\n");
+}
+
+TEST(NegotiationTest, OfferListsOurCodecsThenTelephoneEventThenPtime) {
+    OfferOptions options;
+    options.port = 4000;
+    options.ptimeMs = 30;
+    EXPECT_EQ(buildOfferMedia(options).attributes,
+              (SdpAttributeList{{{"rtpmap", "0 PCMU/8000"},
+                                 {"rtpmap", "8 PCMA/8000"},
+                                 {"rtpmap", "101 telephone-event/8000"},
+                                 {"fmtp", "101 0-16"},
+                                 {"ptime", "30"}}}));
+    EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8", "101"}));
+
+    for (const int outside : {95, 128, -1}) {
+        options.telephoneEventPayloadType = outside;
+        EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8"})) << outside;
+    }
+    options.telephoneEventPayloadType = 101;
+    options.telephoneEvent = false;
+    EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8"}));
+}
+
+TEST(NegotiationTest, ReOfferPutsTheAgreedCodecFirstWithItsTypes) {
+    OfferOptions options;
+    options.current = NegotiatedCodec{"pcma", 8, 8000, 20, 100, ""};
+    const MediaDescription m = buildOfferMedia(options);
+    EXPECT_EQ(m.formats, (std::vector<std::string>{"8", "0", "100"}));
+    EXPECT_EQ(m.attributes("rtpmap"),
+              (std::vector<std::string>{"8 PCMA/8000", "0 PCMU/8000", "100 telephone-event/8000"}));
+}
+
+TEST(NegotiationTest, OfferAndAnswerMeetInTheMiddle) {
+    // Our own offer, answered by our own answerer, matched by our own matcher.
+    SessionDescription offer;
+    offer.version = 0;
+    offer.media.push_back(buildOfferMedia(OfferOptions{4000, "RTP/AVP", 20, 101, true, std::nullopt}));
+    const auto chosen = chooseFromOffer(offer, AnswerOptions{});
+    ASSERT_TRUE(chosen);
+    SessionDescription answer;
+    answer.media.push_back(buildAnswerMedia(*chosen, AnswerMediaOptions{5000, "RTP/AVP"}));
+    const auto reparsed = SessionDescription::parse(answer.toString());
+    ASSERT_TRUE(reparsed);
+    const auto match = matchAnswer(*reparsed, MatchOptions{});
+    ASSERT_TRUE(match);
+    EXPECT_EQ(match->codec, *chosen);
+    EXPECT_EQ(match->codec.name, "PCMU");
+    EXPECT_EQ(match->codec.telephoneEventPayloadType, 101);
+}
+
+class MatchAnswerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        log::setSink([this](LogLevel level, std::string_view, std::string_view text) {
+            if (level == LogLevel::Warn) warnings.emplace_back(text);
+        });
+    }
+    void TearDown() override { log::setSink(nullptr); }
+
+    std::vector<std::string> warnings;
+};
+
+TEST_F(MatchAnswerTest, NoCommonCodecEndsTheCallWithAWarning) {
+    MatchOptions options;
+    options.call = 7;
+    std::string error;
+    EXPECT_FALSE(matchAnswer(offerWith("m=audio 4000 RTP/AVP 18\r\n"), options, &error));
+    EXPECT_EQ(warnings, (std::vector<std::string>{"call 7: no common codec in answer"}));
+    EXPECT_FALSE(matchAnswer(offerWith("m=audio 0 RTP/AVP 0\r\n"), options, &error));
+    EXPECT_EQ(error, "no audio media in answer");
+}
+
+TEST_F(MatchAnswerTest, RequiredSrtpNeedsACryptoTheLayerAccepts) {
+    MatchOptions options;
+    options.call = 3;
+    options.srtpRequired = true;
+    options.acceptsCrypto = [](std::string_view value) { return value.find("AES_CM_128_HMAC_SHA1_80") != value.npos; };
+    const char* rejected = "m=audio 4000 RTP/SAVP 0\r\na=crypto:1 F8_128_HMAC_SHA1_80 inline:x\r\n";
+    const char* accepted = "m=audio 4000 RTP/SAVP 0\r\na=crypto:1 F8_128_HMAC_SHA1_80 inline:x\r\n"
+                           "a=crypto:2 AES_CM_128_HMAC_SHA1_80 inline:y\r\n";
+    EXPECT_FALSE(matchAnswer(offerWith(rejected), options));
+    EXPECT_FALSE(matchAnswer(offerWith("m=audio 4000 RTP/SAVP 0\r\n"), options));
+    EXPECT_TRUE(matchAnswer(offerWith(accepted), options));
+    EXPECT_EQ(warnings, (std::vector<std::string>(2, "call 3: SRTP required but the answer has no usable crypto")));
+}
+
+TEST_F(MatchAnswerTest, InactiveAnswerMeansRemoteHoldUnlessWeHeld) {
+    const SessionDescription inactive = offerWith("m=audio 4000 RTP/AVP 8\r\na=inactive\r\n");
+    MatchOptions options;
+    auto match = matchAnswer(inactive, options);
+    ASSERT_TRUE(match);
+    EXPECT_TRUE(match->remoteHold);
+    options.localHold = true;
+    match = matchAnswer(inactive, options);
+    ASSERT_TRUE(match);
+    EXPECT_FALSE(match->remoteHold);
+    match = matchAnswer(offerWith("m=audio 4000 RTP/AVP 8\r\na=sendonly\r\n"), MatchOptions{});
+    ASSERT_TRUE(match);
+    EXPECT_FALSE(match->remoteHold);
+    EXPECT_TRUE(warnings.empty());
+}
+
+}  // namespace
+}  // namespace kelsip
