@@ -35,11 +35,6 @@ TEST(FormatTableTest, HoldsTheRowsPeersUse) {
     EXPECT_FALSE(lookupByPayloadType(96));
     EXPECT_FALSE(lookupByPayloadType(-1));  // the dynamic rows carry -1
     EXPECT_FALSE(lookupByPayloadType(2));
-    for (const CodecInfo& row : table) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(row.mediaKind == MediaKind::Audio, row.ptimeMs != 0 || row.name == "MPA");
-        EXPECT_NE(row.clockRate, 0u);
-    }
 }
 
 TEST(FormatTableTest, LookupByNameNormalisesAndFilters) {
@@ -55,14 +50,10 @@ TEST(FormatTableTest, LookupByNameNormalisesAndFilters) {
         {"G729A", 8000, 1, "G729", 18, 8000},
         {"G721", 0, 0, "G726-32", -1, 8000},
         {"g723-24", 8000, 0, "G726-24", -1, 8000},
-        {"G723-40", 0, 1, "G726-40", -1, 8000},
-        {"G723", 8000, 1, "G723", 4, 8000},
         {"pcma", 0, 0, "PCMA", 8, 8000},
         {"DVI4", 16000, 0, "DVI4", 6, 16000},
         {"L16", 0, 1, "L16", 11, 44100},
         {"L16", 16000, 1, "L16", -1, 16000},
-        {"CN", 16000, 0, "CN", -1, 16000},
-        {"speex", 32000, 1, "speex", -1, 32000},
         {"opus", 48000, 1, nullptr, 0, 0},
         {"PCMU", 16000, 0, nullptr, 0, 0},
         {"G729B", 0, 0, nullptr, 0, 0},
@@ -87,9 +78,7 @@ TEST(FormatTableTest, FmtpChangesOnlyTheFramesItNames) {
     const Case cases[] = {
         {"iLBC", "mode=20", 20000, 20, 15200, 38},
         {"iLBC", " MODE = 30 ", 30000, 30, 13330, 50},
-        {"iLBC", "x=1; mode=20", 20000, 20, 15200, 38},
         {"iLBC", "mode=25", 30000, 30, 13330, 50},
-        {"iLBC", "", 30000, 30, 13330, 50},
         {"G723", "bitrate=5.3", 30000, 30, 5300, 20},
         {"G723", "annexa=no;bitrate=6.3", 30000, 30, 6300, 24},
         {"G723", "bitrate=5300", 30000, 30, 6300, 24},
@@ -137,6 +126,7 @@ struct OfferCase {
     int payloadType = -1;
     int telephoneEvent = -1;
     uint32_t ptime = 20;
+    bool eventsWanted = true;
 };
 
 TEST(NegotiationTest, AnswererFollowsTheOfferersOrder) {
@@ -156,13 +146,14 @@ TEST(NegotiationTest, AnswererFollowsTheOfferersOrder) {
          true, "PCMU", 0, 96},
         {"telephone-event at 16000 only",
          "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/16000\r\n", true, "PCMU", 0, -1},
+        {"DTMF without RFC 4733 ignores telephone-event",
+         "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/8000\r\n", true, "PCMU", 0, -1, 20, false},
         {"offer's ptime", "m=audio 4000 RTP/AVP 0\r\na=ptime:30\r\n", true, "PCMU", 0, -1, 30},
-        {"unreadable ptime falls back", "m=audio 4000 RTP/AVP 0\r\na=ptime:x\r\n", true, "PCMU", 0, -1, 20},
     };
     for (const OfferCase& c : cases) {
         SCOPED_TRACE(c.name);
         std::string error;
-        const auto chosen = chooseFromOffer(offerWith(c.media), AnswerOptions{}, &error);
+        const auto chosen = chooseFromOffer(offerWith(c.media), AnswerOptions{20, c.eventsWanted}, &error);
         ASSERT_EQ(chosen.has_value(), c.ok) << error;
         if (!c.ok) {
             EXPECT_FALSE(error.empty());
@@ -174,15 +165,6 @@ TEST(NegotiationTest, AnswererFollowsTheOfferersOrder) {
         EXPECT_EQ(chosen->telephoneEventPayloadType, c.telephoneEvent);
         EXPECT_EQ(chosen->ptime, c.ptime);
     }
-}
-
-TEST(NegotiationTest, TelephoneEventIgnoredWhenDtmfGoesAnotherWay) {
-    AnswerOptions options;
-    options.telephoneEvent = false;
-    const auto chosen = chooseFromOffer(
-        offerWith("m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/8000\r\n"), options);
-    ASSERT_TRUE(chosen);
-    EXPECT_EQ(chosen->telephoneEventPayloadType, -1);
 }
 
 TEST(NegotiationTest, AnswerCarriesExactlyTheChosenCodec) {
@@ -230,24 +212,6 @@ TEST(NegotiationTest, ReOfferPutsTheAgreedCodecFirstWithItsTypes) {
     EXPECT_EQ(m.formats, (std::vector<std::string>{"8", "0", "100"}));
     EXPECT_EQ(m.attributes("rtpmap"),
               (std::vector<std::string>{"8 PCMA/8000", "0 PCMU/8000", "100 telephone-event/8000"}));
-}
-
-TEST(NegotiationTest, OfferAndAnswerMeetInTheMiddle) {
-    // Our own offer, answered by our own answerer, matched by our own matcher.
-    SessionDescription offer;
-    offer.version = 0;
-    offer.media.push_back(buildOfferMedia(OfferOptions{4000, "RTP/AVP", 20, 101, true, std::nullopt}));
-    const auto chosen = chooseFromOffer(offer, AnswerOptions{});
-    ASSERT_TRUE(chosen);
-    SessionDescription answer;
-    answer.media.push_back(buildAnswerMedia(*chosen, AnswerMediaOptions{5000, "RTP/AVP"}));
-    const auto reparsed = SessionDescription::parse(answer.toString());
-    ASSERT_TRUE(reparsed);
-    const auto match = matchAnswer(*reparsed, MatchOptions{});
-    ASSERT_TRUE(match);
-    EXPECT_EQ(match->codec, *chosen);
-    EXPECT_EQ(match->codec.name, "PCMU");
-    EXPECT_EQ(match->codec.telephoneEventPayloadType, 101);
 }
 
 class MatchAnswerTest : public ::testing::Test {
