@@ -86,6 +86,11 @@ private:
 // fault, which is reported through `error` ("bad Content-Length",
 // "missing Content-Length on stream transport").
 [[nodiscard]] std::optional<std::string> extractStreamMessage(std::string& buffer, std::string* error = nullptr);
+// The same framing on a view: `consumed` tells how many bytes of `buffer`
+// were used up (leading line breaks, and the message when one is returned),
+// so a reader can take many messages and cut its buffer once.
+[[nodiscard]] std::optional<std::string_view> frameStreamMessage(std::string_view buffer, size_t& consumed,
+                                                                 std::string* error = nullptr);
 
 // The canonical spelling of a header name: compact forms expanded, the
 // irregular names ("Call-ID", "CSeq", "WWW-Authenticate", ...) as listed,

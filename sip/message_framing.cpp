@@ -4,16 +4,17 @@
 
 namespace kelsip {
 
-std::optional<std::string> extractStreamMessage(std::string& buffer, std::string* error) {
+std::optional<std::string_view> frameStreamMessage(std::string_view buffer, size_t& consumed, std::string* error) {
     // Line breaks between messages are keep-alives (RFC 5626): eat them.
     size_t skip = 0;
     while (skip < buffer.size() && (buffer[skip] == '\r' || buffer[skip] == '\n')) ++skip;
-    if (skip > 0) buffer.erase(0, skip);
+    consumed = skip;
+    buffer.remove_prefix(skip);
     if (buffer.size() < 4) return std::nullopt;
     const size_t end = buffer.find("\r\n\r\n");
-    if (end == std::string::npos) return std::nullopt;
+    if (end == std::string_view::npos) return std::nullopt;
 
-    const std::string_view head(buffer.data(), end);
+    const std::string_view head = buffer.substr(0, end);
     std::optional<int64_t> length;
     size_t pos = 0;
     while (pos <= head.size()) {
@@ -53,9 +54,17 @@ std::optional<std::string> extractStreamMessage(std::string& buffer, std::string
     const size_t headerBytes = end + 4;
     if (static_cast<uint64_t>(*length) > buffer.size() - headerBytes) return std::nullopt;
     const size_t total = headerBytes + static_cast<size_t>(*length);
-    std::string message = buffer.substr(0, total);
-    buffer.erase(0, total);
-    return message;
+    consumed += total;
+    return buffer.substr(0, total);
+}
+
+std::optional<std::string> extractStreamMessage(std::string& buffer, std::string* error) {
+    size_t consumed = 0;
+    const auto message = frameStreamMessage(buffer, consumed, error);
+    std::optional<std::string> out;
+    if (message) out.emplace(*message);
+    buffer.erase(0, consumed);
+    return out;
 }
 
 }  // namespace kelsip

@@ -159,19 +159,24 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
         }
         c.lastActivity = Clock::now();
         c.in.append(chunk, r.bytes);
+        // Take every whole message, then cut the buffer once.
+        size_t offset = 0;
         for (;;) {
             std::string error;
-            auto message = extractStreamMessage(c.in, &error);
+            size_t used = 0;
+            const auto message = frameStreamMessage(std::string_view(c.in).substr(offset), used, &error);
+            offset += used;
             if (message) {
-                received.push_back(Received{std::move(*message), SipTarget{config_.kind, c.remote, c.id}});
+                received.push_back(Received{std::string(*message), SipTarget{config_.kind, c.remote, c.id}});
                 continue;
             }
             if (error.empty()) break;
             // A header block whose length cannot be known: drop that block
             // and read on from the next message.
             log::warn(kTransportLogTag, "dropping malformed stream message from " + c.remote.toString() + ": " + error);
-            c.in.erase(0, c.in.find("\r\n\r\n") + 4);
+            offset = c.in.find("\r\n\r\n", offset) + 4;
         }
+        c.in.erase(0, offset);
         if (c.in.size() > config_.maxMessageBytes) {
             closeConnection(c, "message too large on #" + std::to_string(c.id) + ", closing", !c.out.empty());
             return;
