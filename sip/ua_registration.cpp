@@ -75,6 +75,9 @@ bool UserAgent::Impl::registerLine(int id) {
         log::info(kTag, linePrefix(*line) + ": no registrar (peer to peer)");
         return false;
     }
+    // A REGISTER already on its way decides the outcome; a second one would
+    // race it with the next CSeq.
+    if (!line->transaction.empty() && !line->unregistering) return true;
     cancelTimers(*line);
     line->unregistering = false;
     line->attempts = 0;
