@@ -40,6 +40,12 @@ void SipMessage::appendCanonical(std::string name, std::string_view value) {
 }
 
 // Stored names are canonical, so a canonical name is found byte for byte.
+void SipMessage::appendTrimmed(const std::string& name, std::string_view value) {
+    HeaderField& h = headers_.emplace_back();
+    h.name = name;
+    h.value.assign(value.data(), value.size());
+}
+
 const HeaderField* SipMessage::find(std::string_view canonical) const {
     for (const HeaderField& h : headers_) {
         if (h.name == canonical) return &h;

@@ -76,6 +76,8 @@ private:
 
     // Appends a pair whose name is already canonical.
     void appendCanonical(std::string name, std::string_view value);
+    // The same for a value already trimmed, with the name copied.
+    void appendTrimmed(const std::string& name, std::string_view value);
     [[nodiscard]] const HeaderField* find(std::string_view name) const;
 
     std::vector<HeaderField> headers_;

@@ -124,7 +124,8 @@ private:
         std::string canonical = canonicalHeaderName(name);
         const std::string_view value = line.substr(colon + 1);
         if (isCommaListHeader(canonical)) {
-            text::forEachTopLevel(value, ',', [&](std::string_view element) { m_.appendCanonical(canonical, element); });
+            // The splitter hands out trimmed pieces: no second trim per element.
+            text::forEachTopLevel(value, ',', [&](std::string_view element) { m_.appendTrimmed(canonical, element); });
         } else {
             m_.appendCanonical(std::move(canonical), value);
         }
@@ -160,24 +161,36 @@ std::optional<SipMessage> SipMessage::parse(std::string_view input, std::string*
 }
 
 bool SipMessage::validate(std::string* error) const {
+    // One pass finds the first of each header the check needs.
+    const HeaderField* from = nullptr;
+    const HeaderField* to = nullptr;
+    const HeaderField* id = nullptr;
+    const HeaderField* via = nullptr;
+    const HeaderField* maxForwards = nullptr;
+    for (const HeaderField& h : headers_) {
+        const std::string& n = h.name;
+        if (from == nullptr && n == "From") from = &h;
+        else if (to == nullptr && n == "To") to = &h;
+        else if (id == nullptr && n == "Call-ID") id = &h;
+        else if (via == nullptr && n == "Via") via = &h;
+        else if (maxForwards == nullptr && n == "Max-Forwards") maxForwards = &h;
+    }
     // Checked on views: a received message is validated without building
     // the address objects its reader may never ask for.
     auto isAddress = [](const HeaderField* h) {
         NameAddrView na;
         return h != nullptr && splitNameAddr(h->value, na) && !na.wildcard;
     };
-    if (!isAddress(find("From"))) return fail(error, "missing/invalid From");
-    if (!isAddress(find("To"))) return fail(error, "missing/invalid To");
-    const HeaderField* id = find("Call-ID");
+    if (!isAddress(from)) return fail(error, "missing/invalid From");
+    if (!isAddress(to)) return fail(error, "missing/invalid To");
     if (id == nullptr || id->value.empty()) return fail(error, "missing Call-ID");
     const auto seq = cseq();
     if (!seq) return fail(error, "missing/invalid CSeq");
-    const HeaderField* via = find("Via");
     ViaView topVia;
     if (via == nullptr || !splitVia(via->value, topVia)) return fail(error, "missing/invalid Via");
     if (isRequest) {
         if (seq->method != method) return fail(error, "CSeq method does not match request method");
-        if (const HeaderField* mf = find("Max-Forwards"); mf != nullptr && !parseHeaderInteger(mf->value)) {
+        if (maxForwards != nullptr && !parseHeaderInteger(maxForwards->value)) {
             return fail(error, "invalid Max-Forwards");
         }
     }
