@@ -35,6 +35,13 @@ public:
     [[nodiscard]] virtual const CodecInfo& info() const = 0;
     [[nodiscard]] virtual bool encode(const int16_t* samples, size_t count, std::vector<uint8_t>& out) = 0;
     [[nodiscard]] virtual bool decode(const uint8_t* payload, size_t size, std::vector<int16_t>& out) = 0;
+    // How many samples a payload decodes to, known before decoding it: the
+    // playout buffer places packets by it. Sample-based formats by default.
+    [[nodiscard]] virtual size_t sampleCount(const uint8_t* payload, size_t size) const {
+        (void)payload;
+        const CodecInfo& i = info();
+        return i.bitsPerSample ? size * 8 / (i.bitsPerSample * (i.channels ? i.channels : 1)) : 0;
+    }
     // Stands in for `count` lost samples. Silence unless a codec knows better.
     virtual void conceal(size_t count, std::vector<int16_t>& out) { out.resize(out.size() + count, 0); }
 
