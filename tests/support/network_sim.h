@@ -1,0 +1,125 @@
+// A deterministic network between two media sessions, in virtual time: one-way
+// delay, jitter, random and burst loss, reordering and duplication per
+// direction, and the two ends' sound clocks running at different rates.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <span>
+#include <vector>
+
+#include "media/media_session.h"
+#include "sip/clock.h"
+
+namespace kelsip::test {
+
+struct LinkConditions {
+    int64_t delayUs = 20000;
+    int64_t jitterUs = 0;      // each packet is late by a uniform 0..jitterUs more
+    double loss = 0;           // independent loss per packet
+    double burstStart = 0;     // chance a burst of loss begins at a packet
+    double burstContinue = 0;  // chance a burst goes on to the next packet
+    double reorder = 0;        // chance a packet is held back 30 ms, behind the ones after it
+    double duplicate = 0;      // chance a packet arrives twice
+};
+
+struct SimPacket {
+    MediaTransport::Channel channel = MediaTransport::Channel::Rtp;
+    std::vector<uint8_t> bytes;
+    int64_t sentUs = 0;
+};
+
+class SimNetwork {
+public:
+    static constexpr int kEnds = 2;
+
+    explicit SimNetwork(uint64_t seed = 1);
+    ~SimNetwork();
+    SimNetwork(const SimNetwork&) = delete;
+    SimNetwork& operator=(const SimNetwork&) = delete;
+
+    [[nodiscard]] ManualClock& clock() { return clock_; }
+    [[nodiscard]] int64_t nowUs() const { return clock_.nowNs() / 1000; }
+
+    // Conditions on packets sent by end `from` (0 or 1).
+    void setConditions(int from, const LinkConditions& conditions) { links_[from].conditions = conditions; }
+    // The transport for end `end`; the network must outlive it.
+    [[nodiscard]] std::unique_ptr<MediaTransport> transport(int end);
+
+    // Delivers a packet to `end` now, as if it came from the far end.
+    void inject(int end, MediaTransport::Channel channel, std::vector<uint8_t> bytes);
+    // Moves virtual time to `untilUs`, delivering what falls due and ticking
+    // both ends every 10 ms.
+    void run(int64_t untilUs);
+
+    // Everything end `from` handed to the network, in order, lost or not.
+    [[nodiscard]] const std::vector<SimPacket>& sent(int from) const { return links_[from].sent; }
+    // What `close` gave as the final RTCP packet of end `end`; empty if none.
+    [[nodiscard]] const std::vector<uint8_t>& finalRtcp(int end) const { return links_[end].finalRtcp; }
+    [[nodiscard]] uint64_t dropped(int from) const { return links_[from].dropped; }
+
+private:
+    class Endpoint;
+    struct Link {
+        LinkConditions conditions;
+        std::vector<SimPacket> sent;
+        std::vector<uint8_t> finalRtcp;
+        uint64_t dropped = 0;
+        bool inBurst = false;
+    };
+    struct Delivery {
+        int to = 0;
+        MediaTransport::Channel channel = MediaTransport::Channel::Rtp;
+        std::vector<uint8_t> bytes;
+    };
+
+    void send(int from, MediaTransport::Channel channel, std::span<const uint8_t> bytes);
+    void schedule(int to, int64_t atUs, MediaTransport::Channel channel, std::vector<uint8_t> bytes);
+
+    ManualClock clock_;
+    std::mt19937_64 random_;
+    Link links_[kEnds];
+    MediaTransport::Sink* sinks_[kEnds] = {nullptr, nullptr};
+    // Keyed by delivery time, then by order of sending, so equal times keep order.
+    std::multimap<int64_t, Delivery> queue_;
+    int64_t nextTickUs_ = 0;
+};
+
+// Drives two media sessions over a SimNetwork as two sound cards would: the
+// sender captures `signal` and the receiver silence, both play what arrives
+// (the receiver's playout is kept), each on its own clock, which may run
+// fast or slow.
+class CallSimulation {
+public:
+    struct End {
+        double clockRate = 1.0;  // 1.005: this end's sound card runs 0.5 % fast
+        int64_t periodUs = 10000;
+    };
+    using Signal = std::function<int16_t(uint64_t sampleIndex)>;
+
+    CallSimulation(SimNetwork& network, MediaSession& sender, MediaSession& receiver, Signal signal)
+        : network_(network), sender_(sender), receiver_(receiver), signal_(std::move(signal)) {}
+
+    End senderEnd;
+    End receiverEnd;
+    // Every sample the receiver played, in order.
+    std::vector<int16_t> played;
+    // Called after each playout period, with the virtual time.
+    std::function<void(int64_t nowUs)> onPlayout;
+
+    void run(int64_t durationUs);
+
+private:
+    SimNetwork& network_;
+    MediaSession& sender_;
+    MediaSession& receiver_;
+    Signal signal_;  // the sender's audio, sample by sample
+    uint64_t captured_ = 0;
+    double senderNextUs_ = 0;
+    double receiverNextUs_ = 0;
+};
+
+}  // namespace kelsip::test
