@@ -93,6 +93,13 @@ void SimNetwork::run(int64_t untilUs) {
 
 void CallSimulation::run(int64_t durationUs) {
     const int64_t endUs = network_.nowUs() + durationUs;
+    if (!started_) {
+        // A sound card hands over a period's samples once it has recorded
+        // them: the first capture comes one period in. Playout starts at once.
+        started_ = true;
+        senderNextUs_ = static_cast<double>(network_.nowUs()) + static_cast<double>(senderEnd.periodUs) / senderEnd.clockRate;
+        receiverNextUs_ = static_cast<double>(network_.nowUs());
+    }
     std::vector<int16_t> chunk;
     std::vector<int16_t> silence;
     std::vector<int16_t> discard;

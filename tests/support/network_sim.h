@@ -118,6 +118,7 @@ private:
     MediaSession& receiver_;
     Signal signal_;  // the sender's audio, sample by sample
     uint64_t captured_ = 0;
+    bool started_ = false;
     double senderNextUs_ = 0;
     double receiverNextUs_ = 0;
 };
