@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <vector>
 
 namespace kelsip {
@@ -158,8 +160,80 @@ TEST(G711CodecTest, PacketsAppendBehindWhatTheOutputHolds) {
 
         codec.conceal(160, out);
         ASSERT_EQ(out.size(), 480u);
-        EXPECT_EQ(std::count(out.begin() + 320, out.end(), 0), 160);
+        // Concealment appends too.
+        EXPECT_EQ(out[160], ulaw ? ulawToLinear(payload[1]) : alawToLinear(payload[1]));
         EXPECT_FALSE(codec.encode(nullptr, 1, payload));
+
+        // With nothing played yet there is nothing to repeat.
+        std::vector<int16_t> fresh;
+        G711Codec(ulaw).conceal(80, fresh);
+        EXPECT_EQ(std::count(fresh.begin(), fresh.end(), 0), 80);
+    }
+}
+
+// A tone starting at `hz` whose pitch rises by `glide` Hz a second, as a
+// voice's does.
+std::vector<int16_t> toneOf(double hz, double glide, size_t count) {
+    std::vector<int16_t> out(count);
+    for (size_t i = 0; i < count; ++i) {
+        const double t = static_cast<double>(i) / 8000;
+        out[i] = static_cast<int16_t>(10000 * std::sin(2 * 3.14159265358979 * (hz + glide * t / 2) * t));
+    }
+    return out;
+}
+
+double correlation(const int16_t* a, const int16_t* b, size_t n) {
+    double ab = 0, aa = 0, bb = 0;
+    for (size_t i = 0; i < n; ++i) {
+        ab += static_cast<double>(a[i]) * b[i];
+        aa += static_cast<double>(a[i]) * a[i];
+        bb += static_cast<double>(b[i]) * b[i];
+    }
+    return ab / std::sqrt(aa * bb);
+}
+
+int largestStep(const std::vector<int16_t>& x, size_t from, size_t to) {
+    int step = 0;
+    for (size_t i = from + 1; i < to; ++i) step = std::max(step, std::abs(x[i] - x[i - 1]));
+    return step;
+}
+
+// 50 ms of a tone played, 20 ms lost, then the next packet. A steady tone is
+// carried on closely: periods below the shortest searched (1 kHz, found as
+// a multiple), near the longest (75 Hz) and of no whole number of samples
+// (220 Hz). A gliding one cannot be predicted, but neither end of the loss
+// may click, and the packet after it plays exactly once its blend is over.
+TEST(G711ConcealmentTest, RepeatsThePitchAndBlendsIntoTheNextPacket) {
+    struct Case {
+        double hz;
+        double glide;
+        double correlation;  // with what was lost, over its first 10 ms
+    };
+    const Case cases[] = {{1000, 0, 0.99}, {440, 0, 0.99}, {220, 0, 0.99}, {75, 0, 0.99},
+                          {150, 500, 0.85}, {440, 1000, 0.4}, {150, 2000, -1}};
+    for (const bool ulaw : {true, false}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message() << (ulaw ? "PCMU " : "PCMA ") << c.hz << " Hz + " << c.glide << " Hz/s");
+            const auto tone = toneOf(c.hz, c.glide, 720);
+            G711Codec codec(ulaw);
+            std::vector<uint8_t> payload;
+            ASSERT_TRUE(codec.encode(tone.data(), tone.size(), payload));
+            std::vector<int16_t> out;
+            ASSERT_TRUE(codec.decode(payload.data(), 400, out));
+            codec.conceal(100, out);
+            codec.conceal(60, out);  // any piece size continues the same repetition
+            ASSERT_TRUE(codec.decode(payload.data() + 560, 160, out));
+            ASSERT_EQ(out.size(), 720u);
+
+            EXPECT_GT(correlation(&out[400], &tone[400], 80), c.correlation);
+            if (c.glide == 0) {
+                EXPECT_GT(correlation(&out[400], &tone[400], 160), 0.98);
+            }
+            EXPECT_LE(largestStep(out, 390, 650), largestStep(tone, 0, 720) * 11 / 10 + 100);
+            std::vector<int16_t> plain;
+            ASSERT_TRUE(G711Codec(ulaw).decode(payload.data() + 640, 80, plain));
+            EXPECT_TRUE(std::equal(plain.begin(), plain.end(), out.begin() + 640));
+        }
     }
 }
 
