@@ -17,6 +17,8 @@ struct JitterBufferConfig {
     // Bounds of the delay the buffer aims to keep beyond what playout needs.
     uint32_t minDelayMs = 0;
     uint32_t maxDelayMs = 400;
+    // Held before the first packet plays, until the network's jitter is known.
+    uint32_t initialDelayMs = 20;
 };
 
 struct JitterBufferStats {
