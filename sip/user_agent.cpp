@@ -60,6 +60,8 @@ bool UserAgent::Impl::start(std::string* error) {
         config_.timers);
     transactions_->setRequestHandler(
         [this](const std::string& key, const SipMessage& m, const SipTarget& source) { onRequest(key, m, source); });
+    transactions_->setStrayResponseHandler(
+        [this](const SipMessage& m, const SipTarget& source) { onStray2xx(m, source); });
 
     auto onMessage = [this](SipMessage m, const SipTarget& source) {
         if (!transactions_) return;
@@ -115,6 +117,11 @@ void UserAgent::Impl::stop() {
     if (tcp_) tcp_->close();
     if (ownsLoopThread()) loop_->stop();
     for (auto& [id, line] : lines_) cancelTimers(line);
+    for (auto& [id, call] : calls_) {
+        if (call->media) call->media->close();
+        if (call->rtp) call->rtp->close({});
+    }
+    calls_.clear();
     locator_.reset();
     dns_.reset();
     transactions_.reset();
@@ -162,13 +169,31 @@ std::string UserAgent::Impl::viaFor(const SipTarget& target) const {
     return "SIP/2.0/" + std::string(transportName(target.kind)) + " " + contactHost(target) + ";rport";
 }
 
-void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& request, const SipTarget&) {
-    if (key.empty()) return;  // an ACK: nothing of ours to acknowledge yet
-    static constexpr std::string_view kAllow = "OPTIONS";
-    SipMessage answer = makeResponse(request, request.method == "OPTIONS" ? 200 : 405, "", randomToken(10));
-    answer.addHeader("Allow", kAllow);
-    answer.addHeader("Server", config_.userAgent);
-    (void)transactions_->sendResponse(key, answer);
+void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& request, const SipTarget& source) {
+    if (request.method == "ACK") {
+        onAck(request);
+        return;
+    }
+    if (key.empty()) return;
+    if (request.method == "CANCEL") {
+        onCancel(key, request);
+        return;
+    }
+    if (!request.toTag().empty()) {
+        if (Call* call = findCallByDialog(request, false)) {
+            onInDialogRequest(*call, key, request);
+        } else {
+            respond(key, request, 481);
+        }
+        return;
+    }
+    if (request.method == "INVITE") {
+        onInvite(key, request, source);
+        return;
+    }
+    static constexpr std::string_view kAllow =
+        "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
+    respond(key, request, request.method == "OPTIONS" ? 200 : 405, {}, {{"Allow", std::string(kAllow)}});
 }
 
 UserAgent::UserAgent(UserAgentConfig config) : impl_(std::make_unique<Impl>(std::move(config))) {}
@@ -224,6 +249,36 @@ bool UserAgent::setPush(int line, const PushParams& push) {
 }
 PushSupport UserAgent::pushSupport(int line) {
     return impl_->loop().invoke([&] { return impl_->pushSupport(line); });
+}
+int UserAgent::makeCall(int line, const std::string& target) {
+    return impl_->loop().invoke([&] { return impl_->makeCall(line, target); });
+}
+bool UserAgent::answerCall(int call) {
+    return impl_->loop().invoke([&] { return impl_->answerCall(call); });
+}
+bool UserAgent::rejectCall(int call, int statusCode) {
+    return impl_->loop().invoke([&] { return impl_->rejectCall(call, statusCode); });
+}
+bool UserAgent::hangupCall(int call) {
+    return impl_->loop().invoke([&] { return impl_->hangupCall(call); });
+}
+bool UserAgent::holdCall(int call) {
+    return impl_->loop().invoke([&] { return impl_->holdCall(call, true); });
+}
+bool UserAgent::unholdCall(int call) {
+    return impl_->loop().invoke([&] { return impl_->holdCall(call, false); });
+}
+bool UserAgent::sendDtmf(int call, const std::string& digits, DtmfMethod method) {
+    return impl_->loop().invoke([&] { return impl_->sendDtmf(call, digits, method); });
+}
+std::vector<CallInfo> UserAgent::calls() {
+    return impl_->loop().invoke([&] { return impl_->callInfos(); });
+}
+std::optional<CallInfo> UserAgent::callInfo(int call) {
+    return impl_->loop().invoke([&] { return impl_->callInfo(call); });
+}
+std::shared_ptr<MediaSession> UserAgent::callMedia(int call) {
+    return impl_->loop().invoke([&] { return impl_->callMedia(call); });
 }
 void UserAgent::setListener(std::shared_ptr<UserAgentListener> listener) {
     impl_->loop().invoke([&] { impl_->setListener(std::move(listener)); });

@@ -17,6 +17,7 @@
 namespace kelsip {
 
 class EventLoop;
+class MediaSession;
 
 enum class RegistrationState { Unregistered = 0, Registering = 1, Registered = 2, Unregistering = 3, Failed = 4 };
 // "Unregistered", "Registering", "Registered", "Unregistering", "Failed".
@@ -68,7 +69,7 @@ struct LineInfo {
 struct CallInfo {
     int id = 0;
     int line = 0;
-    std::string state;           // "Calling", "Ringing", "Talking", ...
+    std::string state;           // "Calling", "Proceeding", "Ringing", "Incoming", "Connected", ...
     std::string remoteUri;
     std::string remoteDisplayName;
     bool incoming = false;
@@ -131,6 +132,15 @@ struct UserAgentConfig {
     bool enable100rel = true;
     // DNS servers with their ports; empty: the system's.
     std::vector<net::SocketAddress> dnsServers;
+    // Calls. The RTP ports are handed out in even/odd pairs from this range.
+    uint16_t rtpPortMin = 16384;
+    uint16_t rtpPortMax = 32767;
+    // An outgoing call nobody answers is cancelled after this long.
+    int64_t noAnswerTimeoutMs = 120000;
+    // Two lines of a desk phone, each with a call and one on hold or being transferred.
+    int maxCalls = 4;
+    // Offer RFC 4733 telephone-event; DTMF by INFO works either way.
+    bool telephoneEvent = true;
     // The loop's clock; null: the system's. With a manual clock the loop gets
     // no thread of its own: the owner drives it (see UserAgent::eventLoop).
     std::shared_ptr<Clock> clock;
@@ -160,6 +170,20 @@ public:
     [[nodiscard]] std::vector<int> lines();
     [[nodiscard]] bool setPush(int line, const PushParams& push);
     [[nodiscard]] PushSupport pushSupport(int line);
+
+    // Calls. `target` is a SIP URI, "user@host", or a user of the line's domain.
+    [[nodiscard]] int makeCall(int line, const std::string& target);
+    [[nodiscard]] bool answerCall(int call);
+    [[nodiscard]] bool rejectCall(int call, int statusCode);
+    [[nodiscard]] bool hangupCall(int call);
+    [[nodiscard]] bool holdCall(int call);
+    [[nodiscard]] bool unholdCall(int call);
+    [[nodiscard]] bool sendDtmf(int call, const std::string& digits, DtmfMethod method);
+    [[nodiscard]] std::vector<CallInfo> calls();
+    [[nodiscard]] std::optional<CallInfo> callInfo(int call);
+    // The call's media, for the sound device's threads; null before it starts.
+    [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int call);
+
     void setListener(std::shared_ptr<UserAgentListener> listener);
 
     // Where the transports listen (after start); port 0 when not open.

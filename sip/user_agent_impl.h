@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "media/rtp_io_service.h"
+#include "media/rtp_port_allocator.h"
+#include "sip/call.h"
 #include "sip/digest.h"
 #include "sip/dns/dns_client.h"
 #include "sip/dns/server_location.h"
@@ -65,6 +68,16 @@ public:
     bool setPush(int id, const PushParams& push);
     [[nodiscard]] PushSupport pushSupport(int id) const;
     void setListener(std::shared_ptr<UserAgentListener> listener) { listener_ = std::move(listener); }
+
+    int makeCall(int line, const std::string& target);
+    bool answerCall(int id);
+    bool rejectCall(int id, int statusCode);
+    bool hangupCall(int id);
+    bool holdCall(int id, bool hold);
+    bool sendDtmf(int id, const std::string& digits, DtmfMethod method);
+    [[nodiscard]] std::vector<CallInfo> callInfos() const;
+    [[nodiscard]] std::optional<CallInfo> callInfo(int id) const;
+    [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int id) const;
     [[nodiscard]] net::SocketAddress localAddress(TransportKind kind) const;
 
     EventLoop& loop() { return *loop_; }
@@ -77,6 +90,40 @@ private:
     [[nodiscard]] std::string viaFor(const SipTarget& target) const;
     [[nodiscard]] std::string contactHost(const SipTarget& target) const;
     [[nodiscard]] std::string randomToken(size_t length);
+
+    // Calls: outgoing INVITE and the requests within a dialog.
+    [[nodiscard]] Call* findCall(int id);
+    [[nodiscard]] const Call* findCall(int id) const;
+    [[nodiscard]] Call* findCallByDialog(const SipMessage& message, bool weAreUac);
+    [[nodiscard]] static CallInfo infoOf(const Call& call);
+    void setCallState(Call& call, CallState state, int code = 0, const std::string& reason = {});
+    void endCall(Call& call, int code, const std::string& reason);
+    void sendInvite(Call& call);
+    void onInviteResponse(int id, const SipMessage* response);
+    void onInvite2xx(Call& call, const SipMessage& response);
+    void sendAck(Call& call, const SipMessage& response);
+    void sendCancel(Call& call);
+    void sendBye(Call& call);
+    void onStray2xx(const SipMessage& response, const SipTarget& source);
+    [[nodiscard]] SipMessage buildInDialogRequest(Call& call, std::string_view method);
+    [[nodiscard]] SipTarget dialogTarget(const Call& call) const;
+    [[nodiscard]] std::string contactFor(const Call& call) const;
+    // Calls: what arrives.
+    void onInvite(const std::string& key, const SipMessage& request, const SipTarget& source);
+    void onInDialogRequest(Call& call, const std::string& key, const SipMessage& request);
+    void onAck(const SipMessage& ack);
+    void onCancel(const std::string& key, const SipMessage& cancel);
+    void respond(const std::string& key, const SipMessage& request, int code, std::string_view reason = {},
+                 const std::vector<std::pair<std::string, std::string>>& extra = {});
+    void retransmit2xx(int id);
+    void sendNextInfoDigit(Call& call);
+    // Calls: offer/answer and media.
+    [[nodiscard]] bool openRtp(Call& call, const SipTarget& toward);
+    [[nodiscard]] std::string buildOffer(Call& call, MediaDirection direction);
+    [[nodiscard]] std::string buildAnswer(Call& call, MediaDirection direction);
+    [[nodiscard]] bool takeAnswer(Call& call, const std::string& body);
+    void startMedia(Call& call, const SessionDescription& remote, MediaDirection ours);
+    void sendReoffer(Call& call);
 
     // Registration.
     void resolveAndRegister(Line& line);
@@ -100,6 +147,10 @@ private:
     std::unique_ptr<dns::ServerLocator> locator_;
     std::map<int, Line> lines_;
     int nextLineId_ = 1;
+    std::map<int, std::unique_ptr<Call>> calls_;
+    int nextCallId_ = 1;
+    std::shared_ptr<RtpIoService> rtpIo_;
+    std::unique_ptr<RtpPortAllocator> rtpPorts_;
     std::shared_ptr<UserAgentListener> listener_;
     std::mt19937 random_;
     bool started_ = false;

@@ -1,0 +1,91 @@
+// One call of the user agent: an INVITE dialog, outgoing or incoming, with
+// its offer/answer state and its media.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "media/media_session.h"
+#include "media/negotiation.h"
+#include "media/rtp_session.h"
+#include "media/sdp.h"
+#include "media/sdp_local.h"
+#include "sip/digest.h"
+#include "sip/event_loop.h"
+#include "sip/message.h"
+#include "sip/sip_target.h"
+#include "sip/uri.h"
+
+namespace kelsip {
+
+enum class CallState { Calling, Proceeding, Ringing, Incoming, Connected, Disconnecting, Terminated };
+// "Calling", "Proceeding", "Ringing", "Incoming", "Connected", "Disconnecting", "Terminated".
+[[nodiscard]] std::string_view toString(CallState state);
+
+// The dialog an INVITE set up (RFC 3261 section 12).
+struct Dialog {
+    std::string callId;
+    std::string localTag;
+    std::string remoteTag;
+    std::string localUri;   // From of our requests, without the tag
+    std::string remoteUri;  // To of our requests, without the tag
+    uint32_t localCseq = 0;
+    std::optional<uint32_t> remoteCseq;
+    SipUri remoteTarget;
+    std::vector<std::string> routeSet;  // in the order our requests carry them
+};
+
+struct Call {
+    int id = 0;
+    int line = 0;
+    CallState state = CallState::Calling;
+    bool incoming = false;
+    std::string remoteUri;
+    std::string remoteDisplayName;
+    int statusCode = 0;
+    std::string reason;
+    bool localHold = false;
+    bool remoteHold = false;
+
+    Dialog dialog;
+    std::vector<SipTarget> targets;  // where the INVITE may go, in failover order
+    size_t targetIndex = 0;
+    SipMessage invite;               // the INVITE we sent last, or the one we serve
+    std::string inviteKey;           // its client or server transaction
+    bool provisionalSeen = false;    // a CANCEL may go out only after one
+    bool cancelWanted = false;
+    uint32_t authAttempts = 0;
+    std::optional<DigestChallenge> challenge;
+    DigestRequest digest;
+    std::optional<std::string> ackText;  // our ACK for the 2xx, sent again for retransmissions
+
+    // Offer/answer.
+    SdpOrigin origin;
+    std::string mediaAddress;  // ours, as our SDP names it
+    std::unique_ptr<RtpSession> rtp;  // until the media session takes it over
+    uint16_t rtpPort = 0;
+    std::optional<SessionDescription> remoteOffer;  // an incoming INVITE's offer
+    std::optional<NegotiatedCodec> codec;
+    bool lateOffer = false;  // an INVITE without SDP: our offer goes in the 200
+    std::shared_ptr<MediaSession> media;
+    RtpSession* rtpView = nullptr;  // the media session's transport, for new remote addresses
+    std::shared_ptr<MediaSessionListener> mediaListener;
+
+    // UAS: the 2xx repeated until the ACK.
+    std::string okText;
+    SipTarget okTarget;
+    int64_t okIntervalMs = 0;
+    int64_t okElapsedMs = 0;
+    EventLoop::TimerId okTimer = 0;
+
+    EventLoop::TimerId noAnswerTimer = 0;
+    std::string reofferKey;  // a re-INVITE of ours in flight
+    std::deque<char> infoDigits;  // DTMF by INFO, one request at a time
+    bool infoInFlight = false;
+};
+
+}  // namespace kelsip

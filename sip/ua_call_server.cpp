@@ -1,0 +1,323 @@
+// Calls we are offered and every request within a call's dialog: the checks
+// on an incoming INVITE, ringing, answering with the 2xx repeated until the
+// ACK, BYE, CANCEL, re-INVITE and UPDATE offers, and INFO digits.
+#include <algorithm>
+
+#include "media/telephone_event.h"
+#include "sip/address.h"
+#include "sip/log.h"
+#include "sip/text.h"
+#include "sip/user_agent_impl.h"
+
+namespace kelsip {
+
+namespace {
+
+constexpr std::string_view kTag = "ua";
+constexpr std::string_view kAllow =
+    "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
+constexpr int kMinSessionExpires = 90;
+
+std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
+
+// The option tags of every Require header, trimmed.
+std::vector<std::string> requiredTags(const SipMessage& request) {
+    std::vector<std::string> tags;
+    for (const std::string& value : request.headers("Require")) {
+        text::forEachTopLevel(value, ',', [&](std::string_view item) {
+            const auto t = text::trim(item);
+            if (!t.empty()) tags.emplace_back(t);
+        });
+    }
+    return tags;
+}
+
+// The digit of an INFO body: "Signal=5" lines (dtmf-relay) or a bare digit (dtmf).
+std::optional<char> infoDigit(const SipMessage& request) {
+    const std::string type = request.header("Content-Type").value_or("");
+    std::string_view body = request.body;
+    if (type.find("dtmf-relay") != std::string::npos) {
+        const auto at = body.find("Signal");
+        if (at == std::string_view::npos) return std::nullopt;
+        const auto eq = body.find('=', at);
+        if (eq == std::string_view::npos) return std::nullopt;
+        body = text::trim(body.substr(eq + 1, 2));
+    } else if (type.find("dtmf") == std::string::npos) {
+        return std::nullopt;
+    }
+    body = text::trim(body);
+    if (body.empty() || !dtmfEventCode(body.front())) return std::nullopt;
+    const char d = body.front();
+    return (d >= 'a' && d <= 'd') ? static_cast<char>(d - 'a' + 'A') : d;
+}
+
+}  // namespace
+
+void UserAgent::Impl::respond(const std::string& key, const SipMessage& request, int code, std::string_view reason,
+                              const std::vector<std::pair<std::string, std::string>>& extra) {
+    SipMessage answer = makeResponse(request, code, reason, request.toTag().empty() ? randomToken(10) : "");
+    for (const auto& [name, value] : extra) answer.addHeader(name, value);
+    answer.addHeader("Server", config_.userAgent);
+    (void)transactions_->sendResponse(key, answer);
+}
+
+void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request, const SipTarget& source) {
+    int active = 0;
+    for (const auto& [id, c] : calls_) active += c->state != CallState::Terminated;
+    if (active >= config_.maxCalls || lines_.empty()) {
+        respond(key, request, 486);
+        return;
+    }
+    std::string unsupported;
+    for (const std::string& tag : requiredTags(request)) {
+        if (tag == "100rel" || tag == "replaces" || tag == "timer") continue;
+        unsupported += (unsupported.empty() ? "" : ", ") + tag;
+    }
+    if (!unsupported.empty()) {
+        respond(key, request, 420, {}, {{"Unsupported", unsupported}});
+        return;
+    }
+    if (const auto replaces = request.header("Replaces")) {
+        // Which dialog it names: "call-id;to-tag=...;from-tag=...".
+        const std::string callId{text::trim(std::string_view(*replaces).substr(0, replaces->find(';')))};
+        bool known = false;
+        for (const auto& [id, c] : calls_) known = known || c->dialog.callId == callId;
+        if (!known) {
+            respond(key, request, 481);
+            return;
+        }
+    }
+    if (const auto se = request.header("Session-Expires")) {
+        const auto seconds = parseHeaderInteger(se->substr(0, se->find(';')));
+        if (seconds && *seconds < kMinSessionExpires) {
+            respond(key, request, 422, {}, {{"Min-SE", std::to_string(kMinSessionExpires)}});
+            return;
+        }
+    }
+    const std::string type = request.header("Content-Type").value_or("");
+    if (!request.body.empty() && !text::iequals(text::trim(type.substr(0, type.find(';'))), "application/sdp")) {
+        respond(key, request, 415, {}, {{"Accept", "application/sdp"}});
+        return;
+    }
+
+    auto owned = std::make_unique<Call>();
+    Call& call = *owned;
+    call.id = nextCallId_++;
+    call.line = lines_.begin()->first;
+    call.incoming = true;
+    call.state = CallState::Incoming;
+    call.invite = request;
+    call.inviteKey = key;
+    call.targets = {source};
+    if (const auto from = NameAddr::parse(request.header("From").value_or(""))) {
+        call.remoteUri = from->uri.toString();
+        call.remoteDisplayName = from->displayName;
+    }
+    Dialog& d = call.dialog;
+    d.callId = request.callId();
+    d.localTag = randomToken(10);
+    d.remoteTag = request.fromTag();
+    d.remoteCseq = request.cseq() ? std::optional<uint32_t>(request.cseq()->number) : std::nullopt;
+    {
+        auto from = NameAddr::parse(request.header("From").value_or(""));
+        auto to = NameAddr::parse(request.header("To").value_or(""));
+        if (from) from->removeParam("tag");
+        if (to) to->removeParam("tag");
+        d.remoteUri = from ? from->toString() : request.header("From").value_or("");
+        d.localUri = to ? to->toString() : request.header("To").value_or("");
+    }
+    if (const auto contact = NameAddr::parse(request.header("Contact").value_or(""))) {
+        d.remoteTarget = contact->uri;
+    } else if (const auto from = NameAddr::parse(request.header("From").value_or(""))) {
+        d.remoteTarget = from->uri;
+    }
+    d.routeSet = request.recordRoutes();
+
+    if (!openRtp(call, source)) {
+        log::warn(kTag, "no RTP port available");
+        respond(key, request, 503);
+        return;
+    }
+    if (request.body.empty()) {
+        call.lateOffer = true;
+    } else {
+        std::string error;
+        auto offer = SessionDescription::parse(request.body, &error);
+        AnswerOptions options;
+        options.telephoneEvent = config_.telephoneEvent;
+        auto codec = offer ? chooseFromOffer(*offer, options, &error) : std::nullopt;
+        if (!codec) {
+            call.rtp->close({});
+            respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
+            return;
+        }
+        call.remoteOffer = std::move(offer);
+        call.codec = codec;
+    }
+    const int id = call.id;
+    calls_[id] = std::move(owned);
+    log::info(kTag, callPrefix(call) + " -> " + std::string(toString(call.state)));
+    if (listener_) listener_->onCallState(infoOf(call));
+    // The 180 already carries the dialog's tag: the answer must carry the same.
+    SipMessage ringing = makeResponse(request, 180, "", call.dialog.localTag);
+    ringing.addHeader("Contact", contactFor(call));
+    ringing.addHeader("Server", config_.userAgent);
+    (void)transactions_->sendResponse(key, ringing);
+    if (listener_) listener_->onIncomingCall(infoOf(call));
+}
+
+bool UserAgent::Impl::answerCall(int id) {
+    Call* found = findCall(id);
+    if (found == nullptr || found->state != CallState::Incoming) return false;
+    Call& call = *found;
+    SipMessage ok = makeResponse(call.invite, 200, "", call.dialog.localTag);
+    ok.addHeader("Contact", contactFor(call));
+    ok.addHeader("Allow", kAllow);
+    ok.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
+    ok.addHeader("Server", config_.userAgent);
+    ok.addHeader("Content-Type", "application/sdp");
+    if (call.lateOffer) {
+        ok.body = buildOffer(call, MediaDirection::SendRecv);
+    } else {
+        MediaDirection ours = MediaDirection::SendRecv;
+        const MediaDirection theirs = call.remoteOffer->media.empty() ? MediaDirection::SendRecv
+                                                                      : call.remoteOffer->media.front().direction();
+        if (theirs == MediaDirection::SendOnly) ours = MediaDirection::RecvOnly;
+        if (theirs == MediaDirection::Inactive) ours = MediaDirection::Inactive;
+        if (theirs == MediaDirection::RecvOnly) ours = MediaDirection::SendOnly;
+        ok.body = buildAnswer(call, ours);
+        startMedia(call, *call.remoteOffer, ours);
+    }
+    if (!transactions_->sendResponse(call.inviteKey, ok)) return false;
+    // The transaction only forwards the 2xx once; we repeat it until the ACK.
+    call.okText = ok.toString();
+    call.okTarget = call.targets.front();
+    call.okIntervalMs = transactions_->timers().t1Ms;
+    call.okElapsedMs = 0;
+    call.okTimer = transactions_->schedule(call.okIntervalMs, [this, id] { retransmit2xx(id); });
+    setCallState(call, CallState::Connected, 200, "OK");
+    return true;
+}
+
+void UserAgent::Impl::retransmit2xx(int id) {
+    Call* call = findCall(id);
+    if (call == nullptr || call->okText.empty()) return;
+    call->okElapsedMs += call->okIntervalMs;
+    if (call->okElapsedMs >= 64 * transactions_->timers().t1Ms) {
+        call->okTimer = 0;
+        log::warn(kTag, callPrefix(*call) + ": no ACK for 2xx, terminating");
+        call->okText.clear();
+        sendBye(*call);
+        return;
+    }
+    (void)sendText(call->okText, call->okTarget);
+    call->okIntervalMs = std::min(call->okIntervalMs * 2, transactions_->timers().t2Ms);
+    call->okTimer = transactions_->schedule(call->okIntervalMs, [this, id] { retransmit2xx(id); });
+}
+
+bool UserAgent::Impl::rejectCall(int id, int statusCode) {
+    Call* call = findCall(id);
+    if (call == nullptr || call->state != CallState::Incoming || statusCode < 300 || statusCode > 699) return false;
+    SipMessage answer = makeResponse(call->invite, statusCode, "", call->dialog.localTag);
+    answer.addHeader("Server", config_.userAgent);
+    (void)transactions_->sendResponse(call->inviteKey, answer);
+    endCall(*call, statusCode, answer.reason);
+    return true;
+}
+
+void UserAgent::Impl::onAck(const SipMessage& ack) {
+    Call* call = findCallByDialog(ack, false);
+    if (call == nullptr) return;
+    loop_->cancel(call->okTimer);
+    call->okTimer = 0;
+    call->okText.clear();
+    if (call->lateOffer && call->codec == std::nullopt) {
+        if (!takeAnswer(*call, ack.body)) {
+            log::warn(kTag, callPrefix(*call) + ": unusable answer SDP, hanging up");
+            sendBye(*call);
+        }
+    }
+}
+
+void UserAgent::Impl::onCancel(const std::string& key, const SipMessage& cancel) {
+    const auto inviteKey = transactions_->inviteKeyForCancel(cancel);
+    Call* target = nullptr;
+    for (auto& [id, c] : calls_) {
+        if (inviteKey && c->incoming && c->inviteKey == *inviteKey) target = c.get();
+    }
+    if (target == nullptr) {
+        respond(key, cancel, 481);
+        return;
+    }
+    respond(key, cancel, 200);
+    // Once answered, a CANCEL changes nothing.
+    if (target->state != CallState::Incoming) return;
+    SipMessage terminated = makeResponse(target->invite, 487, "", target->dialog.localTag);
+    (void)transactions_->sendResponse(target->inviteKey, terminated);
+    endCall(*target, 487, "Cancelled");
+}
+
+void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, const SipMessage& request) {
+    const std::string& method = request.method;
+    if (const auto cseq = request.cseq()) {
+        if (call.dialog.remoteCseq && cseq->number < *call.dialog.remoteCseq && method != "ACK") {
+            respond(key, request, 500, "Out of order");
+            return;
+        }
+        call.dialog.remoteCseq = cseq->number;
+    }
+    if (method == "BYE") {
+        respond(key, request, 200);
+        endCall(call, call.statusCode, "Remote hangup");
+        return;
+    }
+    if (method == "INFO") {
+        const auto digit = infoDigit(request);
+        respond(key, request, 200);
+        if (digit && listener_) listener_->onDtmf(call.id, *digit, DtmfMethod::Info);
+        return;
+    }
+    if (method == "INVITE" || method == "UPDATE") {
+        if (!call.reofferKey.empty() && method == "INVITE") {
+            respond(key, request, 491);  // our own re-offer is on its way
+            return;
+        }
+        if (request.body.empty()) {
+            // An offerless re-INVITE asks for our offer; not carried here yet.
+            respond(key, request, 200, {}, {{"Contact", contactFor(call)}});
+            return;
+        }
+        auto offer = SessionDescription::parse(request.body);
+        AnswerOptions options;
+        options.telephoneEvent = config_.telephoneEvent;
+        auto codec = offer ? chooseFromOffer(*offer, options) : std::nullopt;
+        if (!codec) {
+            respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
+            return;
+        }
+        const MediaDirection theirs = offer->media.front().direction();
+        call.remoteHold = theirs == MediaDirection::SendOnly || theirs == MediaDirection::Inactive;
+        MediaDirection ours = call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv;
+        if (theirs == MediaDirection::SendOnly) ours = call.localHold ? MediaDirection::Inactive : MediaDirection::RecvOnly;
+        if (theirs == MediaDirection::Inactive) ours = MediaDirection::Inactive;
+        if (theirs == MediaDirection::RecvOnly) ours = MediaDirection::SendOnly;
+        call.codec = codec;
+        call.remoteOffer = offer;
+        SipMessage ok = makeResponse(request, 200, "", "");
+        ok.addHeader("Contact", contactFor(call));
+        ok.addHeader("Server", config_.userAgent);
+        ok.addHeader("Content-Type", "application/sdp");
+        ok.body = buildAnswer(call, ours);
+        (void)transactions_->sendResponse(key, ok);
+        startMedia(call, *offer, ours);
+        if (listener_) listener_->onCallInfo(infoOf(call));
+        return;
+    }
+    if (method == "OPTIONS") {
+        respond(key, request, 200, {}, {{"Allow", std::string(kAllow)}});
+        return;
+    }
+    respond(key, request, 405, {}, {{"Allow", std::string(kAllow)}});
+}
+
+}  // namespace kelsip
