@@ -119,6 +119,11 @@ uint64_t MediaSession::ntpAt(int64_t us) const {
 }
 
 bool MediaSession::setCodec(const NegotiatedCodec& codec) {
+    {
+        // A re-offer that kept the codec keeps the stream and the playout buffer.
+        const std::lock_guard lock(receive_->mutex);
+        if (receive_->buffer && receive_->codec == codec) return true;
+    }
     auto encoder = CodecRegistry::instance().create(codec.name);
     auto decoder = CodecRegistry::instance().create(codec.name);
     if (!encoder || !decoder || codec.clockRate == 0) return false;
