@@ -82,6 +82,16 @@ struct Call {
     int64_t okElapsedMs = 0;
     EventLoop::TimerId okTimer = 0;
 
+    // Reliable provisional responses (RFC 3262). As caller: the last RSeq we
+    // acknowledged. As called side: our RSeq, the 1xx repeated until its
+    // PRACK, and its interval.
+    std::optional<uint32_t> lastRseq;
+    uint32_t rseq = 0;
+    std::string reliableText;
+    int64_t reliableIntervalMs = 0;
+    int64_t reliableElapsedMs = 0;
+    EventLoop::TimerId reliableTimer = 0;
+
     EventLoop::TimerId noAnswerTimer = 0;
     std::string reofferKey;  // a re-INVITE of ours in flight
     std::deque<char> infoDigits;  // DTMF by INFO, one request at a time

@@ -105,7 +105,8 @@ void UserAgent::Impl::setCallState(Call& call, CallState state, int code, const 
 void UserAgent::Impl::endCall(Call& call, int code, const std::string& reason) {
     loop_->cancel(call.okTimer);
     loop_->cancel(call.noAnswerTimer);
-    call.okTimer = call.noAnswerTimer = 0;
+    loop_->cancel(call.reliableTimer);
+    call.okTimer = call.noAnswerTimer = call.reliableTimer = 0;
     if (call.media) call.media->close();
     if (call.rtp) call.rtp->close({});
     const int id = call.id;
@@ -255,8 +256,16 @@ void UserAgent::Impl::onInviteResponse(int id, const SipMessage* response) {
     if (response != nullptr && response->statusCode < 200) {
         call.provisionalSeen = true;
         if (response->statusCode > 100 && !response->toTag().empty() && call.dialog.remoteTag.empty()) {
+            // The early dialog: requests within it (PRACK) go to its target.
             call.dialog.remoteTag = response->toTag();
+            if (const auto contact = NameAddr::parse(response->header("Contact").value_or(""))) {
+                call.dialog.remoteTarget = contact->uri;
+            }
+            auto records = response->recordRoutes();
+            std::reverse(records.begin(), records.end());
+            call.dialog.routeSet = records;
         }
+        if (response->statusCode > 100 && response->toTag() == call.dialog.remoteTag) sendPrack(call, *response);
         if (response->statusCode == 180 || response->statusCode == 183) {
             setCallState(call, CallState::Ringing, response->statusCode, response->reason);
         } else if (call.state == CallState::Calling) {
@@ -372,6 +381,23 @@ SipMessage UserAgent::Impl::buildInDialogRequest(Call& call, std::string_view me
     if (method == "INVITE" || method == "UPDATE") m.addHeader("Contact", contactFor(call));
     m.addHeader("User-Agent", config_.userAgent);
     return m;
+}
+
+void UserAgent::Impl::sendPrack(Call& call, const SipMessage& provisional) {
+    bool reliable = false;
+    for (const std::string& value : provisional.headers("Require")) {
+        reliable = reliable || value.find("100rel") != std::string::npos;
+    }
+    const auto rseq = parseHeaderInteger(provisional.header("RSeq").value_or(""));
+    const auto cseq = provisional.cseq();
+    if (!reliable || !rseq || !cseq || *rseq < 1 || *rseq > 0xffffffffLL) return;
+    // Each reliable response once, in order; repeats are the far end's
+    // retransmissions, which our PRACK's own transaction answers.
+    if (call.lastRseq && static_cast<uint32_t>(*rseq) <= *call.lastRseq) return;
+    call.lastRseq = static_cast<uint32_t>(*rseq);
+    SipMessage prack = buildInDialogRequest(call, "PRACK");
+    prack.addHeader("RAck", std::to_string(*rseq) + " " + std::to_string(cseq->number) + " INVITE");
+    (void)transactions_->sendRequest(prack, dialogTarget(call), [](const SipMessage*) {});
 }
 
 void UserAgent::Impl::sendAck(Call& call, const SipMessage& response) {

@@ -2,6 +2,7 @@
 // on an incoming INVITE, ringing, answering with the 2xx repeated until the
 // ACK, BYE, CANCEL, re-INVITE and UPDATE offers, and INFO digits.
 #include <algorithm>
+#include <random>
 
 #include "media/telephone_event.h"
 #include "sip/address.h"
@@ -162,6 +163,22 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
     SipMessage ringing = makeResponse(request, 180, "", call.dialog.localTag);
     ringing.addHeader("Contact", contactFor(call));
     ringing.addHeader("Server", config_.userAgent);
+    // Reliably when the caller can PRACK and we offer 100rel, or when the
+    // caller insists on it.
+    bool callerSupports = false;
+    bool callerRequires = false;
+    for (const std::string& v : request.headers("Supported")) callerSupports |= v.find("100rel") != std::string::npos;
+    for (const std::string& tag : requiredTags(request)) callerRequires |= tag == "100rel";
+    if (callerRequires || (callerSupports && config_.enable100rel)) {
+        std::uniform_int_distribution<uint32_t> start(1, 9999);
+        call.rseq = start(random_);
+        ringing.addHeader("Require", "100rel");
+        ringing.addHeader("RSeq", std::to_string(call.rseq));
+        call.reliableText = ringing.toString();
+        call.reliableIntervalMs = transactions_->timers().t1Ms;
+        call.reliableElapsedMs = 0;
+        call.reliableTimer = transactions_->schedule(call.reliableIntervalMs, [this, id] { retransmitReliable1xx(id); });
+    }
     (void)transactions_->sendResponse(key, ringing);
     if (listener_) listener_->onIncomingCall(infoOf(call));
 }
@@ -189,6 +206,9 @@ bool UserAgent::Impl::answerCall(int id) {
         startMedia(call, *call.remoteOffer, ours);
     }
     if (!transactions_->sendResponse(call.inviteKey, ok)) return false;
+    loop_->cancel(call.reliableTimer);  // the 2xx settles the ringing
+    call.reliableTimer = 0;
+    call.reliableText.clear();
     // The transaction only forwards the 2xx once; we repeat it until the ACK.
     call.okText = ok.toString();
     call.okTarget = call.targets.front();
@@ -202,7 +222,7 @@ bool UserAgent::Impl::answerCall(int id) {
 void UserAgent::Impl::retransmit2xx(int id) {
     Call* call = findCall(id);
     if (call == nullptr || call->okText.empty()) return;
-    call->okElapsedMs += call->okIntervalMs;
+    call->okElapsedMs += std::min(call->okIntervalMs, 64 * transactions_->timers().t1Ms - call->okElapsedMs);
     if (call->okElapsedMs >= 64 * transactions_->timers().t1Ms) {
         call->okTimer = 0;
         log::warn(kTag, callPrefix(*call) + ": no ACK for 2xx, terminating");
@@ -212,7 +232,32 @@ void UserAgent::Impl::retransmit2xx(int id) {
     }
     (void)sendText(call->okText, call->okTarget);
     call->okIntervalMs = std::min(call->okIntervalMs * 2, transactions_->timers().t2Ms);
-    call->okTimer = transactions_->schedule(call->okIntervalMs, [this, id] { retransmit2xx(id); });
+    // The last wait ends exactly at 64 x T1, where we give up.
+    const int64_t wait = std::min(call->okIntervalMs, 64 * transactions_->timers().t1Ms - call->okElapsedMs);
+    call->okTimer = transactions_->schedule(wait, [this, id] { retransmit2xx(id); });
+}
+
+void UserAgent::Impl::retransmitReliable1xx(int id) {
+    Call* call = findCall(id);
+    if (call == nullptr || call->reliableText.empty()) return;
+    call->reliableElapsedMs += std::min(call->reliableIntervalMs, 64 * transactions_->timers().t1Ms - call->reliableElapsedMs);
+    if (call->reliableElapsedMs >= 64 * transactions_->timers().t1Ms) {
+        call->reliableTimer = 0;
+        call->reliableText.clear();
+        log::warn(kTag, callPrefix(*call) + ": no PRACK received");
+        if (call->state == CallState::Incoming) {
+            SipMessage failure = makeResponse(call->invite, 504, "", call->dialog.localTag);
+            (void)transactions_->sendResponse(call->inviteKey, failure);
+            endCall(*call, 504, "no PRACK received");
+        }
+        return;
+    }
+    if (auto again = SipMessage::parse(call->reliableText)) (void)transactions_->sendResponse(call->inviteKey, *again);
+    // RFC 3262: the interval doubles without the T2 cap; the last wait ends
+    // exactly at 64 x T1, where we give up.
+    call->reliableIntervalMs *= 2;
+    const int64_t wait = std::min(call->reliableIntervalMs, 64 * transactions_->timers().t1Ms - call->reliableElapsedMs);
+    call->reliableTimer = transactions_->schedule(wait, [this, id] { retransmitReliable1xx(id); });
 }
 
 bool UserAgent::Impl::rejectCall(int id, int statusCode) {
@@ -265,6 +310,19 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
             return;
         }
         call.dialog.remoteCseq = cseq->number;
+    }
+    if (method == "PRACK") {
+        const std::string rack = request.header("RAck").value_or("");
+        const auto rseq = parseHeaderInteger(rack.substr(0, rack.find(' ')));
+        if (call.reliableText.empty() || !rseq || static_cast<uint32_t>(*rseq) != call.rseq) {
+            respond(key, request, 481);
+            return;
+        }
+        loop_->cancel(call.reliableTimer);
+        call.reliableTimer = 0;
+        call.reliableText.clear();
+        respond(key, request, 200);
+        return;
     }
     if (method == "BYE") {
         respond(key, request, 200);

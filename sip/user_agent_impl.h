@@ -116,6 +116,8 @@ private:
     void respond(const std::string& key, const SipMessage& request, int code, std::string_view reason = {},
                  const std::vector<std::pair<std::string, std::string>>& extra = {});
     void retransmit2xx(int id);
+    void sendPrack(Call& call, const SipMessage& provisional);
+    void retransmitReliable1xx(int id);
     void sendNextInfoDigit(Call& call);
     // Calls: offer/answer and media.
     [[nodiscard]] bool openRtp(Call& call, const SipTarget& toward);

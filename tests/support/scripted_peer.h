@@ -70,6 +70,29 @@ public:
         (void)socket_.sendTo(text.data(), text.size(), lastSource_);
     }
 
+    // Sends a whole message as it stands to `to`.
+    void send(const std::string& text, const net::SocketAddress& to) { (void)socket_.sendTo(text.data(), text.size(), to); }
+    // The next response (of `code`, when not 0), or nothing within `timeout`.
+    std::optional<SipMessage> expectResponse(int code, const Pump& pump,
+                                             std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (pump) pump();
+            char buf[65536];
+            net::SocketAddress from;
+            const auto r = socket_.receiveFrom(buf, sizeof buf, from);
+            if (!r.ok()) {
+                net::PollEntry e{socket_.native(), true, false};
+                (void)net::poll({&e, 1}, 1);
+                continue;
+            }
+            auto m = SipMessage::parse(std::string_view(buf, r.bytes));
+            if (!m || m->isRequest || (code != 0 && m->statusCode != code)) continue;
+            return m;
+        }
+        return std::nullopt;
+    }
+
 private:
     net::Socket socket_;
     net::SocketAddress address_;

@@ -1,0 +1,193 @@
+// Call timers in virtual time against a scripted peer: the 2xx repeated
+// until the ACK, the reliable 180 repeated until its PRACK, and the
+// no-answer cancel, each with its exact schedule and how it ends.
+#include <gtest/gtest.h>
+
+#include "sip/event_loop.h"
+#include "sip/user_agent.h"
+#include "support/log_capture.h"
+#include "support/scripted_peer.h"
+#include "support/wait.h"
+
+namespace kelsip {
+namespace {
+
+using namespace std::chrono_literals;
+
+class CallTimingTest : public ::testing::Test {
+protected:
+    CallTimingTest() {
+        UserAgentConfig config;
+        config.bindAddress = "127.0.0.1";
+        config.udpPort = 0;
+        config.tcpPort = -1;
+        config.clock = clock;
+        config.noAnswerTimeoutMs = 30000;
+        config.rtpPortMin = 43000;
+        config.rtpPortMax = 43999;
+        ua = std::make_unique<UserAgent>(config);
+    }
+    void SetUp() override {
+        ASSERT_TRUE(ua->start());
+        LineConfig line;
+        line.user = "bob";
+        lineId = ua->addLine(line);
+    }
+
+    // An INVITE from the peer with a PCMU offer.
+    std::string invite(const std::string& extra) {
+        const std::string sdp =
+            "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 40000 RTP/AVP 0\r\n";
+        const std::string us = ua->localAddress(TransportKind::Udp).toString();
+        return "INVITE sip:bob@" + us + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+               ";branch=z9hG4bKpeer1\r\nMax-Forwards: 70\r\nFrom: <sip:alice@" + peer.hostPort() +
+               ">;tag=a1\r\nTo: <sip:bob@" + us + ">\r\nCall-ID: timing-1\r\nCSeq: 1 INVITE\r\nContact: <sip:alice@" +
+               peer.hostPort() + ">\r\n" + extra + "Content-Type: application/sdp\r\nContent-Length: " +
+               std::to_string(sdp.size()) + "\r\n\r\n" + sdp;
+    }
+    int incomingCall() {
+        int id = 0;
+        EXPECT_TRUE(test::waitFor([&] {
+            pump();
+            const auto calls = ua->calls();
+            if (!calls.empty()) id = calls.front().id;
+            return id != 0;
+        }, 5s));
+        return id;
+    }
+    void advance(std::chrono::milliseconds d) { advanceVirtualTime(ua->eventLoop(), *clock, d); }
+    [[nodiscard]] int64_t nowMs() const { return clock->nowNs() / 1'000'000; }
+    // Moves time on in 100 ms steps for `span`, noting when each response of
+    // `code` arrived, relative to `from`.
+    std::vector<int64_t> responsesOver(int code, std::chrono::milliseconds span, int64_t from) {
+        std::vector<int64_t> at;
+        for (int64_t t = 0; t <= span.count(); t += 100) {
+            while (peer.expectResponse(code, pump, 3ms)) at.push_back(nowMs() - from);
+            advance(100ms);
+        }
+        return at;
+    }
+
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::unique_ptr<UserAgent> ua;
+    int lineId = 0;
+    test::ScriptedPeer peer;
+    test::LogCapture logs;
+    test::ScriptedPeer::Pump pump = [this] { ua->eventLoop().runDue(); };
+};
+
+TEST_F(CallTimingTest, TwoHundredRepeatsFromT1DoublingToT2ThenTheCallEndsWithBye) {
+    peer.send(invite(""), ua->localAddress(TransportKind::Udp));
+    ASSERT_TRUE(peer.expectResponse(180, pump));
+    const int call = incomingCall();
+    ASSERT_TRUE(ua->answerCall(call));
+    const int64_t answered = nowMs();
+    const auto times = responsesOver(200, 31900ms, answered);
+    EXPECT_EQ(times, (std::vector<int64_t>{0, 500, 1500, 3500, 7500, 11500, 15500, 19500, 23500, 27500, 31500}));
+    advance(100ms);
+    EXPECT_TRUE(peer.expect("BYE", pump));
+    EXPECT_TRUE(logs.has("call " + std::to_string(call) + ": no ACK for 2xx, terminating"));
+}
+
+TEST_F(CallTimingTest, TheAckStopsTheRepeats) {
+    peer.send(invite(""), ua->localAddress(TransportKind::Udp));
+    ASSERT_TRUE(peer.expectResponse(180, pump));
+    ASSERT_TRUE(ua->answerCall(incomingCall()));
+    const int64_t answered = nowMs();
+    const auto ok = peer.expectResponse(200, pump);
+    ASSERT_TRUE(ok);
+    advance(500ms);
+    ASSERT_TRUE(peer.expectResponse(200, pump));  // the first repeat
+    const std::string us = ua->localAddress(TransportKind::Udp).toString();
+    peer.send("ACK sip:bob@" + us + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+                  ";branch=z9hG4bKpeer2\r\nMax-Forwards: 70\r\nFrom: <sip:alice@" + peer.hostPort() +
+                  ">;tag=a1\r\nTo: " + ok->header("To").value_or("") +
+                  "\r\nCall-ID: timing-1\r\nCSeq: 1 ACK\r\nContent-Length: 0\r\n\r\n",
+              ua->localAddress(TransportKind::Udp));
+    const auto later = responsesOver(200, 10000ms, answered);
+    EXPECT_EQ(later, (std::vector<int64_t>{}));
+    EXPECT_EQ(ua->callInfo(1)->state, "Connected");
+}
+
+TEST_F(CallTimingTest, ReliableRingingRepeatsDoublingUntilItsPrackOrFailsAt64T1) {
+    peer.send(invite("Supported: 100rel\r\n"), ua->localAddress(TransportKind::Udp));
+    const auto ringing = peer.expectResponse(180, pump);
+    ASSERT_TRUE(ringing);
+    EXPECT_EQ(ringing->header("Require"), "100rel");
+    const int64_t start = nowMs();
+    std::vector<int64_t> times = {0};
+    std::optional<SipMessage> first;
+    advance(100ms);
+    for (int64_t t = 100; t <= 32000; t += 100) {
+        while (auto r = peer.expectResponse(0, pump, 3ms)) {
+            if (r->statusCode == 180) {
+                EXPECT_EQ(r->header("Require"), "100rel");
+                EXPECT_TRUE(r->header("RSeq"));
+                times.push_back(nowMs() - start);
+            } else {
+                EXPECT_EQ(r->statusCode, 504);
+                EXPECT_EQ(nowMs() - start, 32000);
+                first = r;
+            }
+        }
+        advance(100ms);
+    }
+    EXPECT_EQ(times, (std::vector<int64_t>{0, 500, 1500, 3500, 7500, 15500, 31500}));
+    EXPECT_TRUE(first) << "no final response after 64 x T1";
+    EXPECT_TRUE(logs.has("call 1: no PRACK received"));
+}
+
+TEST_F(CallTimingTest, AnOutgoingCallNobodyAnswersIsCancelledAfterTheNoAnswerTime) {
+    const int call = ua->makeCall(lineId, "sip:alice@" + peer.hostPort());
+    ASSERT_GT(call, 0);
+    const auto inv = peer.expect("INVITE", pump);
+    ASSERT_TRUE(inv);
+    peer.answer(*inv, 180, "", "ring1");
+    ASSERT_TRUE(test::waitFor([&] {
+        pump();
+        return ua->callInfo(call)->state == "Ringing";
+    }, 5s));
+    advance(29s);
+    EXPECT_TRUE(peer.quiet("CANCEL", pump, 20ms));
+    advance(1s);
+    const auto cancel = peer.expect("CANCEL", pump);
+    ASSERT_TRUE(cancel);
+    EXPECT_EQ(cancel->header("Via"), inv->header("Via"));
+    EXPECT_EQ(cancel->cseq()->number, inv->cseq()->number);
+    EXPECT_TRUE(logs.has("call " + std::to_string(call) + " not answered in time, cancelling"));
+    peer.answer(*cancel, 200, "", "ring1");
+    peer.answer(*inv, 487, "", "ring1");
+    EXPECT_TRUE(test::waitFor([&] {
+        pump();
+        return ua->calls().empty();
+    }, 5s));
+    // The INVITE's 487 is acknowledged by the transaction.
+    EXPECT_TRUE(peer.expect("ACK", pump));
+}
+
+}  // namespace
+}  // namespace kelsip
+
+namespace kelsip {
+namespace {
+
+TEST_F(CallTimingTest, APrackStopsTheReliableRingingAndIsAnswered) {
+    peer.send(invite("Supported: 100rel\r\n"), ua->localAddress(TransportKind::Udp));
+    const auto ringing = peer.expectResponse(180, pump);
+    ASSERT_TRUE(ringing);
+    const std::string us = ua->localAddress(TransportKind::Udp).toString();
+    peer.send("PRACK sip:bob@" + us + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+                  ";branch=z9hG4bKpeer3\r\nMax-Forwards: 70\r\nFrom: <sip:alice@" + peer.hostPort() +
+                  ">;tag=a1\r\nTo: " + ringing->header("To").value_or("") +
+                  "\r\nCall-ID: timing-1\r\nCSeq: 2 PRACK\r\nRAck: " + ringing->header("RSeq").value_or("") +
+                  " 1 INVITE\r\nContent-Length: 0\r\n\r\n",
+              ua->localAddress(TransportKind::Udp));
+    const auto ok = peer.expectResponse(200, pump);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(ok->cseq()->method, "PRACK");
+    EXPECT_EQ(responsesOver(180, 5000ms, nowMs()), (std::vector<int64_t>{}));
+    EXPECT_EQ(ua->callInfo(1)->state, "Incoming");
+}
+
+}  // namespace
+}  // namespace kelsip
