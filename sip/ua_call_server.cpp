@@ -294,7 +294,11 @@ void UserAgent::Impl::onCancel(const std::string& key, const SipMessage& cancel)
         respond(key, cancel, 481);
         return;
     }
-    respond(key, cancel, 200);
+    // The same To tag as the INVITE's answers: a peer that takes the tag of
+    // the latest response must still name our dialog (RFC 3261 9.2).
+    SipMessage ok = makeResponse(cancel, 200, "", target->dialog.localTag);
+    ok.addHeader("Server", config_.userAgent);
+    (void)transactions_->sendResponse(key, ok);
     // Once answered, a CANCEL changes nothing.
     if (target->state != CallState::Incoming) return;
     SipMessage terminated = makeResponse(target->invite, 487, "", target->dialog.localTag);
