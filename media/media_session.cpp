@@ -167,6 +167,8 @@ void MediaSession::setDirection(MediaDirection direction) {
 
 MediaDirection MediaSession::direction() const { return control_->direction.load(); }
 
+void MediaSession::setMuted(bool muted) { send_->muted = muted; }
+
 bool MediaSession::sendDigit(char digit, std::optional<uint32_t> durationMs) {
     if (control_->closed || !sends(control_->direction.load())) return false;
     const std::lock_guard lock(send_->mutex);
@@ -183,6 +185,7 @@ void MediaSession::pushCapture(std::span<const int16_t> samples) {
         s.frame.insert(s.frame.end(), samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(take));
         samples = samples.subspan(take);
         if (s.frame.size() == s.frameSamples) {
+            if (s.muted) std::fill(s.frame.begin(), s.frame.end(), int16_t{0});
             sendFrame(s.frame);
             s.frame.clear();
         }

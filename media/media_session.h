@@ -97,6 +97,9 @@ public:
     // The call side (event-loop thread).
     void setDirection(MediaDirection direction);
     [[nodiscard]] MediaDirection direction() const;
+    // Sends silence instead of what is captured (a call we hold: the far end
+    // must not hear our room), keeping the stream and its timing.
+    void setMuted(bool muted);
     // A re-negotiation that changed the codec or payload types.
     [[nodiscard]] bool setCodec(const NegotiatedCodec& codec);
     // Queues an RFC 4733 digit; false when no telephone-event was agreed,

@@ -30,6 +30,7 @@ struct MediaSession::SendSide {
     uint16_t sequence = 0;
     uint32_t timestamp = 0;      // of the next packet interval
     bool talkspurtStart = true;  // the next audio packet carries the marker bit
+    std::atomic<bool> muted{false};
     TelephoneEventSender events;
     std::vector<TelephoneEventSender::Packet> eventPackets;
     std::vector<uint8_t> payload;

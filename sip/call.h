@@ -92,6 +92,14 @@ struct Call {
     int64_t reliableElapsedMs = 0;
     EventLoop::TimerId reliableTimer = 0;
 
+    // Session timer (RFC 4028).
+    uint32_t sessionInterval = 0;   // seconds; 0: none in force
+    bool localRefresher = false;
+    EventLoop::TimerId sessionTimer = 0;
+    int requestedInterval = 0;      // what our INVITE asks for; a 422 raises it
+    int sessionRetries = 0;
+    bool peerAllowsUpdate = false;
+
     EventLoop::TimerId noAnswerTimer = 0;
     std::string reofferKey;  // a re-INVITE of ours in flight
     std::deque<char> infoDigits;  // DTMF by INFO, one request at a time

@@ -106,7 +106,8 @@ void UserAgent::Impl::endCall(Call& call, int code, const std::string& reason) {
     loop_->cancel(call.okTimer);
     loop_->cancel(call.noAnswerTimer);
     loop_->cancel(call.reliableTimer);
-    call.okTimer = call.noAnswerTimer = call.reliableTimer = 0;
+    loop_->cancel(call.sessionTimer);
+    call.okTimer = call.noAnswerTimer = call.reliableTimer = call.sessionTimer = 0;
     if (call.media) call.media->close();
     if (call.rtp) call.rtp->close({});
     const int id = call.id;
@@ -213,6 +214,7 @@ void UserAgent::Impl::sendInvite(Call& call) {
     m.addHeader("Allow", kAllow);
     m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     m.addHeader("User-Agent", config_.userAgent);
+    addSessionHeaders(call, m);
     if (call.challenge) {
         call.digest.username = line->config.authUser.empty() ? line->config.user : line->config.authUser;
         call.digest.password = line->config.password;
@@ -296,6 +298,17 @@ void UserAgent::Impl::onInviteResponse(int id, const SipMessage* response) {
             }
         }
     }
+    if (code == 422 && call.sessionRetries < 2 && !call.cancelWanted) {
+        // Session interval too small: ask again with the far end's minimum.
+        const auto minSe = parseHeaderInteger(response->header("Min-SE").value_or(""));
+        if (minSe && *minSe > 0) {
+            ++call.sessionRetries;
+            call.requestedInterval = static_cast<int>(std::min<int64_t>(*minSe, 86400));
+            call.dialog.remoteTag.clear();
+            sendInvite(call);
+            return;
+        }
+    }
     if (code == 487 && call.cancelWanted) {
         endCall(call, 487, "Cancelled");
         return;
@@ -341,7 +354,11 @@ void UserAgent::Impl::onInvite2xx(Call& call, const SipMessage& response) {
         sendBye(call);
         return;
     }
+    for (const std::string& allow : response.headers("Allow")) {
+        call.peerAllowsUpdate = call.peerAllowsUpdate || allow.find("UPDATE") != std::string::npos;
+    }
     setCallState(call, CallState::Connected, response.statusCode, response.reason);
+    readSessionTimer(call, response, true);
 }
 
 SipTarget UserAgent::Impl::dialogTarget(const Call& call) const {

@@ -111,6 +111,7 @@ void UserAgent::Impl::startMedia(Call& call, const SessionDescription& remote, M
         if (address && call.rtpView) call.rtpView->setRemote(*address);
         if (call.codec) (void)call.media->setCodec(*call.codec);
         call.media->setDirection(ours);
+        call.media->setMuted(call.localHold);
         return;
     }
     if (!call.rtp || !call.codec) return;

@@ -17,7 +17,6 @@ namespace {
 constexpr std::string_view kTag = "ua";
 constexpr std::string_view kAllow =
     "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
-constexpr int kMinSessionExpires = 90;
 
 std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
 
@@ -90,8 +89,8 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
     }
     if (const auto se = request.header("Session-Expires")) {
         const auto seconds = parseHeaderInteger(se->substr(0, se->find(';')));
-        if (seconds && *seconds < kMinSessionExpires) {
-            respond(key, request, 422, {}, {{"Min-SE", std::to_string(kMinSessionExpires)}});
+        if (seconds && *seconds < config_.minSessionExpires) {
+            respond(key, request, 422, {}, {{"Min-SE", std::to_string(config_.minSessionExpires)}});
             return;
         }
     }
@@ -192,6 +191,14 @@ bool UserAgent::Impl::answerCall(int id) {
     ok.addHeader("Allow", kAllow);
     ok.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     ok.addHeader("Server", config_.userAgent);
+    for (const std::string& allow : call.invite.headers("Allow")) {
+        call.peerAllowsUpdate = call.peerAllowsUpdate || allow.find("UPDATE") != std::string::npos;
+    }
+    if (call.invite.hasHeader("Session-Expires")) {
+        readSessionTimer(call, call.invite, false);
+        addSessionHeaders(call, ok);
+        ok.addHeader("Require", "timer");
+    }
     ok.addHeader("Content-Type", "application/sdp");
     if (call.lateOffer) {
         ok.body = buildOffer(call, MediaDirection::SendRecv);
@@ -216,6 +223,7 @@ bool UserAgent::Impl::answerCall(int id) {
     call.okElapsedMs = 0;
     call.okTimer = transactions_->schedule(call.okIntervalMs, [this, id] { retransmit2xx(id); });
     setCallState(call, CallState::Connected, 200, "OK");
+    armSessionTimer(call);
     return true;
 }
 
@@ -344,9 +352,19 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
             respond(key, request, 491);  // our own re-offer is on its way
             return;
         }
+        const bool refresh = request.hasHeader("Session-Expires");
+        if (refresh) readSessionTimer(call, request, false);
         if (request.body.empty()) {
-            // An offerless re-INVITE asks for our offer; not carried here yet.
-            respond(key, request, 200, {}, {{"Contact", contactFor(call)}});
+            // A refresh without an offer (or an offerless re-INVITE, which
+            // asks for ours: answered the same way for now).
+            SipMessage ok = makeResponse(request, 200, "", "");
+            ok.addHeader("Contact", contactFor(call));
+            ok.addHeader("Server", config_.userAgent);
+            if (refresh) {
+                addSessionHeaders(call, ok);
+                ok.addHeader("Require", "timer");
+            }
+            (void)transactions_->sendResponse(key, ok);
             return;
         }
         auto offer = SessionDescription::parse(request.body);
@@ -368,6 +386,10 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         SipMessage ok = makeResponse(request, 200, "", "");
         ok.addHeader("Contact", contactFor(call));
         ok.addHeader("Server", config_.userAgent);
+        if (refresh) {
+            addSessionHeaders(call, ok);
+            ok.addHeader("Require", "timer");
+        }
         ok.addHeader("Content-Type", "application/sdp");
         ok.body = buildAnswer(call, ours);
         (void)transactions_->sendResponse(key, ok);

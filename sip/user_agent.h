@@ -139,6 +139,10 @@ struct UserAgentConfig {
     int64_t noAnswerTimeoutMs = 120000;
     // Two lines of a desk phone, each with a call and one on hold or being transferred.
     int maxCalls = 4;
+    // Session timers (RFC 4028): the interval we ask for, and the shortest
+    // we accept (a shorter one gets 422).
+    int sessionExpires = 1800;
+    int minSessionExpires = 90;
     // Offer RFC 4733 telephone-event; DTMF by INFO works either way.
     bool telephoneEvent = true;
     // The loop's clock; null: the system's. With a manual clock the loop gets

@@ -126,6 +126,11 @@ private:
     [[nodiscard]] bool takeAnswer(Call& call, const std::string& body);
     void startMedia(Call& call, const SessionDescription& remote, MediaDirection ours);
     void sendReoffer(Call& call);
+    // Session timers.
+    void readSessionTimer(Call& call, const SipMessage& message, bool weSentTheRequest);
+    void armSessionTimer(Call& call);
+    void sendSessionRefresh(Call& call);
+    void addSessionHeaders(const Call& call, SipMessage& message) const;
 
     // Registration.
     void resolveAndRegister(Line& line);

@@ -166,7 +166,7 @@ TEST(CallLoopbackTest, CallWithAudioHoldDtmfAndHangup) {
         Device devB(mediaB, 1000);
         EXPECT_TRUE(test::waitFor([&] { return devB.heard(440) > 0.9 && devA.heard(1000) > 0.9; }, 5s));
 
-        // Hold: Bob hears nothing of Alice's tone any more, and knows why.
+        // Hold: Bob hears nothing of Alice's room any more, and knows why.
         ASSERT_TRUE(alice.ua->holdCall(a));
         EXPECT_TRUE(test::waitFor([&] { return bob.events->last(b).remoteHold; }, 5s));
         EXPECT_TRUE(test::waitFor([&] { return devB.heard(440) < 0.1; }, 5s));

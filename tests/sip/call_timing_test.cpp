@@ -191,3 +191,84 @@ TEST_F(CallTimingTest, APrackStopsTheReliableRingingAndIsAnswered) {
 
 }  // namespace
 }  // namespace kelsip
+
+namespace kelsip {
+namespace {
+
+// The peer answers our INVITE with 200, an SDP answer and `extra` headers.
+void answerWith200(test::ScriptedPeer& peer, UserAgent& ua, const SipMessage& invite, const std::string& extra) {
+    SipMessage ok = makeResponse(invite, 200, "", "t1");
+    ok.addHeader("Contact", "<sip:alice@" + peer.hostPort() + ">");
+    ok.addHeader("Allow", "INVITE, ACK, BYE, CANCEL, UPDATE");
+    ok.addHeader("Content-Type", "application/sdp");
+    ok.body = "v=0\r\no=- 2 2 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 40002 RTP/AVP 0\r\n";
+    std::string text = ok.toString();
+    text.insert(text.find("Content-Type"), extra);
+    peer.send(text, ua.localAddress(TransportKind::Udp));
+}
+
+TEST_F(CallTimingTest, SessionTimerRefreshesAtHalfOrHangsUpWhenTheOtherSideDoesNot) {
+    struct Case {
+        const char* sessionExpires;
+        const char* expected;  // what we send then
+        int64_t afterSeconds;
+    };
+    const Case cases[] = {
+        {"90;refresher=uac", "UPDATE", 45},   // we asked, we refresh
+        {"90;refresher=uas", "BYE", 60},      // the far end refreshes: 90 - 30
+        {"1800;refresher=uas", "BYE", 1768},  // 1800 - 32
+        {"2;refresher=uas", "BYE", 2},        // 2 - 0
+        {"120", "UPDATE", 60},                // no refresher named: we refresh
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.sessionExpires);
+        const int call = ua->makeCall(lineId, "sip:alice@" + peer.hostPort());
+        const auto inv = peer.expect("INVITE", pump);
+        ASSERT_TRUE(inv);
+        EXPECT_EQ(inv->header("Session-Expires"), "1800");
+        EXPECT_EQ(inv->header("Min-SE"), "90");
+        answerWith200(peer, *ua, *inv, std::string("Session-Expires: ") + c.sessionExpires + "\r\nRequire: timer\r\n");
+        ASSERT_TRUE(peer.expect("ACK", pump));
+        ASSERT_TRUE(test::waitFor([&] {
+            pump();
+            return ua->callInfo(call) && ua->callInfo(call)->state == "Connected";
+        }, 5s));
+        advance(std::chrono::seconds(c.afterSeconds) - 100ms);
+        EXPECT_TRUE(peer.quiet(c.expected, pump, 5ms));
+        advance(100ms);
+        const auto sent = peer.expect(c.expected, pump);
+        ASSERT_TRUE(sent);
+        if (std::string(c.expected) == "UPDATE") {
+            EXPECT_EQ(sent->header("Session-Expires"), std::string(c.sessionExpires).substr(0, std::string(c.sessionExpires).find(';')) + ";refresher=uac");
+            peer.answer(*sent, 200);
+        } else {
+            EXPECT_TRUE(logs.has("call " + std::to_string(call) + ": session timer expired without refresh, hanging up"));
+            peer.answer(*sent, 200);
+        }
+        (void)ua->hangupCall(call);
+        (void)test::waitFor([&] {
+            pump();
+            if (auto bye = peer.expect("BYE", pump, 2ms)) peer.answer(*bye, 200);
+            return ua->calls().empty();
+        }, 5s);
+    }
+}
+
+TEST_F(CallTimingTest, A422MakesTheInviteGoAgainWithTheFarEndsMinimum) {
+    const int call = ua->makeCall(lineId, "sip:alice@" + peer.hostPort());
+    const auto first = peer.expect("INVITE", pump);
+    ASSERT_TRUE(first);
+    peer.answer(*first, 422, "Min-SE: 3600\r\n", "t0");
+    const auto second = peer.expect("INVITE", pump);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->header("Session-Expires"), "3600");
+    EXPECT_EQ(second->cseq()->number, first->cseq()->number + 1);
+    answerWith200(peer, *ua, *second, "Session-Expires: 3600;refresher=uac\r\n");
+    EXPECT_TRUE(test::waitFor([&] {
+        pump();
+        return ua->callInfo(call) && ua->callInfo(call)->state == "Connected";
+    }, 5s));
+}
+
+}  // namespace
+}  // namespace kelsip
