@@ -102,6 +102,11 @@ struct Call {
 
     EventLoop::TimerId noAnswerTimer = 0;
     std::string reofferKey;  // a re-INVITE of ours in flight
+    // Transfer: an incoming INVITE's Replaces names this call; a call we
+    // made for a REFER reports to the call that asked (its NOTIFYs).
+    int replaces = 0;
+    int referredBy = 0;
+    std::vector<std::pair<std::string, std::string>> extraHeaders;  // on our INVITE
     std::deque<char> infoDigits;  // DTMF by INFO, one request at a time
     bool infoInFlight = false;
 };

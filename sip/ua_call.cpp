@@ -100,6 +100,19 @@ void UserAgent::Impl::setCallState(Call& call, CallState state, int code, const 
     }
     log::info(kTag, callPrefix(call) + " -> " + std::string(toString(state)));
     if (listener_) listener_->onCallState(infoOf(call));
+    // A call made for a REFER tells the one who asked how it went.
+    if (Call* referrer = call.referredBy ? findCall(call.referredBy) : nullptr) {
+        if (state == CallState::Connected) {
+            notifyReferrer(*referrer, 200, "OK", true);
+            call.referredBy = 0;
+        } else if (state == CallState::Terminated) {
+            notifyReferrer(*referrer, call.statusCode ? call.statusCode : 503,
+                           call.reason.empty() ? "Service Unavailable" : call.reason, true);
+            call.referredBy = 0;
+        } else if (state == CallState::Ringing) {
+            notifyReferrer(*referrer, 180, "Ringing", false);
+        }
+    }
 }
 
 void UserAgent::Impl::endCall(Call& call, int code, const std::string& reason) {
@@ -127,11 +140,7 @@ int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
         return 0;
     }
     // A bare user calls within the line's domain; "user@host" gets the scheme.
-    std::string text = target;
-    if (text.rfind("sip:", 0) != 0 && text.rfind("sips:", 0) != 0 && text.rfind("tel:", 0) != 0) {
-        text = "sip:" + (text.find('@') == std::string::npos ? escapeUriUser(text) + "@" + line->config.domain : text);
-    }
-    auto uri = SipUri::parse(text);
+    auto uri = completeTarget(*line, target);
     const int id = nextCallId_++;
     auto owned = std::make_unique<Call>();
     Call& call = *owned;
@@ -215,6 +224,7 @@ void UserAgent::Impl::sendInvite(Call& call) {
     m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     m.addHeader("User-Agent", config_.userAgent);
     addSessionHeaders(call, m);
+    for (const auto& [name, value] : call.extraHeaders) m.addHeader(name, value);
     if (call.challenge) {
         call.digest.username = line->config.authUser.empty() ? line->config.user : line->config.authUser;
         call.digest.password = line->config.password;

@@ -32,23 +32,56 @@ std::vector<std::string> requiredTags(const SipMessage& request) {
     return tags;
 }
 
-// The digit of an INFO body: "Signal=5" lines (dtmf-relay) or a bare digit (dtmf).
+// The digit of an INFO body. dtmf-relay: name=value lines, "Signal" the
+// digit. dtmf: a number 0-16 (0-9, *, #, A-D, flash) or the digit itself.
+// Flash has no key of its own; it is reported as '!'.
 std::optional<char> infoDigit(const SipMessage& request) {
     const std::string type = request.header("Content-Type").value_or("");
-    std::string_view body = request.body;
-    if (type.find("dtmf-relay") != std::string::npos) {
-        const auto at = body.find("Signal");
-        if (at == std::string_view::npos) return std::nullopt;
-        const auto eq = body.find('=', at);
-        if (eq == std::string_view::npos) return std::nullopt;
-        body = text::trim(body.substr(eq + 1, 2));
-    } else if (type.find("dtmf") == std::string::npos) {
+    const std::string_view mime = text::trim(std::string_view(type).substr(0, type.find(';')));
+    std::string_view value;
+    if (text::iequals(mime, "application/dtmf-relay")) {
+        std::string_view rest = request.body;
+        while (!rest.empty()) {
+            const auto end = rest.find_first_of("\r\n");
+            const std::string_view line = rest.substr(0, end);
+            rest = end == std::string_view::npos ? std::string_view{} : rest.substr(end + 1);
+            const auto eq = line.find('=');
+            if (eq == std::string_view::npos) continue;
+            if (text::iequals(text::trim(line.substr(0, eq)), "Signal")) value = text::trim(line.substr(eq + 1));
+        }
+    } else if (text::iequals(mime, "application/dtmf")) {
+        value = text::trim(request.body);
+        if (const auto n = parseHeaderInteger(value); n && *n >= 0 && *n <= 16) {
+            return std::string_view("0123456789*#ABCD!")[static_cast<size_t>(*n)];
+        }
+    } else {
         return std::nullopt;
     }
-    body = text::trim(body);
-    if (body.empty() || !dtmfEventCode(body.front())) return std::nullopt;
-    const char d = body.front();
+    if (value.size() != 1 || !dtmfEventCode(value.front())) return std::nullopt;
+    const char d = value.front();
     return (d >= 'a' && d <= 'd') ? static_cast<char>(d - 'a' + 'A') : d;
+}
+
+// The dialog a Replaces header (or parameter value) names.
+struct ReplacesTarget {
+    std::string callId;
+    std::string toTag;
+    std::string fromTag;
+    bool earlyOnly = false;
+};
+
+std::optional<ReplacesTarget> parseReplaces(std::string_view value) {
+    ReplacesTarget r;
+    r.callId = std::string(text::trim(value.substr(0, value.find(';'))));
+    if (r.callId.empty()) return std::nullopt;
+    if (value.find(';') != std::string_view::npos) {
+        for (const Param& p : parseParams(value.substr(value.find(';')))) {
+            if (p.name == "to-tag") r.toTag = p.value;
+            if (p.name == "from-tag") r.fromTag = p.value;
+            if (p.name == "early-only") r.earlyOnly = true;
+        }
+    }
+    return r;
 }
 
 }  // namespace
@@ -77,15 +110,27 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
         respond(key, request, 420, {}, {{"Unsupported", unsupported}});
         return;
     }
+    int replacedCall = 0;
     if (const auto replaces = request.header("Replaces")) {
-        // Which dialog it names: "call-id;to-tag=...;from-tag=...".
-        const std::string callId{text::trim(std::string_view(*replaces).substr(0, replaces->find(';')))};
-        bool known = false;
-        for (const auto& [id, c] : calls_) known = known || c->dialog.callId == callId;
-        if (!known) {
+        // The named dialog is ours when its to-tag is our tag and its
+        // from-tag the far end's.
+        const auto target = parseReplaces(*replaces);
+        const Call* found = nullptr;
+        for (const auto& [id, c] : calls_) {
+            if (target && c->dialog.callId == target->callId && c->dialog.localTag == target->toTag &&
+                c->dialog.remoteTag == target->fromTag && c->state != CallState::Terminated) {
+                found = c.get();
+            }
+        }
+        if (found == nullptr) {
             respond(key, request, 481);
             return;
         }
+        if (target->earlyOnly && found->state == CallState::Connected) {
+            respond(key, request, 486);
+            return;
+        }
+        replacedCall = found->id;
     }
     if (const auto se = request.header("Session-Expires")) {
         const auto seconds = parseHeaderInteger(se->substr(0, se->find(';')));
@@ -108,6 +153,7 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
     call.state = CallState::Incoming;
     call.invite = request;
     call.inviteKey = key;
+    call.replaces = replacedCall;
     call.targets = {source};
     if (const auto from = NameAddr::parse(request.header("From").value_or(""))) {
         call.remoteUri = from->uri.toString();
@@ -224,6 +270,15 @@ bool UserAgent::Impl::answerCall(int id) {
     call.okTimer = transactions_->schedule(call.okIntervalMs, [this, id] { retransmit2xx(id); });
     setCallState(call, CallState::Connected, 200, "OK");
     armSessionTimer(call);
+    if (Call* replaced = findCall(call.replaces); replaced != nullptr && replaced->state != CallState::Terminated) {
+        // The new call takes the old one's place (an attended transfer).
+        replaced->reason = "Replaced";
+        if (replaced->state == CallState::Connected) {
+            sendBye(*replaced);
+        } else {
+            (void)hangupCall(replaced->id);
+        }
+    }
     return true;
 }
 
@@ -339,6 +394,26 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
     if (method == "BYE") {
         respond(key, request, 200);
         endCall(call, call.statusCode, "Remote hangup");
+        return;
+    }
+    if (method == "REFER") {
+        onRefer(call, key, request);
+        return;
+    }
+    if (method == "NOTIFY") {
+        respond(key, request, 200);
+        const std::string event = request.header("Event").value_or("");
+        if (event.rfind("refer", 0) != 0) return;
+        // "SIP/2.0 180 Ringing": the transferred call's progress.
+        const std::string_view body = request.body;
+        if (body.rfind("SIP/2.0 ", 0) == 0) {
+            const std::string_view line = body.substr(8, body.find_first_of("\r\n") == std::string_view::npos
+                                                               ? std::string_view::npos
+                                                               : body.find_first_of("\r\n") - 8);
+            const auto code = parseHeaderInteger(line.substr(0, line.find(' ')));
+            const std::string reason = line.find(' ') == std::string_view::npos ? "" : std::string(line.substr(line.find(' ') + 1));
+            if (code && listener_) listener_->onTransferProgress(call.id, static_cast<int>(*code), reason);
+        }
         return;
     }
     if (method == "INFO") {

@@ -271,6 +271,12 @@ bool UserAgent::unholdCall(int call) {
 bool UserAgent::sendDtmf(int call, const std::string& digits, DtmfMethod method) {
     return impl_->loop().invoke([&] { return impl_->sendDtmf(call, digits, method); });
 }
+bool UserAgent::transferCall(int call, const std::string& target) {
+    return impl_->loop().invoke([&] { return impl_->transferCall(call, target); });
+}
+bool UserAgent::transferCallAttended(int call, int otherCall) {
+    return impl_->loop().invoke([&] { return impl_->transferCallAttended(call, otherCall); });
+}
 std::vector<CallInfo> UserAgent::calls() {
     return impl_->loop().invoke([&] { return impl_->callInfos(); });
 }

@@ -183,6 +183,10 @@ public:
     [[nodiscard]] bool holdCall(int call);
     [[nodiscard]] bool unholdCall(int call);
     [[nodiscard]] bool sendDtmf(int call, const std::string& digits, DtmfMethod method);
+    // REFER the far end to `target` (blind), or to the far end of `otherCall`
+    // with Replaces (attended). Progress arrives on onTransferProgress.
+    [[nodiscard]] bool transferCall(int call, const std::string& target);
+    [[nodiscard]] bool transferCallAttended(int call, int otherCall);
     [[nodiscard]] std::vector<CallInfo> calls();
     [[nodiscard]] std::optional<CallInfo> callInfo(int call);
     // The call's media, for the sound device's threads; null before it starts.

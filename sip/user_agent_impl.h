@@ -75,6 +75,8 @@ public:
     bool hangupCall(int id);
     bool holdCall(int id, bool hold);
     bool sendDtmf(int id, const std::string& digits, DtmfMethod method);
+    bool transferCall(int id, const std::string& target);
+    bool transferCallAttended(int id, int otherId);
     [[nodiscard]] std::vector<CallInfo> callInfos() const;
     [[nodiscard]] std::optional<CallInfo> callInfo(int id) const;
     [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int id) const;
@@ -119,6 +121,11 @@ private:
     void sendPrack(Call& call, const SipMessage& provisional);
     void retransmitReliable1xx(int id);
     void sendNextInfoDigit(Call& call);
+    // Transfer.
+    [[nodiscard]] std::optional<SipUri> completeTarget(const Line& line, const std::string& target) const;
+    bool sendRefer(Call& call, const std::string& referTo);
+    void onRefer(Call& call, const std::string& key, const SipMessage& request);
+    void notifyReferrer(Call& call, int code, const std::string& reason, bool final);
     // Calls: offer/answer and media.
     [[nodiscard]] bool openRtp(Call& call, const SipTarget& toward);
     [[nodiscard]] std::string buildOffer(Call& call, MediaDirection direction);
