@@ -1,0 +1,496 @@
+// Calls against SIPp, whose scenarios (tests/interop/sipp/call_*.xml) send
+// exactly what a test needs: as the called side, the INVITEs we refuse
+// before ringing, an ACK that comes late, CANCEL before and after the
+// answer, hold re-INVITEs and BYE; as the caller, a 200 that comes twice,
+// a busy callee, our CANCEL and our hold. What SIPp cannot check itself
+// (times, branches, whether two messages are the same) is read from its
+// message trace.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "interop/support/interop_test.h"
+#include "sip/user_agent.h"
+#include "support/wait.h"
+
+namespace kelsip {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// One message of SIPp's trace: when, which way, and its text.
+struct Traced {
+    std::chrono::microseconds at{};
+    bool received = false;
+    std::string text;
+
+    [[nodiscard]] std::string startLine() const { return text.substr(0, text.find('\n')); }
+    // The first value of the header, trimmed; empty when it is absent.
+    [[nodiscard]] std::string header(std::string_view name) const {
+        std::istringstream lines(text);
+        std::string line;
+        std::getline(lines, line);
+        while (std::getline(lines, line) && !line.empty()) {
+            const auto colon = line.find(':');
+            if (colon == std::string::npos || colon != name.size()) continue;
+            bool same = true;
+            for (size_t i = 0; i < colon; ++i) {
+                same = same && std::tolower(static_cast<unsigned char>(line[i])) ==
+                                   std::tolower(static_cast<unsigned char>(name[i]));
+            }
+            if (!same) continue;
+            const auto begin = line.find_first_not_of(' ', colon + 1);
+            return begin == std::string::npos ? "" : line.substr(begin);
+        }
+        return "";
+    }
+    [[nodiscard]] std::string body() const {
+        const auto end = text.find("\n\n");
+        return end == std::string::npos ? "" : text.substr(end + 2);
+    }
+    [[nodiscard]] bool isRequest(std::string_view method) const {
+        return text.compare(0, method.size() + 1, std::string(method) + " ") == 0;
+    }
+    // A response with this status to a request with this CSeq ("1 INVITE").
+    [[nodiscard]] bool isResponse(int code, std::string_view cseq) const {
+        return text.rfind("SIP/2.0 " + std::to_string(code) + " ", 0) == 0 && header("CSeq") == cseq;
+    }
+    [[nodiscard]] int status() const {
+        return text.rfind("SIP/2.0 ", 0) == 0 ? std::atoi(text.c_str() + 8) : 0;
+    }
+    [[nodiscard]] std::string toTag() const {
+        const std::string to = header("To");
+        const auto from = to.find(";tag=");
+        return from == std::string::npos ? "" : to.substr(from + 5, to.find(';', from + 5) - (from + 5));
+    }
+    // The branch parameter of the top Via.
+    [[nodiscard]] std::string branch() const {
+        const std::string via = header("Via");
+        const auto from = via.find(";branch=");
+        if (from == std::string::npos) return "";
+        return via.substr(from + 8, via.find_first_of(";, ", from + 8) - (from + 8));
+    }
+};
+
+// SIPp's -trace_msg file: each message follows a line of dashes with the
+// time, and a line saying whether it was sent or received.
+std::vector<Traced> readTrace(const std::string& log) {
+    std::vector<Traced> out;
+    std::istringstream lines(log);
+    std::string line;
+    enum class Part { Outside, Heading, Text } part = Part::Outside;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0, us = 0;
+        if (line.rfind("-----", 0) == 0) {
+            const auto stamp = line.find_first_not_of("- ");
+            if (stamp != std::string::npos &&
+                std::sscanf(line.c_str() + stamp, "%d-%d-%d %d:%d:%d.%d", &y, &mo, &d, &h, &mi, &s, &us) == 7) {
+                const std::chrono::sys_days day{std::chrono::year(y) / mo / d};
+                Traced m;
+                m.at = day.time_since_epoch() + std::chrono::hours(h) + std::chrono::minutes(mi) +
+                       std::chrono::seconds(s) + std::chrono::microseconds(us);
+                out.push_back(std::move(m));
+                part = Part::Heading;
+                continue;
+            }
+        }
+        if (part == Part::Heading) {
+            if (line.find("message received") != std::string::npos) out.back().received = true;
+            if (line.empty()) part = Part::Text;
+            continue;
+        }
+        if (part == Part::Text) out.back().text += line + "\n";
+    }
+    // The trace leaves blank lines after each message; a body keeps its own end.
+    for (Traced& m : out) {
+        while (m.text.size() >= 2 && m.text.compare(m.text.size() - 2, 2, "\n\n") == 0 &&
+               m.text.find("\n\n") != m.text.size() - 2) {
+            m.text.pop_back();
+        }
+    }
+    return out;
+}
+
+std::vector<Traced> select(const std::vector<Traced>& trace, const std::function<bool(const Traced&)>& wanted) {
+    std::vector<Traced> out;
+    for (const Traced& m : trace) {
+        if (wanted(m)) out.push_back(m);
+    }
+    return out;
+}
+
+class Recorder final : public UserAgentListener {
+public:
+    void onIncomingCall(const CallInfo& call) override {
+        const std::lock_guard lock(mutex_);
+        incoming_.push_back(call.id);
+    }
+    void onCallState(const CallInfo& call) override {
+        const std::lock_guard lock(mutex_);
+        states_[call.id].push_back(call.state);
+        last_[call.id] = call;
+    }
+    void onCallInfo(const CallInfo& call) override {
+        const std::lock_guard lock(mutex_);
+        infos_[call.id].push_back(call);
+    }
+    [[nodiscard]] std::vector<int> incoming() {
+        const std::lock_guard lock(mutex_);
+        return incoming_;
+    }
+    [[nodiscard]] std::vector<std::string> states(int call) {
+        const std::lock_guard lock(mutex_);
+        return states_[call];
+    }
+    [[nodiscard]] std::string state(int call) {
+        const std::lock_guard lock(mutex_);
+        return states_[call].empty() ? "" : states_[call].back();
+    }
+    [[nodiscard]] CallInfo last(int call) {
+        const std::lock_guard lock(mutex_);
+        return last_[call];
+    }
+    // Every hold change the call reported, in order.
+    [[nodiscard]] std::vector<CallInfo> infos(int call) {
+        const std::lock_guard lock(mutex_);
+        return infos_[call];
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<int> incoming_;
+    std::map<int, std::vector<std::string>> states_;
+    std::map<int, CallInfo> last_;
+    std::map<int, std::vector<CallInfo>> infos_;
+};
+
+class CallSippTest : public test::InteropTest {
+protected:
+    // `t1Ms` sets the pace of the 2xx retransmissions.
+    void startUserAgent(int64_t t1Ms = 500) {
+        UserAgentConfig config;
+        config.bindAddress = "127.0.0.1";
+        config.udpPort = 0;
+        config.tcpPort = -1;
+        config.timers.t1Ms = t1Ms;
+        ua = std::make_unique<UserAgent>(config);
+        std::string error;
+        ASSERT_TRUE(ua->start(&error)) << error;
+        ua->setListener(events);
+        LineConfig line;
+        line.user = "alice";
+        lineId = ua->addLine(line);
+        ASSERT_GT(lineId, 0);
+    }
+
+    // SIPp calling us with a scenario; `arguments` such as "-key", "name", "value".
+    test::SippRunner* callUs(const std::string& scenario, std::vector<std::string> arguments = {}) {
+        test::SippOptions options;
+        options.scenario = scenario;
+        options.remote = ua->localAddress(TransportKind::Udp).toString();
+        options.timeout = 10s;
+        options.arguments = std::move(arguments);
+        return startSipp(options);
+    }
+
+    // SIPp answering with a scenario.
+    test::SippRunner* startCallee(const std::string& scenario) {
+        test::SippOptions options;
+        options.scenario = scenario;
+        options.timeout = 10s;
+        return startSipp(options);
+    }
+
+    int callSipp(const test::SippRunner& sipp) { return ua->makeCall(lineId, "sip:bob@" + sipp.hostPort()); }
+
+    // The call SIPp placed, once it rang here.
+    int incomingCall() {
+        if (!test::waitFor([&] { return !events->incoming().empty(); }, 5s)) return 0;
+        return events->incoming().front();
+    }
+
+    bool ends(int call) {
+        return test::waitFor([&] { return events->state(call) == "Terminated"; }, 10s);
+    }
+
+    std::shared_ptr<Recorder> events = std::make_shared<Recorder>();
+    std::unique_ptr<UserAgent> ua;
+    int lineId = 0;
+};
+
+// ---- SIPp calls us ----
+
+TEST_F(CallSippTest, RefusesInvitesItCannotServeBeforeRinging) {
+    startUserAgent();
+    struct Refusal {
+        const char* what;
+        const char* scenario;
+        std::vector<std::string> arguments;
+        int status;
+        const char* header;  // what the refusal must carry
+        const char* value;
+    };
+    const Refusal refusals[] = {
+        {"an unknown required extension", "call_in_require_unknown.xml", {}, 420, "Unsupported", "foo"},
+        {"a body that is not SDP", "call_in_text_body.xml", {}, 415, "Accept", "application/sdp"},
+        {"only G.729", "call_in_no_common_codec.xml", {"-key", "payload", "18", "-key", "rtpmap", "G729/8000"},
+         488, "Warning", "304 KELSIP \"Media type not available\""},
+        {"only Opus", "call_in_no_common_codec.xml", {"-key", "payload", "111", "-key", "rtpmap", "opus/48000/2"},
+         488, "Warning", "304 KELSIP \"Media type not available\""},
+        {"Replaces naming no dialog", "call_in_replaces_unknown.xml", {}, 481, "", ""},
+        {"a session interval below the minimum", "call_in_session_interval_small.xml", {}, 422, "Min-SE", "90"},
+    };
+    for (const Refusal& r : refusals) {
+        SCOPED_TRACE(r.what);
+        test::SippRunner* sipp = callUs(r.scenario, r.arguments);
+        ASSERT_TRUE(sipp);
+        // SIPp fails the call on any other answer.
+        EXPECT_EQ(sipp->waitForExit(10s), 0);
+        const auto finals = select(readTrace(sipp->messages()), [](const Traced& m) {
+            return m.received && m.status() >= 200;
+        });
+        ASSERT_FALSE(finals.empty());
+        EXPECT_EQ(finals.front().status(), r.status) << finals.front().text;
+        if (*r.header != '\0') {
+            EXPECT_EQ(finals.front().header(r.header), r.value) << finals.front().text;
+        }
+    }
+    EXPECT_TRUE(events->incoming().empty()) << "a refused INVITE rang";
+    EXPECT_TRUE(ua->calls().empty());
+}
+
+TEST_F(CallSippTest, RepeatsThe200AtDoublingIntervalsUntilTheLateAck) {
+    startUserAgent(100);
+    test::SippRunner* sipp = callUs("call_in_ack_withheld.xml");
+    ASSERT_TRUE(sipp);
+    const int call = incomingCall();
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(ua->answerCall(call));
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(events->last(call).reason, "Remote hangup");
+    EXPECT_EQ(events->states(call), (std::vector<std::string>{"Incoming", "Connected", "Terminated"}));
+    ASSERT_EQ(sipp->waitForExit(10s), 0);
+
+    const auto trace = readTrace(sipp->messages());
+    const auto oks = select(trace, [](const Traced& m) { return m.received && m.isResponse(200, "1 INVITE"); });
+    const auto acks = select(trace, [](const Traced& m) { return !m.received && m.isRequest("ACK"); });
+    ASSERT_EQ(acks.size(), 1u);
+    // SIPp acknowledges 1.1 s after the first 200: with T1 = 100 ms the copies
+    // follow after 100, 200 and 400 ms; the next (800 ms on) would come after the ACK.
+    ASSERT_EQ(oks.size(), 4u);
+    EXPECT_EQ(oks.front().header("Content-Type"), "application/sdp");
+    EXPECT_THAT(oks.front().body(), HasSubstr("a=rtpmap:0 PCMU/8000"));
+    for (size_t i = 1; i < oks.size(); ++i) {
+        SCOPED_TRACE("copy " + std::to_string(i));
+        EXPECT_EQ(oks[i].text, oks.front().text);
+        const auto gap = std::chrono::duration_cast<std::chrono::milliseconds>(oks[i].at - oks[i - 1].at);
+        const auto nominal = 100ms * (1 << (i - 1));
+        EXPECT_GE(gap, nominal - 5ms);
+        EXPECT_LT(gap, nominal + 150ms);
+    }
+    EXPECT_LT(oks.back().at, acks.front().at);
+}
+
+TEST_F(CallSippTest, AnswersHoldReoffersInKindAndEndsOnBye) {
+    startUserAgent();
+    test::SippRunner* sipp = callUs("call_in_held.xml");
+    ASSERT_TRUE(sipp);
+    const int call = incomingCall();
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(ua->answerCall(call));
+    ASSERT_TRUE(ends(call));
+    // SIPp checked each answer's direction: recvonly, sendrecv, inactive.
+    EXPECT_EQ(sipp->waitForExit(10s), 0);
+    std::vector<bool> remoteHold;
+    for (const CallInfo& info : events->infos(call)) remoteHold.push_back(info.remoteHold);
+    EXPECT_THAT(remoteHold, ElementsAre(true, false, true));
+    EXPECT_EQ(events->last(call).reason, "Remote hangup");
+    EXPECT_EQ(events->states(call), (std::vector<std::string>{"Incoming", "Connected", "Terminated"}));
+}
+
+TEST_F(CallSippTest, CancelWhileRingingEndsTheCallAsCancelled) {
+    startUserAgent();
+    test::SippRunner* sipp = callUs("call_in_cancelled.xml");
+    ASSERT_TRUE(sipp);
+    const int call = incomingCall();
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(events->last(call).reason, "Cancelled");
+    EXPECT_EQ(events->last(call).statusCode, 487);
+    EXPECT_EQ(events->states(call), (std::vector<std::string>{"Incoming", "Terminated"}));
+    // SIPp checked the 200 to the CANCEL and the 487 to the INVITE.
+    EXPECT_EQ(sipp->waitForExit(10s), 0);
+    EXPECT_FALSE(ua->answerCall(call));
+}
+
+TEST_F(CallSippTest, CancelAfterTheAnswerChangesNothing) {
+    startUserAgent();
+    test::SippRunner* sipp = callUs("call_in_cancel_after_answer.xml");
+    ASSERT_TRUE(sipp);
+    const int call = incomingCall();
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(ua->answerCall(call));
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(sipp->waitForExit(10s), 0);
+    EXPECT_EQ(events->last(call).reason, "Remote hangup");
+    EXPECT_EQ(events->states(call), (std::vector<std::string>{"Incoming", "Connected", "Terminated"}));
+    const auto trace = readTrace(sipp->messages());
+    EXPECT_TRUE(select(trace, [](const Traced& m) { return m.received && m.status() == 487; }).empty());
+    // SIPp takes the To tag of the latest answer for its ACK and BYE: the
+    // 200 to the CANCEL must name the dialog the 200 to the INVITE set up.
+    const auto ok = select(trace, [](const Traced& m) { return m.received && m.isResponse(200, "1 INVITE"); });
+    const auto cancelled = select(trace, [](const Traced& m) { return m.received && m.isResponse(200, "1 CANCEL"); });
+    ASSERT_FALSE(ok.empty());
+    ASSERT_FALSE(cancelled.empty());
+    EXPECT_EQ(cancelled.front().toTag(), ok.front().toTag());
+}
+
+// ---- We call SIPp ----
+
+TEST_F(CallSippTest, AcksARepeated200WithTheSameAck) {
+    test::SippRunner* sipp = startCallee("call_out_200_repeated.xml");
+    ASSERT_TRUE(sipp);
+    startUserAgent();
+    const int call = callSipp(*sipp);
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(events->last(call).reason, "Remote hangup");
+    EXPECT_EQ(events->states(call), (std::vector<std::string>{"Calling", "Ringing", "Connected", "Terminated"}));
+    ASSERT_EQ(sipp->waitForExit(10s), 0);
+
+    const auto trace = readTrace(sipp->messages());
+    const auto invites = select(trace, [](const Traced& m) { return m.received && m.isRequest("INVITE"); });
+    const auto acks = select(trace, [](const Traced& m) { return m.received && m.isRequest("ACK"); });
+    ASSERT_FALSE(invites.empty());
+    ASSERT_EQ(acks.size(), 2u);
+    EXPECT_EQ(acks[1].text, acks[0].text);
+    EXPECT_EQ(acks[0].header("CSeq"), "1 ACK");
+    // The ACK of a 2xx is a transaction of its own.
+    EXPECT_NE(acks[0].branch(), invites.front().branch());
+}
+
+TEST_F(CallSippTest, ABusyCalleeEndsTheCallWith486) {
+    test::SippRunner* sipp = startCallee("call_out_busy.xml");
+    ASSERT_TRUE(sipp);
+    startUserAgent();
+    const int call = callSipp(*sipp);
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(events->last(call).statusCode, 486);
+    EXPECT_EQ(events->states(call), (std::vector<std::string>{"Calling", "Proceeding", "Terminated"}));
+    ASSERT_EQ(sipp->waitForExit(10s), 0);
+
+    const auto trace = readTrace(sipp->messages());
+    const auto invites = select(trace, [](const Traced& m) { return m.received && m.isRequest("INVITE"); });
+    const auto busy = select(trace, [](const Traced& m) { return !m.received && m.status() == 486; });
+    const auto acks = select(trace, [](const Traced& m) { return m.received && m.isRequest("ACK"); });
+    ASSERT_FALSE(invites.empty());
+    ASSERT_FALSE(busy.empty());
+    ASSERT_FALSE(acks.empty());
+    // The ACK of a failure belongs to the INVITE's transaction.
+    EXPECT_EQ(acks.front().branch(), invites.front().branch());
+    EXPECT_EQ(acks.front().header("CSeq"), "1 ACK");
+    EXPECT_EQ(acks.front().toTag(), busy.front().toTag());
+}
+
+TEST_F(CallSippTest, CancelWaitsForAProvisionalAndNamesTheInvite) {
+    test::SippRunner* sipp = startCallee("call_out_cancelled.xml");
+    ASSERT_TRUE(sipp);
+    startUserAgent();
+    const int call = callSipp(*sipp);
+    ASSERT_GT(call, 0);
+    // Hang up as soon as the INVITE is on its way, while SIPp keeps quiet.
+    ASSERT_TRUE(test::waitFor(
+        [&] {
+            for (const std::string& line : logs().lines()) {
+                if (line.rfind("SEND UDP", 0) == 0 && line.find("\nINVITE ") != std::string::npos) return true;
+            }
+            return false;
+        },
+        5s));
+    EXPECT_EQ(events->state(call), "Calling");
+    ASSERT_TRUE(ua->hangupCall(call));
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(events->last(call).statusCode, 487);
+    EXPECT_EQ(events->last(call).reason, "Cancelled");
+    // SIPp fails the call if the CANCEL comes before its 180.
+    ASSERT_EQ(sipp->waitForExit(10s), 0);
+
+    const auto trace = readTrace(sipp->messages());
+    const auto invites = select(trace, [](const Traced& m) { return m.received && m.isRequest("INVITE"); });
+    const auto ringing = select(trace, [](const Traced& m) { return !m.received && m.status() == 180; });
+    const auto cancels = select(trace, [](const Traced& m) { return m.received && m.isRequest("CANCEL"); });
+    const auto acks = select(trace, [](const Traced& m) { return m.received && m.isRequest("ACK"); });
+    ASSERT_FALSE(invites.empty());
+    ASSERT_FALSE(ringing.empty());
+    ASSERT_FALSE(cancels.empty());
+    ASSERT_FALSE(acks.empty());
+    const Traced& invite = invites.front();
+    const Traced& cancel = cancels.front();
+    EXPECT_GT(cancel.at, ringing.front().at);
+    EXPECT_EQ(cancel.startLine(), "CANCEL" + invite.startLine().substr(6));
+    EXPECT_EQ(cancel.branch(), invite.branch());
+    EXPECT_EQ(cancel.header("CSeq"), "1 CANCEL");
+    EXPECT_EQ(invite.header("CSeq"), "1 INVITE");
+    for (const char* name : {"From", "To", "Call-ID"}) EXPECT_EQ(cancel.header(name), invite.header(name)) << name;
+    EXPECT_EQ(acks.front().branch(), invite.branch());
+}
+
+TEST_F(CallSippTest, HoldAndResumeAreReoffersSendonlyThenSendrecv) {
+    test::SippRunner* sipp = startCallee("call_out_hold.xml");
+    ASSERT_TRUE(sipp);
+    startUserAgent();
+    const int call = callSipp(*sipp);
+    ASSERT_GT(call, 0);
+    ASSERT_TRUE(test::waitFor([&] { return events->state(call) == "Connected"; }, 5s));
+
+    ASSERT_TRUE(ua->holdCall(call));
+    ASSERT_TRUE(test::waitFor([&] { return events->infos(call).size() == 1; }, 5s));
+    EXPECT_TRUE(events->infos(call).back().onHold);
+    EXPECT_FALSE(events->infos(call).back().remoteHold);
+    ASSERT_TRUE(ua->unholdCall(call));
+    ASSERT_TRUE(test::waitFor([&] { return events->infos(call).size() == 2; }, 5s));
+    EXPECT_FALSE(events->infos(call).back().onHold);
+
+    ASSERT_TRUE(ua->hangupCall(call));
+    ASSERT_TRUE(ends(call));
+    EXPECT_EQ(events->last(call).reason, "Local hangup");
+    // SIPp checked each offer's direction: sendonly, then sendrecv.
+    ASSERT_EQ(sipp->waitForExit(10s), 0);
+
+    const auto trace = readTrace(sipp->messages());
+    const auto invites = select(trace, [](const Traced& m) { return m.received && m.isRequest("INVITE"); });
+    const auto ok = select(trace, [](const Traced& m) { return !m.received && m.isResponse(200, "1 INVITE"); });
+    ASSERT_EQ(invites.size(), 3u);
+    ASSERT_FALSE(ok.empty());
+    // Each re-offer is a new request in the dialog, and a new version of our session.
+    const auto version = [](const Traced& m) {
+        const std::string body = m.body();
+        const auto o = body.find("o=");
+        std::istringstream fields(body.substr(o, body.find('\n', o) - o));
+        std::string user, session, v;
+        fields >> user >> session >> v;
+        return std::stoll(v);
+    };
+    for (size_t i = 1; i < invites.size(); ++i) {
+        SCOPED_TRACE("re-INVITE " + std::to_string(i));
+        EXPECT_EQ(invites[i].header("CSeq"), std::to_string(i + 1) + " INVITE");
+        EXPECT_EQ(invites[i].toTag(), ok.front().toTag());
+        EXPECT_EQ(version(invites[i]), version(invites[i - 1]) + 1);
+    }
+}
+
+}  // namespace
+}  // namespace kelsip
