@@ -11,8 +11,15 @@
 #include <thread>
 #include <vector>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
 #include "sip/log.h"
 #include "sip/user_agent.h"
+#include "support/free_port.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -115,6 +122,71 @@ void BM_MemoryPerCall(benchmark::State& state) {
     kelsip::log::setLevel(kelsip::LogLevel::Info);
 }
 BENCHMARK(BM_MemoryPerCall)->Arg(3)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The called side against SIPp as caller: SIPp's own "uac" scenario
+// (INVITE, 100/180/200, ACK, BYE at once) at a given rate for four
+// seconds, our user agent answering every call with its media. Reports the
+// calls that completed per second and those that failed; the rate where
+// failures start is where we stop keeping up.
+void BM_CalledSideAgainstSipp(benchmark::State& state) {
+    const std::string sipp = kelsip::test::Process::findProgram("sipp");
+    if (sipp.empty()) {
+        state.SkipWithError("sipp not installed (package sip-tester)");
+        return;
+    }
+    kelsip::log::setLevel(kelsip::LogLevel::Error);
+    const int rate = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        kelsip::UserAgentConfig config;
+        config.bindAddress = "127.0.0.1";
+        config.udpPort = 0;
+        config.tcpPort = -1;
+        config.maxCalls = 100000;  // the limit under test is throughput, not a policy
+        UserAgent ua(config);
+        (void)ua.start();
+        kelsip::LineConfig line;
+        line.user = "bob";
+        (void)ua.addLine(line);
+        auto answer = std::make_shared<AutoAnswer>();
+        answer->ua = &ua;
+        ua.setListener(answer);
+
+        kelsip::test::TempDir dir;
+        kelsip::test::ProcessOptions options;
+        options.program = sipp;
+        options.arguments = {"-sn", "uac", "-r", std::to_string(rate), "-m", std::to_string(rate * 4), "-d", "0",
+                             "-i", "127.0.0.1", "-p", std::to_string(kelsip::test::freeLoopbackPort()), "-nostdin",
+                             "-timeout", "30s", "-timeout_error",
+                             ua.localAddress(kelsip::TransportKind::Udp).toString()};
+        options.workingDirectory = dir.path();
+        options.logFile = dir.path() / "sipp.log";
+        kelsip::test::Process process;
+        std::string error;
+        const auto start = std::chrono::steady_clock::now();
+        if (!process.start(options, &error)) {
+            state.SkipWithError(error.c_str());
+            break;
+        }
+        while (!process.exitCode()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        // The final screen's counters: "Successful call | 0 | N".
+        std::ifstream log(options.logFile);
+        std::stringstream read;
+        read << log.rdbuf();
+        const std::string text = read.str();
+        const auto count = [&](const std::string& label) {
+            const auto at = text.rfind(label);
+            if (at == std::string::npos) return 0.0;
+            const auto bar = text.rfind('|', text.find('\n', at));
+            return std::stod(text.substr(bar + 1));
+        };
+        state.counters["completed_per_s"] = count("Successful call") / seconds;
+        state.counters["failed"] = count("Failed call");
+        state.counters["offered_per_s"] = rate;
+    }
+    kelsip::log::setLevel(kelsip::LogLevel::Info);
+}
+BENCHMARK(BM_CalledSideAgainstSipp)->Arg(1000)->Arg(2000)->Arg(3000)->Arg(4000)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
 }  // namespace
 
