@@ -14,10 +14,7 @@ namespace kelsip {
 namespace {
 
 constexpr std::string_view kTag = "ua";
-constexpr std::string_view kAllow =
-    "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
 
-std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
 
 }  // namespace
 
@@ -220,7 +217,7 @@ void UserAgent::Impl::sendInvite(Call& call) {
     m.addHeader("Call-ID", call.dialog.callId);
     m.addHeader("CSeq", std::to_string(++call.dialog.localCseq) + " INVITE");
     m.addHeader("Contact", contactFor(call));
-    m.addHeader("Allow", kAllow);
+    m.addHeader("Allow", kUserAgentAllow);
     m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     m.addHeader("User-Agent", config_.userAgent);
     addSessionHeaders(call, m);

@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::string_view kTag = "ua";
 
-std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
 
 // Hands the media session's digits to the loop, where the listener lives.
 class CallMediaListener final : public MediaSessionListener {

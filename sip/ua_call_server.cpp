@@ -15,10 +15,7 @@ namespace kelsip {
 namespace {
 
 constexpr std::string_view kTag = "ua";
-constexpr std::string_view kAllow =
-    "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
 
-std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
 
 // The option tags of every Require header, trimmed.
 std::vector<std::string> requiredTags(const SipMessage& request) {
@@ -234,7 +231,7 @@ bool UserAgent::Impl::answerCall(int id) {
     Call& call = *found;
     SipMessage ok = makeResponse(call.invite, 200, "", call.dialog.localTag);
     ok.addHeader("Contact", contactFor(call));
-    ok.addHeader("Allow", kAllow);
+    ok.addHeader("Allow", kUserAgentAllow);
     ok.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     ok.addHeader("Server", config_.userAgent);
     for (const std::string& allow : call.invite.headers("Allow")) {
@@ -473,10 +470,10 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         return;
     }
     if (method == "OPTIONS") {
-        respond(key, request, 200, {}, {{"Allow", std::string(kAllow)}});
+        respond(key, request, 200, {}, {{"Allow", std::string(kUserAgentAllow)}});
         return;
     }
-    respond(key, request, 405, {}, {{"Allow", std::string(kAllow)}});
+    respond(key, request, 405, {}, {{"Allow", std::string(kUserAgentAllow)}});
 }
 
 }  // namespace kelsip

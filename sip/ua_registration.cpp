@@ -9,8 +9,6 @@ namespace kelsip {
 namespace {
 
 constexpr std::string_view kTag = "ua";
-constexpr std::string_view kAllow =
-    "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
 constexpr int64_t kRetryAfterFailureMs = 60000;
 
 std::string linePrefix(const Line& line) { return "line " + std::to_string(line.id); }
@@ -235,7 +233,7 @@ SipMessage UserAgent::Impl::buildRegister(Line& line) {
     if (c.push.set()) contact += ";+sip.pnsreg";
     m.addHeader("Contact", contact);
     m.addHeader("Expires", std::to_string(line.unregistering ? 0 : line.expires));
-    m.addHeader("Allow", kAllow);
+    m.addHeader("Allow", kUserAgentAllow);
     m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     m.addHeader("User-Agent", config_.userAgent);
     if (c.push.set()) m.addHeader("Feature-Caps", "*;+sip.pns=\"" + c.push.provider + "\"");

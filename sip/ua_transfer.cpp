@@ -14,7 +14,6 @@ namespace {
 
 constexpr std::string_view kTag = "ua";
 
-std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
 
 // Escapes what may not stand bare in a URI header value (RFC 3261 25.1).
 std::string escapeHeaderValue(std::string_view value) {

@@ -191,9 +191,7 @@ void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& reques
         onInvite(key, request, source);
         return;
     }
-    static constexpr std::string_view kAllow =
-        "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
-    respond(key, request, request.method == "OPTIONS" ? 200 : 405, {}, {{"Allow", std::string(kAllow)}});
+    respond(key, request, request.method == "OPTIONS" ? 200 : 405, {}, {{"Allow", std::string(kUserAgentAllow)}});
 }
 
 UserAgent::UserAgent(UserAgentConfig config) : impl_(std::make_unique<Impl>(std::move(config))) {}

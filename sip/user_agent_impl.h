@@ -21,6 +21,13 @@
 
 namespace kelsip {
 
+// The methods we take, as Allow headers list them.
+inline constexpr std::string_view kUserAgentAllow =
+    "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
+
+// "call 7": how the user agent's log lines name a call.
+inline std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
+
 // One account: its configuration and its registration.
 struct Line {
     int id = 0;

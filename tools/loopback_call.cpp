@@ -18,6 +18,7 @@
 #include "media/media_session.h"
 #include "sip/log.h"
 #include "sip/user_agent.h"
+#include "support/sound_card.h"
 #include "support/wav.h"
 
 using namespace std::chrono_literals;
@@ -85,48 +86,6 @@ bool waitUntil(F condition, std::chrono::milliseconds timeout) {
     }
     return true;
 }
-
-// A sound card: every 10 ms it hands the call 80 samples of `source` (then
-// silence) and keeps the 80 it is given to play.
-class SoundCard {
-public:
-    SoundCard(std::shared_ptr<MediaSession> media, std::vector<int16_t> source)
-        : media_(std::move(media)), source_(std::move(source)), thread_([this] { run(); }) {}
-    ~SoundCard() {
-        stop_ = true;
-        thread_.join();
-    }
-    [[nodiscard]] std::vector<int16_t> played() {
-        const std::lock_guard lock(mutex_);
-        return played_;
-    }
-    [[nodiscard]] bool sourceDone() const { return position_ >= source_.size(); }
-
-private:
-    void run() {
-        std::vector<int16_t> in(80), out(80);
-        auto next = std::chrono::steady_clock::now();
-        while (!stop_) {
-            for (auto& s : in) s = position_ < source_.size() ? source_[position_++] : int16_t{0};
-            media_->pushCapture(in);
-            media_->pullPlayout(out);
-            {
-                const std::lock_guard lock(mutex_);
-                played_.insert(played_.end(), out.begin(), out.end());
-            }
-            next += 10ms;
-            std::this_thread::sleep_until(next);
-        }
-    }
-
-    std::shared_ptr<MediaSession> media_;
-    std::vector<int16_t> source_;
-    std::atomic<size_t> position_{0};
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    std::vector<int16_t> played_;
-    std::thread thread_;
-};
 
 std::unique_ptr<UserAgent> startPhone() {
     kelsip::UserAgentConfig config;
@@ -204,10 +163,12 @@ int main(int argc, char** argv) {
         // speaks: the playout buffer settles its delay meanwhile.
         std::vector<int16_t> source(4000, 0);
         source.insert(source.end(), clip.begin(), clip.end());
-        SoundCard aliceCard(alice->callMedia(a), source);
-        SoundCard bobCard(bob->callMedia(b), {});
+        kelsip::test::SoundCard aliceCard(alice->callMedia(a), [&source](uint64_t n) {
+            return n < source.size() ? source[n] : int16_t{0};
+        });
+        kelsip::test::SoundCard bobCard(bob->callMedia(b), nullptr);
         say("alice", "plays a 2.5 s clip (a glide from 300 to 1500 Hz)");
-        (void)waitUntil([&] { return aliceCard.sourceDone(); }, 10s);
+        (void)waitUntil([&] { return aliceCard.captured() >= source.size(); }, 10s);
         std::this_thread::sleep_for(300ms);  // the clip's tail crosses the network and the playout buffer
         say("alice", "puts the call on hold");
         (void)alice->holdCall(a);

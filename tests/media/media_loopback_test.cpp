@@ -14,7 +14,9 @@
 #include "media/rtp_io_service.h"
 #include "media/rtp_port_allocator.h"
 #include "media/rtp_session.h"
+#include "support/sound_card.h"
 #include "support/wait.h"
+#include "support/wav.h"
 
 namespace kelsip {
 namespace {
@@ -31,67 +33,11 @@ NegotiatedCodec codec(const char* name, int payloadType) {
     return c;
 }
 
-// Power of one frequency in a block of samples, relative to the block's
-// total power: near 1 for a pure tone of that frequency, near 0 otherwise.
+using test::SoundCard;
+
 double toneShare(const std::vector<int16_t>& s, size_t from, size_t n, double hz) {
-    const double w = 2 * std::numbers::pi * hz / 8000.0;
-    double re = 0;
-    double im = 0;
-    double total = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const double x = s[from + i];
-        re += x * std::cos(w * static_cast<double>(i));
-        im += x * std::sin(w * static_cast<double>(i));
-        total += x * x;
-    }
-    return total > 0 ? 2 * (re * re + im * im) / (static_cast<double>(n) * total) : 0;
+    return test::toneShare(std::span<const int16_t>(s).subspan(from, n), hz, 8000);
 }
-
-// A sound card for one session: every 10 ms it captures 80 samples of its
-// tone and plays 80 samples into `played`.
-class PacedDevice {
-public:
-    PacedDevice(MediaSession& session, double hz) : session_(session), hz_(hz) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~PacedDevice() {
-        stop_ = true;
-        thread_.join();
-    }
-    [[nodiscard]] std::vector<int16_t> played() const {
-        const std::lock_guard lock(mutex_);
-        return played_;
-    }
-
-private:
-    void run() {
-        std::vector<int16_t> in(80);
-        std::vector<int16_t> out(80);
-        auto next = std::chrono::steady_clock::now();
-        uint64_t n = 0;
-        while (!stop_) {
-            for (auto& x : in) {
-                x = static_cast<int16_t>(8000 * std::sin(2 * std::numbers::pi * hz_ * static_cast<double>(n++) / 8000.0));
-            }
-            session_.pushCapture(in);
-            session_.pullPlayout(out);
-            {
-                const std::lock_guard lock(mutex_);
-                played_.insert(played_.end(), out.begin(), out.end());
-            }
-            // The pace of a sound card's period, not a wait for a result.
-            next += 10ms;
-            std::this_thread::sleep_until(next);
-        }
-    }
-
-    MediaSession& session_;
-    double hz_;
-    std::atomic<bool> stop_{false};
-    mutable std::mutex mutex_;
-    std::vector<int16_t> played_;
-    std::thread thread_;
-};
 
 class Digits final : public MediaSessionListener {
 public:
@@ -124,18 +70,18 @@ TEST(MediaLoopbackTest, TwoSessionsExchangeTonesAndDigitsOverRealSockets) {
     MediaSessionConfig config;
     config.codec = codec("PCMA", 8);
     config.call = 1;
-    auto a = MediaSession::create(config, std::move(rtpA));
+    std::shared_ptr<MediaSession> a = MediaSession::create(config, std::move(rtpA));
     config.call = 2;
-    auto b = MediaSession::create(config, std::move(rtpB));
+    std::shared_ptr<MediaSession> b = MediaSession::create(config, std::move(rtpB));
     ASSERT_TRUE(a && b);
     const auto digits = std::make_shared<Digits>();
     b->setListener(digits);
 
     {
-        PacedDevice deviceA(*a, 440);
-        PacedDevice deviceB(*b, 1000);
+        SoundCard deviceA(a, test::sine(440));
+        SoundCard deviceB(b, test::sine(1000));
         // A second of each tone has played at the other end.
-        const auto heard = [](const PacedDevice& d, double hz) {
+        const auto heard = [](const SoundCard& d, double hz) {
             const auto played = d.played();
             return played.size() >= 4000 && toneShare(played, played.size() - 4000, 4000, hz) > 0.9;
         };

@@ -7,12 +7,14 @@
 #include <chrono>
 #include <cmath>
 #include <mutex>
-#include <numbers>
+#include <span>
 #include <thread>
 
 #include "media/media_session.h"
 #include "sip/user_agent.h"
+#include "support/sound_card.h"
 #include "support/wait.h"
+#include "support/wav.h"
 
 namespace kelsip {
 namespace {
@@ -78,56 +80,19 @@ private:
     std::string events_;
 };
 
-// A sound card for a call: captures a tone and plays what arrives, every 10 ms.
+// A sound card playing a tone into the call; `heard` tells the share of
+// the last 0.25 s played that is at a frequency.
 class Device {
 public:
-    Device(std::shared_ptr<MediaSession> media, double hz) : media_(std::move(media)), hz_(hz) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~Device() {
-        stop_ = true;
-        thread_.join();
-    }
-    // The share of the last 0.25 s played that is at `hz`.
-    double heard(double hz) {
-        const std::lock_guard lock(mutex_);
-        if (played_.size() < 2000) return 0;
-        const double w = 2 * std::numbers::pi * hz / 8000.0;
-        double re = 0, im = 0, total = 0;
-        const size_t from = played_.size() - 2000;
-        for (size_t i = 0; i < 2000; ++i) {
-            const double x = played_[from + i];
-            re += x * std::cos(w * static_cast<double>(i));
-            im += x * std::sin(w * static_cast<double>(i));
-            total += x * x;
-        }
-        return total > 0 ? 2 * (re * re + im * im) / (2000.0 * total) : 0;
+    Device(std::shared_ptr<MediaSession> media, double hz) : card_(std::move(media), test::sine(hz)) {}
+    double heard(double hz) const {
+        const auto played = card_.played();
+        if (played.size() < 2000) return 0;
+        return test::toneShare(std::span<const int16_t>(played).last(2000), hz, 8000);
     }
 
 private:
-    void run() {
-        std::vector<int16_t> in(80), out(80);
-        uint64_t n = 0;
-        auto next = std::chrono::steady_clock::now();
-        while (!stop_) {
-            for (auto& x : in) x = static_cast<int16_t>(8000 * std::sin(2 * std::numbers::pi * hz_ * static_cast<double>(n++) / 8000.0));
-            media_->pushCapture(in);
-            media_->pullPlayout(out);
-            {
-                const std::lock_guard lock(mutex_);
-                played_.insert(played_.end(), out.begin(), out.end());
-            }
-            next += 10ms;  // the pace of a sound card's period
-            std::this_thread::sleep_until(next);
-        }
-    }
-
-    std::shared_ptr<MediaSession> media_;
-    double hz_;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    std::vector<int16_t> played_;
-    std::thread thread_;
+    test::SoundCard card_;
 };
 
 struct Phone {

@@ -36,25 +36,10 @@ public:
     std::optional<SipMessage> expect(const std::string& method, const Pump& pump,
                                      std::chrono::milliseconds timeout = std::chrono::seconds(5),
                                      const Filter& filter = nullptr) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (pump) pump();
-            char buf[65536];
-            net::SocketAddress from;
-            const auto r = socket_.receiveFrom(buf, sizeof buf, from);
-            if (!r.ok()) {
-                net::PollEntry e{socket_.native(), true, false};
-                (void)net::poll({&e, 1}, 1);
-                continue;
-            }
-            auto m = SipMessage::parse(std::string_view(buf, r.bytes));
-            if (!m || !m->isRequest || m->method != method || (filter && !filter(*m))) continue;
-            lastSource_ = from;
-            return m;
-        }
-        return std::nullopt;
+        return receive(pump, timeout, [&](const SipMessage& m) {
+            return m.isRequest && m.method == method && (!filter || filter(m));
+        });
     }
-
     // Nothing of `method` arrives while `pump` runs for `window`.
     bool quiet(const std::string& method, const Pump& pump, std::chrono::milliseconds window) {
         return !expect(method, pump, window);
@@ -75,6 +60,14 @@ public:
     // The next response (of `code`, when not 0), or nothing within `timeout`.
     std::optional<SipMessage> expectResponse(int code, const Pump& pump,
                                              std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        return receive(pump, timeout,
+                       [&](const SipMessage& m) { return !m.isRequest && (code == 0 || m.statusCode == code); });
+    }
+
+private:
+    // The next message `accept` takes within `timeout`; the others are skipped.
+    std::optional<SipMessage> receive(const Pump& pump, std::chrono::milliseconds timeout,
+                                      const std::function<bool(const SipMessage&)>& accept) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         while (std::chrono::steady_clock::now() < deadline) {
             if (pump) pump();
@@ -87,13 +80,13 @@ public:
                 continue;
             }
             auto m = SipMessage::parse(std::string_view(buf, r.bytes));
-            if (!m || m->isRequest || (code != 0 && m->statusCode != code)) continue;
+            if (!m || !accept(*m)) continue;
+            if (m->isRequest) lastSource_ = from;
             return m;
         }
         return std::nullopt;
     }
 
-private:
     net::Socket socket_;
     net::SocketAddress address_;
     net::SocketAddress lastSource_;
