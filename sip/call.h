@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,6 +38,13 @@ struct Dialog {
     std::optional<uint32_t> remoteCseq;
     SipUri remoteTarget;
     std::vector<std::string> routeSet;  // in the order our requests carry them
+};
+
+// One fork's early dialog of an outgoing call (a 1xx with its own tag).
+struct EarlyDialog {
+    SipUri remoteTarget;
+    std::vector<std::string> routeSet;
+    std::optional<uint32_t> lastRseq;  // the last reliable 1xx we acknowledged
 };
 
 struct Call {
@@ -82,10 +90,11 @@ struct Call {
     int64_t okElapsedMs = 0;
     EventLoop::TimerId okTimer = 0;
 
-    // Reliable provisional responses (RFC 3262). As caller: the last RSeq we
-    // acknowledged. As called side: our RSeq, the 1xx repeated until its
-    // PRACK, and its interval.
-    std::optional<uint32_t> lastRseq;
+    // As caller: every fork's early dialog, by the far end's tag; the first
+    // 2xx picks the one that becomes the call.
+    std::map<std::string, EarlyDialog> earlyDialogs;
+    // As called side, reliable provisional responses (RFC 3262): our RSeq,
+    // the 1xx repeated until its PRACK, and its interval.
     uint32_t rseq = 0;
     std::string reliableText;
     int64_t reliableIntervalMs = 0;

@@ -264,17 +264,23 @@ void UserAgent::Impl::onInviteResponse(int id, const SipMessage* response) {
     if (call.state == CallState::Terminated || call.state == CallState::Connected) return;
     if (response != nullptr && response->statusCode < 200) {
         call.provisionalSeen = true;
-        if (response->statusCode > 100 && !response->toTag().empty() && call.dialog.remoteTag.empty()) {
-            // The early dialog: requests within it (PRACK) go to its target.
-            call.dialog.remoteTag = response->toTag();
-            if (const auto contact = NameAddr::parse(response->header("Contact").value_or(""))) {
-                call.dialog.remoteTarget = contact->uri;
+        const std::string tag = response->toTag();
+        if (response->statusCode > 100 && !tag.empty()) {
+            // Each fork's early dialog is kept apart: its own target and
+            // route set, which its PRACKs follow.
+            if (!call.earlyDialogs.contains(tag)) {
+                EarlyDialog early;
+                early.remoteTarget = call.dialog.remoteTarget;
+                if (const auto contact = NameAddr::parse(response->header("Contact").value_or(""))) {
+                    early.remoteTarget = contact->uri;
+                }
+                early.routeSet = response->recordRoutes();
+                std::reverse(early.routeSet.begin(), early.routeSet.end());
+                call.earlyDialogs[tag] = std::move(early);
             }
-            auto records = response->recordRoutes();
-            std::reverse(records.begin(), records.end());
-            call.dialog.routeSet = records;
+            if (call.dialog.remoteTag.empty()) call.dialog.remoteTag = tag;
+            sendPrack(call, *response);
         }
-        if (response->statusCode > 100 && response->toTag() == call.dialog.remoteTag) sendPrack(call, *response);
         if (response->statusCode == 180 || response->statusCode == 183) {
             setCallState(call, CallState::Ringing, response->statusCode, response->reason);
         } else if (call.state == CallState::Calling) {
@@ -335,6 +341,11 @@ void UserAgent::Impl::onInvite2xx(Call& call, const SipMessage& response) {
             stray.id = call.id;
             stray.dialog = call.dialog;
             stray.dialog.remoteTag = response.toTag();
+            if (const auto contact = NameAddr::parse(response.header("Contact").value_or(""))) {
+                stray.dialog.remoteTarget = contact->uri;
+            }
+            stray.dialog.routeSet = response.recordRoutes();
+            std::reverse(stray.dialog.routeSet.begin(), stray.dialog.routeSet.end());
             stray.targets = call.targets;
             sendAck(stray, response);
             sendBye(stray);
@@ -415,13 +426,25 @@ void UserAgent::Impl::sendPrack(Call& call, const SipMessage& provisional) {
     const auto rseq = parseHeaderInteger(provisional.header("RSeq").value_or(""));
     const auto cseq = provisional.cseq();
     if (!reliable || !rseq || !cseq || *rseq < 1 || *rseq > 0xffffffffLL) return;
+    const auto fork = call.earlyDialogs.find(provisional.toTag());
+    if (fork == call.earlyDialogs.end()) return;
+    EarlyDialog& early = fork->second;
     // Each reliable response once, in order; repeats are the far end's
     // retransmissions, which our PRACK's own transaction answers.
-    if (call.lastRseq && static_cast<uint32_t>(*rseq) <= *call.lastRseq) return;
-    call.lastRseq = static_cast<uint32_t>(*rseq);
+    if (early.lastRseq && static_cast<uint32_t>(*rseq) <= *early.lastRseq) return;
+    early.lastRseq = static_cast<uint32_t>(*rseq);
+    // The PRACK goes within that fork's early dialog.
+    const Dialog saved = call.dialog;
+    call.dialog.remoteTag = fork->first;
+    call.dialog.remoteTarget = early.remoteTarget;
+    call.dialog.routeSet = early.routeSet;
     SipMessage prack = buildInDialogRequest(call, "PRACK");
+    const SipTarget target = dialogTarget(call);
+    const uint32_t used = call.dialog.localCseq;
+    call.dialog = saved;
+    call.dialog.localCseq = used;
     prack.addHeader("RAck", std::to_string(*rseq) + " " + std::to_string(cseq->number) + " INVITE");
-    (void)transactions_->sendRequest(prack, dialogTarget(call), [](const SipMessage*) {});
+    (void)transactions_->sendRequest(prack, target, [](const SipMessage*) {});
 }
 
 void UserAgent::Impl::sendAck(Call& call, const SipMessage& response) {

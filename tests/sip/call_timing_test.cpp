@@ -272,3 +272,58 @@ TEST_F(CallTimingTest, A422MakesTheInviteGoAgainWithTheFarEndsMinimum) {
 
 }  // namespace
 }  // namespace kelsip
+
+namespace kelsip {
+namespace {
+
+TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartAndALaterForksAnswerIsEnded) {
+    const int call = ua->makeCall(lineId, "sip:alice@" + peer.hostPort());
+    const auto inv = peer.expect("INVITE", pump);
+    ASSERT_TRUE(inv);
+    // Two phones ring behind a forking proxy, each reliably.
+    for (const char* fork : {"f1", "f2"}) {
+        peer.answer(*inv, 180,
+                    std::string("Require: 100rel\r\nRSeq: 7\r\nContact: <sip:") + fork + "@" + peer.hostPort() + ">\r\n",
+                    fork);
+        const auto prack = peer.expect("PRACK", pump);
+        ASSERT_TRUE(prack) << fork;
+        EXPECT_EQ(prack->toTag(), fork);
+        EXPECT_EQ(prack->requestUri.user, fork);  // within that fork's dialog
+        EXPECT_EQ(prack->header("RAck"), "7 1 INVITE");
+        peer.answer(*prack, 200, "", fork);
+    }
+    // The second phone answers first and wins.
+    SipMessage ok = makeResponse(*inv, 200, "", "f2");
+    ok.addHeader("Contact", "<sip:f2@" + peer.hostPort() + ">");
+    ok.addHeader("Content-Type", "application/sdp");
+    ok.body = "v=0\r\no=- 2 2 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 40002 RTP/AVP 0\r\n";
+    peer.send(ok.toString(), ua->localAddress(TransportKind::Udp));
+    const auto ack = peer.expect("ACK", pump);
+    ASSERT_TRUE(ack);
+    EXPECT_EQ(ack->toTag(), "f2");
+    ASSERT_TRUE(test::waitFor([&] {
+        pump();
+        return ua->callInfo(call)->state == "Connected";
+    }, 5s));
+    // The first phone answers too late: acknowledged, then ended.
+    SipMessage late = ok;
+    late.setHeader("To", inv->header("To").value_or("") + ";tag=f1");
+    late.setHeader("Contact", "<sip:f1@" + peer.hostPort() + ">");
+    peer.send(late.toString(), ua->localAddress(TransportKind::Udp));
+    const auto lateAck = peer.expect("ACK", pump);
+    ASSERT_TRUE(lateAck);
+    EXPECT_EQ(lateAck->toTag(), "f1");
+    const auto bye = peer.expect("BYE", pump);
+    ASSERT_TRUE(bye);
+    EXPECT_EQ(bye->toTag(), "f1");
+    EXPECT_EQ(bye->requestUri.user, "f1");
+    // The call itself goes on with the winner.
+    EXPECT_EQ(ua->callInfo(call)->state, "Connected");
+    ASSERT_TRUE(ua->hangupCall(call));
+    const auto ours = peer.expect("BYE", pump);
+    ASSERT_TRUE(ours);
+    EXPECT_EQ(ours->toTag(), "f2");
+}
+
+}  // namespace
+}  // namespace kelsip
