@@ -327,3 +327,66 @@ TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartAndALaterForksAnswerIsEn
 
 }  // namespace
 }  // namespace kelsip
+
+namespace kelsip {
+namespace {
+
+// Our call to the peer, answered and acknowledged, with `extra` on the 200.
+int connectedCall(test::ScriptedPeer& peer, UserAgent& ua, int line, const test::ScriptedPeer::Pump& pump,
+                  const std::string& extra, SipMessage* inviteOut) {
+    const int call = ua.makeCall(line, "sip:alice@" + peer.hostPort());
+    const auto inv = peer.expect("INVITE", pump);
+    EXPECT_TRUE(inv);
+    if (!inv) return call;
+    answerWith200(peer, ua, *inv, extra);
+    EXPECT_TRUE(peer.expect("ACK", pump));
+    EXPECT_TRUE(test::waitFor([&] {
+        pump();
+        return ua.callInfo(call) && ua.callInfo(call)->state == "Connected";
+    }, std::chrono::seconds(5)));
+    if (inviteOut) *inviteOut = *inv;
+    return call;
+}
+
+TEST_F(CallTimingTest, GlareOnHoldIsRetriedAfterTheCallIdOwnersBackOff) {
+    const int call = connectedCall(peer, *ua, lineId, pump, "", nullptr);
+    ASSERT_TRUE(ua->holdCall(call));
+    const auto first = peer.expect("INVITE", pump);
+    ASSERT_TRUE(first);
+    peer.answer(*first, 491, "", "t1");
+    EXPECT_TRUE(peer.expect("ACK", pump));
+    EXPECT_TRUE(logs.has("call " + std::to_string(call) + ": re-offer rejected with 491"));
+    // We placed the call, so we own its Call-ID: 2.1 to 4 s before trying again.
+    advance(2099ms);
+    EXPECT_TRUE(peer.quiet("INVITE", pump, 5ms));
+    advance(1901ms);
+    const auto again = peer.expect("INVITE", pump);
+    ASSERT_TRUE(again);
+    EXPECT_NE(again->body.find("a=sendonly"), std::string::npos);
+    EXPECT_GT(again->cseq()->number, first->cseq()->number);
+}
+
+TEST_F(CallTimingTest, TheOtherSidesRefreshKeepsTheCallUp) {
+    SipMessage inv;
+    const int call = connectedCall(peer, *ua, lineId, pump, "Session-Expires: 90;refresher=uas\r\n", &inv);
+    // The far end refreshes at 45 s with an UPDATE; its guard starts again.
+    advance(45s);
+    const std::string us = ua->localAddress(TransportKind::Udp).toString();
+    peer.send("UPDATE sip:bob@" + us + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+                  ";branch=z9hG4bKupd1\r\nMax-Forwards: 70\r\nFrom: " + inv.header("To").value_or("") +
+                  ";tag=t1\r\nTo: " + inv.header("From").value_or("") + "\r\nCall-ID: " + inv.callId() +
+                  "\r\nCSeq: 1 UPDATE\r\nSession-Expires: 90;refresher=uac\r\nContent-Length: 0\r\n\r\n",
+              ua->localAddress(TransportKind::Udp));
+    const auto ok = peer.expectResponse(200, pump);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(ok->header("Session-Expires"), "90;refresher=uac");
+    // 60 s after the start has passed, but not 60 s after the refresh.
+    advance(59s);
+    EXPECT_TRUE(peer.quiet("BYE", pump, 5ms));
+    EXPECT_EQ(ua->callInfo(call)->state, "Connected");
+    advance(2s);
+    EXPECT_TRUE(peer.expect("BYE", pump));
+}
+
+}  // namespace
+}  // namespace kelsip
