@@ -191,6 +191,12 @@ void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& reques
         onInvite(key, request, source);
         return;
     }
+    // We take REFER only within a call: one outside names no dialog of ours.
+    // A 405 would contradict its own Allow, which lists REFER.
+    if (request.method == "REFER") {
+        respond(key, request, 481);
+        return;
+    }
     respond(key, request, request.method == "OPTIONS" ? 200 : 405, {}, {{"Allow", std::string(kUserAgentAllow)}});
 }
 
