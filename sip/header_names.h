@@ -1,13 +1,31 @@
-// Header-name knowledge inside the message code: which names carry
-// comma-separated lists.
+// Header-name knowledge inside the message code: the names the stack knows
+// by their canonical spelling, which of them carry comma-separated lists, and
+// the ones the parser keeps track of while it reads.
 #pragma once
 
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace kelsip {
 
-// True for a header name in canonical spelling whose value is split at top-level commas
-// into one pair per element.
-[[nodiscard]] bool isCommaListHeader(std::string_view canonicalName);
+// Headers the parser remembers the first of, for the body and for validation.
+enum class HeaderId : uint8_t { Other, Via, From, To, CallId, CSeq, MaxForwards, ContentLength };
+inline constexpr size_t kTrackedHeaderCount = 8;  // HeaderId values, Other included
+
+struct KnownHeader {
+    std::string_view canonical;
+    bool isList = false;  // the value is split at top-level commas into one pair per element
+    HeaderId id = HeaderId::Other;
+};
+
+// The entry for a name in any letter case, compact forms included; nullptr
+// for a name outside the table, which is never list-valued and takes its
+// spelling from capitaliseHeaderWords.
+[[nodiscard]] const KnownHeader* findKnownHeader(std::string_view name);
+
+// The regular spelling: each word of the name capitalised ("x-my-header" ->
+// "X-My-Header").
+[[nodiscard]] std::string capitaliseHeaderWords(std::string_view name);
 
 }  // namespace kelsip

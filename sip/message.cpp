@@ -2,7 +2,6 @@
 // the building of responses.
 #include "sip/message.h"
 
-#include <algorithm>
 #include <limits>
 
 #include "sip/address.h"
@@ -32,20 +31,17 @@ std::optional<int64_t> parseHeaderInteger(std::string_view s) {
     return -value;
 }
 
+// The strings are built with the pair, not assigned into empty ones: an
+// assignment costs more than a construction.
 void SipMessage::appendCanonical(std::string name, std::string_view value) {
-    const std::string_view trimmed = text::trim(value);
-    HeaderField& h = headers_.emplace_back();
-    h.name = std::move(name);
-    h.value.assign(trimmed.data(), trimmed.size());
+    headers_.push_back(HeaderField{std::move(name), std::string(text::trim(value))});
+}
+
+void SipMessage::appendTrimmed(std::string_view name, std::string_view value) {
+    headers_.push_back(HeaderField{std::string(name), std::string(value)});
 }
 
 // Stored names are canonical, so a canonical name is found byte for byte.
-void SipMessage::appendTrimmed(const std::string& name, std::string_view value) {
-    HeaderField& h = headers_.emplace_back();
-    h.name = name;
-    h.value.assign(value.data(), value.size());
-}
-
 const HeaderField* SipMessage::find(std::string_view canonical) const {
     for (const HeaderField& h : headers_) {
         if (h.name == canonical) return &h;
@@ -100,17 +96,27 @@ std::string SipMessage::callId() const {
     return h != nullptr ? h->value : std::string();
 }
 
+bool SipMessage::splitCSeq(std::string_view value, uint32_t& number, std::string_view& seqMethod) {
+    const std::string_view v = text::trim(value);
+    const size_t gap = text::findEither(v, ' ', '\t');
+    if (gap == std::string_view::npos) return false;
+    const auto n = parseHeaderInteger(v.substr(0, gap));
+    const std::string_view name = text::trim(v.substr(gap));
+    if (!n || *n < 0 || *n >= 2147483648LL || name.empty()) return false;
+    for (const char c : name) {
+        if (!text::isTokenChar(c)) return false;
+    }
+    number = static_cast<uint32_t>(*n);
+    seqMethod = name;
+    return true;
+}
+
 std::optional<CSeq> SipMessage::cseq() const {
     const HeaderField* h = find("CSeq");
-    if (h == nullptr) return std::nullopt;
-    const std::string_view v = text::trim(h->value);
-    const size_t gap = text::findEither(v, ' ', '\t');
-    if (gap == std::string_view::npos) return std::nullopt;
-    const auto number = parseHeaderInteger(v.substr(0, gap));
-    const std::string_view name = text::trim(v.substr(gap));
-    if (!number || *number < 0 || *number >= 2147483648LL || name.empty()) return std::nullopt;
-    if (!std::all_of(name.begin(), name.end(), text::isTokenChar)) return std::nullopt;
-    return CSeq{static_cast<uint32_t>(*number), std::string(name)};
+    uint32_t number = 0;
+    std::string_view name;
+    if (h == nullptr || !splitCSeq(h->value, number, name)) return std::nullopt;
+    return CSeq{number, std::string(name)};
 }
 
 namespace {

@@ -77,8 +77,15 @@ private:
     // Appends a pair whose name is already canonical.
     void appendCanonical(std::string name, std::string_view value);
     // The same for a value already trimmed, with the name copied.
-    void appendTrimmed(const std::string& name, std::string_view value);
+    void appendTrimmed(std::string_view name, std::string_view value);
     [[nodiscard]] const HeaderField* find(std::string_view name) const;
+
+    // The first From, To, Call-ID, CSeq, Via and Max-Forwards, however they
+    // were found: the parser notes them as it reads, validate() searches.
+    struct MandatoryHeaders;
+    [[nodiscard]] bool checkMandatory(const MandatoryHeaders& found, std::string* error) const;
+    // A CSeq value's number and method, as views of `value`.
+    [[nodiscard]] static bool splitCSeq(std::string_view value, uint32_t& number, std::string_view& seqMethod);
 
     std::vector<HeaderField> headers_;
 };

@@ -1,5 +1,6 @@
 // Parsing and validation of SIP messages received as text.
 #include <algorithm>
+#include <array>
 
 #include "sip/address.h"
 #include "sip/header_names.h"
@@ -16,7 +17,12 @@ bool fail(std::string* error, const char* text) {
     return false;
 }
 
-bool isToken(std::string_view s) { return !s.empty() && std::all_of(s.begin(), s.end(), text::isTokenChar); }
+bool isToken(std::string_view s) {
+    for (const char c : s) {
+        if (!text::isTokenChar(c)) return false;
+    }
+    return !s.empty();
+}
 
 // Cuts the next line off `rest`: up to LF, with one trailing CR dropped.
 // `ended` tells whether the line was closed by an LF.
@@ -30,6 +36,15 @@ std::string_view nextLine(std::string_view& rest, bool& ended) {
 }
 
 }  // namespace
+
+struct SipMessage::MandatoryHeaders {
+    const HeaderField* from = nullptr;
+    const HeaderField* to = nullptr;
+    const HeaderField* callId = nullptr;
+    const HeaderField* cseq = nullptr;
+    const HeaderField* via = nullptr;
+    const HeaderField* maxForwards = nullptr;
+};
 
 // Works on views of the input; only names, values and the body are copied.
 class MessageParser {
@@ -68,7 +83,14 @@ public:
         }
         if (havePending_ && !flush()) return false;
         if (!takeBody(bodyText)) return false;
-        return m_.validate(error_);
+        SipMessage::MandatoryHeaders found;
+        found.from = first(HeaderId::From);
+        found.to = first(HeaderId::To);
+        found.callId = first(HeaderId::CallId);
+        found.cseq = first(HeaderId::CSeq);
+        found.via = first(HeaderId::Via);
+        found.maxForwards = first(HeaderId::MaxForwards);
+        return m_.checkMandatory(found, error_);
     }
 
 private:
@@ -117,23 +139,44 @@ private:
     bool flush() {
         havePending_ = false;
         const std::string_view line = isFolded_ ? std::string_view(folded_) : pending_;
-        const size_t colon = line.find(':');
-        if (colon == std::string_view::npos) return fail(error_, "malformed header line");
-        const std::string_view name = text::trim(line.substr(0, colon));
-        if (!isToken(name)) return fail(error_, "bad header name");
-        std::string canonical = canonicalHeaderName(name);
+        // Usually the name runs straight up to the colon; white space around
+        // it, or a fault, takes the longer way.
+        size_t colon = 0;
+        while (colon < line.size() && text::isTokenChar(line[colon])) ++colon;
+        std::string_view name = line.substr(0, colon);
+        if (colon == 0 || colon == line.size() || line[colon] != ':') {
+            colon = line.find(':');
+            if (colon == std::string_view::npos) return fail(error_, "malformed header line");
+            name = text::trim(line.substr(0, colon));
+            if (!isToken(name)) return fail(error_, "bad header name");
+        }
         const std::string_view value = line.substr(colon + 1);
-        if (isCommaListHeader(canonical)) {
+        const KnownHeader* known = findKnownHeader(name);
+        if (known == nullptr) {
+            m_.appendCanonical(capitaliseHeaderWords(name), value);
+        } else if (known->isList) {
             // The splitter hands out trimmed pieces: no second trim per element.
-            text::forEachTopLevel(value, ',', [&](std::string_view element) { m_.appendTrimmed(canonical, element); });
+            text::forEachTopLevel(value, ',', [&](std::string_view element) { append(*known, element); });
         } else {
-            m_.appendCanonical(std::move(canonical), value);
+            append(*known, text::trim(value));
         }
         return true;
     }
 
+    void append(const KnownHeader& known, std::string_view trimmedValue) {
+        size_t& index = firstIndex_[static_cast<size_t>(known.id)];
+        if (index == kNone) index = m_.headers_.size();
+        m_.appendTrimmed(known.canonical, trimmedValue);
+    }
+
+    // Noted by index: the vector may still grow while the message is read.
+    const HeaderField* first(HeaderId id) const {
+        const size_t index = firstIndex_[static_cast<size_t>(id)];
+        return index == kNone ? nullptr : &m_.headers_[index];
+    }
+
     bool takeBody(std::string_view rest) {
-        const HeaderField* length = m_.find("Content-Length");
+        const HeaderField* length = first(HeaderId::ContentLength);
         if (length == nullptr) {
             m_.body.assign(rest);
             return true;
@@ -151,6 +194,12 @@ private:
     std::string folded_;
     bool isFolded_ = false;
     bool havePending_ = false;
+    static constexpr size_t kNone = static_cast<size_t>(-1);
+    std::array<size_t, kTrackedHeaderCount> firstIndex_ = [] {
+        std::array<size_t, kTrackedHeaderCount> none{};
+        none.fill(kNone);
+        return none;
+    }();
 };
 
 std::optional<SipMessage> SipMessage::parse(std::string_view input, std::string* error) {
@@ -162,35 +211,39 @@ std::optional<SipMessage> SipMessage::parse(std::string_view input, std::string*
 
 bool SipMessage::validate(std::string* error) const {
     // One pass finds the first of each header the check needs.
-    const HeaderField* from = nullptr;
-    const HeaderField* to = nullptr;
-    const HeaderField* id = nullptr;
-    const HeaderField* via = nullptr;
-    const HeaderField* maxForwards = nullptr;
+    MandatoryHeaders found;
     for (const HeaderField& h : headers_) {
         const std::string& n = h.name;
-        if (from == nullptr && n == "From") from = &h;
-        else if (to == nullptr && n == "To") to = &h;
-        else if (id == nullptr && n == "Call-ID") id = &h;
-        else if (via == nullptr && n == "Via") via = &h;
-        else if (maxForwards == nullptr && n == "Max-Forwards") maxForwards = &h;
+        if (found.from == nullptr && n == "From") found.from = &h;
+        else if (found.to == nullptr && n == "To") found.to = &h;
+        else if (found.callId == nullptr && n == "Call-ID") found.callId = &h;
+        else if (found.cseq == nullptr && n == "CSeq") found.cseq = &h;
+        else if (found.via == nullptr && n == "Via") found.via = &h;
+        else if (found.maxForwards == nullptr && n == "Max-Forwards") found.maxForwards = &h;
     }
+    return checkMandatory(found, error);
+}
+
+bool SipMessage::checkMandatory(const MandatoryHeaders& found, std::string* error) const {
     // Checked on views: a received message is validated without building
     // the address objects its reader may never ask for.
     auto isAddress = [](const HeaderField* h) {
         NameAddrView na;
         return h != nullptr && splitNameAddr(h->value, na) && !na.wildcard;
     };
-    if (!isAddress(from)) return fail(error, "missing/invalid From");
-    if (!isAddress(to)) return fail(error, "missing/invalid To");
-    if (id == nullptr || id->value.empty()) return fail(error, "missing Call-ID");
-    const auto seq = cseq();
-    if (!seq) return fail(error, "missing/invalid CSeq");
+    if (!isAddress(found.from)) return fail(error, "missing/invalid From");
+    if (!isAddress(found.to)) return fail(error, "missing/invalid To");
+    if (found.callId == nullptr || found.callId->value.empty()) return fail(error, "missing Call-ID");
+    uint32_t number = 0;
+    std::string_view seqMethod;
+    if (found.cseq == nullptr || !splitCSeq(found.cseq->value, number, seqMethod)) {
+        return fail(error, "missing/invalid CSeq");
+    }
     ViaView topVia;
-    if (via == nullptr || !splitVia(via->value, topVia)) return fail(error, "missing/invalid Via");
+    if (found.via == nullptr || !splitVia(found.via->value, topVia)) return fail(error, "missing/invalid Via");
     if (isRequest) {
-        if (seq->method != method) return fail(error, "CSeq method does not match request method");
-        if (maxForwards != nullptr && !parseHeaderInteger(maxForwards->value)) {
+        if (seqMethod != method) return fail(error, "CSeq method does not match request method");
+        if (found.maxForwards != nullptr && !parseHeaderInteger(found.maxForwards->value)) {
             return fail(error, "invalid Max-Forwards");
         }
     }
