@@ -31,14 +31,27 @@ std::optional<int64_t> parseHeaderInteger(std::string_view s) {
     return -value;
 }
 
-// The strings are built with the pair, not assigned into empty ones: an
-// assignment costs more than a construction.
+namespace {
+
+// Converts into a pair right in the vector's storage when emplaced, so the
+// strings are built once where they stay: neither assigned into empty ones
+// nor moved from a temporary (measurably faster for a parse of many pairs).
+template <typename Name>
+struct PairBuilder {
+    Name& name;  // moved from when it is a string
+    std::string_view value;
+
+    operator HeaderField() const { return HeaderField{std::string(std::move(name)), std::string(value)}; }
+};
+
+}  // namespace
+
 void SipMessage::appendCanonical(std::string name, std::string_view value) {
-    headers_.push_back(HeaderField{std::move(name), std::string(text::trim(value))});
+    headers_.emplace_back(PairBuilder<std::string>{name, text::trim(value)});
 }
 
 void SipMessage::appendTrimmed(std::string_view name, std::string_view value) {
-    headers_.push_back(HeaderField{std::string(name), std::string(value)});
+    headers_.emplace_back(PairBuilder<std::string_view>{name, value});
 }
 
 // Stored names are canonical, so a canonical name is found byte for byte.
