@@ -158,6 +158,12 @@ bool MediaSession::setCodec(const NegotiatedCodec& codec) {
 
 void MediaSession::setDirection(MediaDirection direction) {
     const MediaDirection before = control_->direction.exchange(direction);
+    if (!plays(before) && plays(direction)) {
+        // What the buffer held from before a hold is stale: playout starts
+        // afresh with the packets that come now.
+        const std::lock_guard lock(receive_->mutex);
+        if (receive_->buffer) receive_->buffer->reset();
+    }
     if (sends(before) && !sends(direction)) {
         const std::lock_guard lock(send_->mutex);
         send_->events.clear();  // digits do not wait out a hold
