@@ -30,6 +30,7 @@ constexpr std::array kKnown = std::to_array<KnownHeader>({
     {"Accept", kList},
     {"Server"},
     {"Reason"},
+    {"Min-SE"},
     {"Contact", kList},
     {"Call-ID", false, HeaderId::CallId},
     {"Require", kList},
@@ -80,8 +81,8 @@ constexpr std::array kKnown = std::to_array<KnownHeader>({
 });
 
 // Spellings that the capitalising rule would not produce.
-constexpr std::array<std::string_view, 6> kIrregular{"Call-ID", "CSeq", "WWW-Authenticate", "MIME-Version",
-                                                     "RAck",    "RSeq"};
+constexpr std::array<std::string_view, 7> kIrregular{"Call-ID", "CSeq", "WWW-Authenticate", "MIME-Version",
+                                                     "RAck",    "RSeq", "Min-SE"};
 
 struct Compact {
     char letter;

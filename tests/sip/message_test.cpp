@@ -297,6 +297,7 @@ TEST(SipMessageTest, CanonicalNamesFollowTheCompactAndIrregularTables) {
         {"CSEQ", "CSeq"}, {"www-authenticate", "WWW-Authenticate"}, {"Mime-Version", "MIME-Version"},
         {"RACK", "RAck"}, {"rseq", "RSeq"}, {"x-my-header", "X-My-Header"}, {"X-MY-HEADER", "X-My-Header"},
         {" proxy-authorization ", "Proxy-Authorization"}, {"record-route", "Record-Route"}, {"-x-", "-X-"},
+        {"min-se", "Min-SE"},
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(canonicalHeaderName(in), out) << in;
 }
