@@ -51,6 +51,14 @@ public:
         const std::lock_guard lock(mutex_);
         (method == DtmfMethod::Info ? info_ : events_) += digit;
     }
+    void onTransferProgress(int, int statusCode, const std::string&) override {
+        const std::lock_guard lock(mutex_);
+        transfer_.push_back(statusCode);
+    }
+    std::vector<int> transfer() {
+        const std::lock_guard lock(mutex_);
+        return transfer_;
+    }
     std::optional<CallInfo> incoming() {
         const std::lock_guard lock(mutex_);
         if (incoming_.empty()) return std::nullopt;
@@ -76,6 +84,7 @@ private:
     std::map<int, CallInfo> last_;
     std::string info_;
     std::string events_;
+    std::vector<int> transfer_;
 };
 
 // The call's sound card: every 10 ms it captures a period of our tone and
@@ -306,6 +315,43 @@ protected:
 private:
     test::TempDir files_{"velmora-call-audio"};
 };
+
+TEST_P(CallInteropTest, BlindTransferSendsBaresipOnToAThirdPhone) {
+    ASSERT_NO_FATAL_FAILURE(startBoth());
+    // Carol: a phone of ours that is reached directly; Kamailio relays
+    // baresip's INVITE to her address.
+    UserAgentConfig config;
+    config.bindAddress = "127.0.0.1";
+    config.udpPort = 0;
+    config.tcpPort = 0;
+    config.rtpPortMin = 54000;
+    config.rtpPortMax = 54999;
+    UserAgent carol(config);
+    ASSERT_TRUE(carol.start());
+    auto carolEvents = std::make_shared<CallEvents>();
+    carol.setListener(carolEvents);
+    LineConfig line;
+    line.user = "carol";
+    (void)carol.addLine(line);
+
+    const int call = callBob();
+    std::string target = "sip:carol@" + carol.localAddress(GetParam()).toString();
+    if (GetParam() == TransportKind::Tcp) target += ";transport=tcp";
+    ASSERT_TRUE(ua_->transferCall(call, target));
+    ASSERT_TRUE(waitFor([&] { return carolEvents->incoming().has_value(); }, 10s))
+        << testing::PrintToString(events_->transfer());
+    const CallInfo offered = *carolEvents->incoming();
+    EXPECT_NE(offered.remoteUri.find("bob"), std::string::npos) << offered.remoteUri;
+    ASSERT_TRUE(carol.answerCall(offered.id));
+    // Bob tells us how the new call went: 200 at last.
+    EXPECT_TRUE(waitFor([&] {
+        const auto t = events_->transfer();
+        return !t.empty() && t.back() == 200;
+    }, 10s)) << testing::PrintToString(events_->transfer());
+    EXPECT_TRUE(waitFor([&] { return carolEvents->last(offered.id).state == "Connected"; }, 5s));
+    (void)carol.hangupCall(offered.id);
+    (void)ua_->hangupCall(call);
+}
 
 INSTANTIATE_TEST_SUITE_P(Transports, CallInteropTest, ::testing::Values(TransportKind::Udp, TransportKind::Tcp),
                          [](const auto& p) { return std::string(transportName(p.param)); });
