@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "interop/support/call_sipp_fixture.h"
 #include "interop/support/interop_test.h"
 #include "interop/support/sipp_trace.h"
 #include "sip/user_agent.h"
@@ -28,47 +29,7 @@ using test::readTrace;
 using test::select;
 using test::Traced;
 
-class Recorder final : public UserAgentListener {
-public:
-    void onIncomingCall(const CallInfo& call) override {
-        const std::lock_guard lock(mutex_);
-        incoming_.push_back(call.id);
-    }
-    void onCallState(const CallInfo& call) override {
-        const std::lock_guard lock(mutex_);
-        states_[call.id].push_back(call.state);
-        last_[call.id] = call;
-    }
-    [[nodiscard]] std::vector<int> incoming() {
-        const std::lock_guard lock(mutex_);
-        return incoming_;
-    }
-    [[nodiscard]] std::vector<std::string> states(int call) {
-        const std::lock_guard lock(mutex_);
-        return states_[call];
-    }
-    [[nodiscard]] std::string state(int call) {
-        const std::lock_guard lock(mutex_);
-        return states_[call].empty() ? "" : states_[call].back();
-    }
-    [[nodiscard]] CallInfo last(int call) {
-        const std::lock_guard lock(mutex_);
-        return last_[call];
-    }
-    // Every call that reported a state, in the order they began.
-    [[nodiscard]] std::vector<int> calls() {
-        const std::lock_guard lock(mutex_);
-        std::vector<int> ids;
-        for (const auto& [id, states] : states_) ids.push_back(id);
-        return ids;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<int> incoming_;
-    std::map<int, std::vector<std::string>> states_;
-    std::map<int, CallInfo> last_;
-};
+using Recorder = test::CallRecorder;
 
 using Trace = std::vector<Traced>;
 
@@ -92,51 +53,14 @@ std::string trimmed(std::string text) {
     return text;
 }
 
-class CallSippMoreTest : public test::InteropTest {
+class CallSippMoreTest : public test::CallSippFixture {
 protected:
     void startUserAgent(const std::function<void(UserAgentConfig&)>& adjust = {}) {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
-        // The reliable 1xx is repeated at 100, 300, 700 ms... when no PRACK comes.
-        config.timers.t1Ms = 100;
-        if (adjust) adjust(config);
-        ua = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua->start(&error)) << error;
-        ua->setListener(events);
-        LineConfig line;
-        line.user = "alice";
-        lineId = ua->addLine(line);
-        ASSERT_GT(lineId, 0);
-    }
-
-    test::SippRunner* callUs(const std::string& scenario, std::vector<std::string> arguments = {}) {
-        test::SippOptions options;
-        options.scenario = scenario;
-        options.remote = ua->localAddress(TransportKind::Udp).toString();
-        options.timeout = 10s;
-        options.arguments = std::move(arguments);
-        return startSipp(options);
-    }
-
-    test::SippRunner* startCallee(const std::string& scenario) {
-        test::SippOptions options;
-        options.scenario = scenario;
-        options.timeout = 10s;
-        return startSipp(options);
-    }
-
-    int callSipp(const test::SippRunner& sipp) { return ua->makeCall(lineId, "sip:bob@" + sipp.hostPort()); }
-
-    int incomingCall() {
-        if (!test::waitFor([&] { return !events->incoming().empty(); }, 5s)) return 0;
-        return events->incoming().front();
-    }
-
-    bool ends(int call) {
-        return test::waitFor([&] { return events->state(call) == "Terminated"; }, 10s);
+        startAlice([&](UserAgentConfig& config) {
+            // The reliable 1xx is repeated at 100, 300, 700 ms... when no PRACK comes.
+            config.timers.t1Ms = 100;
+            if (adjust) adjust(config);
+        });
     }
 
     // How many requests of this method the stack received so far.
@@ -148,10 +72,6 @@ protected:
         }
         return count;
     }
-
-    std::shared_ptr<Recorder> events = std::make_shared<Recorder>();
-    std::unique_ptr<UserAgent> ua;
-    int lineId = 0;
 };
 
 // ---- Reliable provisional responses ----

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "interop/support/call_sipp_fixture.h"
 #include "interop/support/interop_test.h"
 #include "interop/support/sipp_trace.h"
 #include "sip/user_agent.h"
@@ -34,103 +35,14 @@ using test::readTrace;
 using test::select;
 using test::Traced;
 
-class Recorder final : public UserAgentListener {
-public:
-    void onIncomingCall(const CallInfo& call) override {
-        const std::lock_guard lock(mutex_);
-        incoming_.push_back(call.id);
-    }
-    void onCallState(const CallInfo& call) override {
-        const std::lock_guard lock(mutex_);
-        states_[call.id].push_back(call.state);
-        last_[call.id] = call;
-    }
-    void onCallInfo(const CallInfo& call) override {
-        const std::lock_guard lock(mutex_);
-        infos_[call.id].push_back(call);
-    }
-    [[nodiscard]] std::vector<int> incoming() {
-        const std::lock_guard lock(mutex_);
-        return incoming_;
-    }
-    [[nodiscard]] std::vector<std::string> states(int call) {
-        const std::lock_guard lock(mutex_);
-        return states_[call];
-    }
-    [[nodiscard]] std::string state(int call) {
-        const std::lock_guard lock(mutex_);
-        return states_[call].empty() ? "" : states_[call].back();
-    }
-    [[nodiscard]] CallInfo last(int call) {
-        const std::lock_guard lock(mutex_);
-        return last_[call];
-    }
-    // Every hold change the call reported, in order.
-    [[nodiscard]] std::vector<CallInfo> infos(int call) {
-        const std::lock_guard lock(mutex_);
-        return infos_[call];
-    }
+using Recorder = test::CallRecorder;
 
-private:
-    std::mutex mutex_;
-    std::vector<int> incoming_;
-    std::map<int, std::vector<std::string>> states_;
-    std::map<int, CallInfo> last_;
-    std::map<int, std::vector<CallInfo>> infos_;
-};
-
-class CallSippTest : public test::InteropTest {
+class CallSippTest : public test::CallSippFixture {
 protected:
     // `t1Ms` sets the pace of the 2xx retransmissions.
     void startUserAgent(int64_t t1Ms = 500) {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
-        config.timers.t1Ms = t1Ms;
-        ua = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua->start(&error)) << error;
-        ua->setListener(events);
-        LineConfig line;
-        line.user = "alice";
-        lineId = ua->addLine(line);
-        ASSERT_GT(lineId, 0);
+        startAlice([t1Ms](UserAgentConfig& config) { config.timers.t1Ms = t1Ms; });
     }
-
-    // SIPp calling us with a scenario; `arguments` such as "-key", "name", "value".
-    test::SippRunner* callUs(const std::string& scenario, std::vector<std::string> arguments = {}) {
-        test::SippOptions options;
-        options.scenario = scenario;
-        options.remote = ua->localAddress(TransportKind::Udp).toString();
-        options.timeout = 10s;
-        options.arguments = std::move(arguments);
-        return startSipp(options);
-    }
-
-    // SIPp answering with a scenario.
-    test::SippRunner* startCallee(const std::string& scenario) {
-        test::SippOptions options;
-        options.scenario = scenario;
-        options.timeout = 10s;
-        return startSipp(options);
-    }
-
-    int callSipp(const test::SippRunner& sipp) { return ua->makeCall(lineId, "sip:bob@" + sipp.hostPort()); }
-
-    // The call SIPp placed, once it rang here.
-    int incomingCall() {
-        if (!test::waitFor([&] { return !events->incoming().empty(); }, 5s)) return 0;
-        return events->incoming().front();
-    }
-
-    bool ends(int call) {
-        return test::waitFor([&] { return events->state(call) == "Terminated"; }, 10s);
-    }
-
-    std::shared_ptr<Recorder> events = std::make_shared<Recorder>();
-    std::unique_ptr<UserAgent> ua;
-    int lineId = 0;
 };
 
 // ---- SIPp calls us ----
