@@ -65,14 +65,19 @@ public:
         std::unique_lock lock(mutex_);
         std::erase_if(slots_, [&](const Slot& s) { return s.serial == serial; });
         // From inside a callback the running call is this very one: waiting
-        // for it to end would never return.
-        if (std::this_thread::get_id() != thread_.get_id()) {
-            ++waiters_;
-            callEnded_.wait(lock, [&] { return calling_ != serial; });
-            --waiters_;
-        }
+        // for it to end would never return, and no poll is under way.
+        if (std::this_thread::get_id() == thread_.get_id()) return;
+        // A poll under way may still hold the handler's sockets; the caller
+        // closes them once we return, and a socket closed under a running
+        // poll may stay bound (or its number be reused) until the poll ends.
+        const bool polling = polling_;
+        const uint64_t round = pollRound_;
         lock.unlock();
         waker_.wake();  // the handler's sockets leave the poll set at once
+        lock.lock();
+        ++waiters_;
+        callEnded_.wait(lock, [&] { return calling_ != serial && (!polling || pollRound_ != round); });
+        --waiters_;
     }
 
 private:
@@ -107,6 +112,7 @@ private:
                 slot.handler->appendSockets(entries);
                 ranges.push_back({slot.serial, slot.handler, first, entries.size() - first});
             }
+            polling_ = true;
             lock.unlock();
             // A failed poll is handled like a time-out: the handlers still
             // tick and the next iteration rebuilds the set. The pause keeps a
@@ -116,6 +122,9 @@ private:
             const int64_t now = steadyNowUs();
             const std::span<const net::PollEntry> found(entries);
             lock.lock();
+            polling_ = false;
+            ++pollRound_;
+            if (waiters_ > 0) callEnded_.notify_all();
             for (const Range& range : ranges) {
                 if (stopping_) break;
                 // Removed during the poll: its handler may already be gone.
@@ -137,7 +146,9 @@ private:
     std::vector<Slot> slots_;
     uint64_t nextSerial_ = 1;
     uint64_t calling_ = 0;  // the serial whose handler runs now; 0: none
-    int waiters_ = 0;       // threads in `detach` waiting for a call to end
+    int waiters_ = 0;       // threads in `detach` waiting for a call or a poll to end
+    bool polling_ = false;  // the worker is inside poll with the set it built
+    uint64_t pollRound_ = 0;  // counts the polls that have returned
     bool stopping_ = false;
     std::thread thread_;
 };
