@@ -15,6 +15,7 @@
 #include "media/rtp_session.h"
 #include "media/sdp.h"
 #include "media/sdp_local.h"
+#include "sip/dialog.h"
 #include "sip/digest.h"
 #include "sip/event_loop.h"
 #include "sip/message.h"
@@ -26,19 +27,6 @@ namespace kelsip {
 enum class CallState { Calling, Proceeding, Ringing, Incoming, Connected, Disconnecting, Terminated };
 // "Calling", "Proceeding", "Ringing", "Incoming", "Connected", "Disconnecting", "Terminated".
 [[nodiscard]] std::string_view toString(CallState state);
-
-// The dialog an INVITE set up (RFC 3261 section 12).
-struct Dialog {
-    std::string callId;
-    std::string localTag;
-    std::string remoteTag;
-    std::string localUri;   // From of our requests, without the tag
-    std::string remoteUri;  // To of our requests, without the tag
-    uint32_t localCseq = 0;
-    std::optional<uint32_t> remoteCseq;
-    SipUri remoteTarget;
-    std::vector<std::string> routeSet;  // in the order our requests carry them
-};
 
 // One fork's early dialog of an outgoing call (a 1xx with its own tag).
 struct EarlyDialog {

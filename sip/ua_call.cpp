@@ -185,12 +185,7 @@ int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
 }
 
 std::string UserAgent::Impl::contactFor(const Call& call) const {
-    const Line* line = findLine(call.line);
-    const std::string user = line != nullptr ? escapeUriUser(line->config.user) : "kelsip";
-    const SipTarget& t = call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex];
-    std::string contact = "<sip:" + user + "@" + contactHost(t);
-    if (t.kind == TransportKind::Tcp) contact += ";transport=tcp";
-    return contact + ">";
+    return contactUri(findLine(call.line), call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
 }
 
 void UserAgent::Impl::sendInvite(Call& call) {
@@ -380,39 +375,11 @@ void UserAgent::Impl::onInvite2xx(Call& call, const SipMessage& response) {
 }
 
 SipTarget UserAgent::Impl::dialogTarget(const Call& call) const {
-    // The first route, else the remote target, when it names an address
-    // directly; otherwise where the INVITE went.
-    std::optional<SipUri> next;
-    if (!call.dialog.routeSet.empty()) {
-        if (const auto na = NameAddr::parse(call.dialog.routeSet.front())) next = na->uri;
-    } else {
-        next = call.dialog.remoteTarget;
-    }
-    if (next) {
-        if (const auto address = net::SocketAddress::parse(next->host, next->port ? next->port : 5060)) {
-            const auto transport = next->param("transport");
-            const bool tcp = transport && text::iequals(*transport, "tcp");
-            return SipTarget{tcp ? TransportKind::Tcp : TransportKind::Udp, *address, 0};
-        }
-    }
-    return call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex];
+    return dialogTarget(call.dialog, call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
 }
 
 SipMessage UserAgent::Impl::buildInDialogRequest(Call& call, std::string_view method) {
-    const SipTarget target = dialogTarget(call);
-    SipMessage m;
-    m.isRequest = true;
-    m.method = std::string(method);
-    m.requestUri = call.dialog.remoteTarget;
-    m.addHeader("Via", viaFor(target));
-    m.addHeader("Max-Forwards", "70");
-    for (const std::string& route : call.dialog.routeSet) m.addHeader("Route", route);
-    m.addHeader("From", call.dialog.localUri + ";tag=" + call.dialog.localTag);
-    m.addHeader("To", call.dialog.remoteUri + (call.dialog.remoteTag.empty() ? "" : ";tag=" + call.dialog.remoteTag));
-    m.addHeader("Call-ID", call.dialog.callId);
-    // ACK keeps the INVITE's number; everything else takes the next one.
-    const uint32_t cseq = method == "ACK" ? call.dialog.localCseq : ++call.dialog.localCseq;
-    m.addHeader("CSeq", std::to_string(cseq) + " " + std::string(method));
+    SipMessage m = buildDialogRequest(call.dialog, method, dialogTarget(call));
     if (method == "INVITE" || method == "UPDATE") m.addHeader("Contact", contactFor(call));
     m.addHeader("User-Agent", config_.userAgent);
     return m;

@@ -22,13 +22,6 @@ std::string quoted(std::string_view text) {
     return out + "\"";
 }
 
-// Seconds after a granted expiry at which the registration is refreshed.
-int64_t refreshAfter(int64_t granted) {
-    if (granted >= 61) return granted - 30;
-    const int64_t half = granted / 2;
-    return half < 2 ? 1 : half;
-}
-
 }  // namespace
 
 Line* UserAgent::Impl::findLine(int id) {
@@ -62,6 +55,7 @@ bool UserAgent::Impl::removeLine(int id) {
     }
     cancelTimers(*line);
     if (line->locating != 0 && locator_) locator_->cancel(line->locating);
+    withdrawPresence(*line);
     lines_.erase(id);
     return true;
 }
@@ -144,6 +138,12 @@ PushSupport UserAgent::Impl::pushSupport(int id) const {
 
 size_t UserAgent::Impl::shutdown() {
     if (!started_) return 0;
+    // Subscriptions, watchers and the published presence end with us; only
+    // the un-REGISTERs are waited for.
+    std::vector<int> subscriptions;
+    for (const auto& [id, s] : subscriptions_) subscriptions.push_back(id);
+    for (const int id : subscriptions) (void)unsubscribe(id);
+    for (auto& [id, line] : lines_) withdrawPresence(line);
     size_t sent = 0;
     for (auto& [id, line] : lines_) {
         if (line.state != RegistrationState::Registered) continue;
@@ -368,7 +368,7 @@ void UserAgent::Impl::scheduleRefresh(Line& line) {
     loop_->cancel(line.refreshTimer);
     if (line.granted <= 0) return;
     const int id = line.id;
-    line.refreshTimer = transactions_->schedule(refreshAfter(line.granted) * 1000, [this, id] {
+    line.refreshTimer = transactions_->schedule(refreshAfterSeconds(line.granted) * 1000, [this, id] {
         Line* l = findLine(id);
         if (l == nullptr) return;
         l->refreshTimer = 0;

@@ -5,6 +5,7 @@
 #include "sip/address.h"
 #include "sip/log.h"
 #include "sip/platform/system.h"
+#include "sip/text.h"
 #include "sip/user_agent_impl.h"
 
 namespace kelsip {
@@ -116,7 +117,13 @@ void UserAgent::Impl::stop() {
     if (udp_) udp_->close();
     if (tcp_) tcp_->close();
     if (ownsLoopThread()) loop_->stop();
-    for (auto& [id, line] : lines_) cancelTimers(line);
+    for (auto& [id, line] : lines_) {
+        cancelTimers(line);
+        loop_->cancel(line.presence.refreshTimer);
+    }
+    outgoing_.clear();
+    subscriptions_.clear();
+    watchers_.clear();
     for (auto& [id, call] : calls_) {
         if (call->media) call->media->close();
         if (call->rtp) call->rtp->close({});
@@ -169,6 +176,63 @@ std::string UserAgent::Impl::viaFor(const SipTarget& target) const {
     return "SIP/2.0/" + std::string(transportName(target.kind)) + " " + contactHost(target) + ";rport";
 }
 
+SipTarget UserAgent::Impl::dialogTarget(const Dialog& dialog, const SipTarget& fallback) {
+    // The first route, else the remote target, when it names an address
+    // directly; otherwise where the request that made the dialog went.
+    std::optional<SipUri> next;
+    if (!dialog.routeSet.empty()) {
+        if (const auto na = NameAddr::parse(dialog.routeSet.front())) next = na->uri;
+    } else {
+        next = dialog.remoteTarget;
+    }
+    if (next) {
+        if (const auto address = net::SocketAddress::parse(next->host, next->port ? next->port : 5060)) {
+            const auto transport = next->param("transport");
+            const bool tcp = transport && text::iequals(*transport, "tcp");
+            return SipTarget{tcp ? TransportKind::Tcp : TransportKind::Udp, *address, 0};
+        }
+    }
+    return fallback;
+}
+
+SipMessage UserAgent::Impl::buildDialogRequest(Dialog& dialog, std::string_view method, const SipTarget& target) {
+    SipMessage m;
+    m.isRequest = true;
+    m.method = std::string(method);
+    m.requestUri = dialog.remoteTarget;
+    m.addHeader("Via", viaFor(target));
+    m.addHeader("Max-Forwards", "70");
+    for (const std::string& route : dialog.routeSet) m.addHeader("Route", route);
+    m.addHeader("From", dialog.localUri + ";tag=" + dialog.localTag);
+    m.addHeader("To", dialog.remoteUri + (dialog.remoteTag.empty() ? "" : ";tag=" + dialog.remoteTag));
+    m.addHeader("Call-ID", dialog.callId);
+    // ACK keeps the INVITE's number; everything else takes the next one.
+    const uint32_t cseq = method == "ACK" ? dialog.localCseq : ++dialog.localCseq;
+    m.addHeader("CSeq", std::to_string(cseq) + " " + std::string(method));
+    return m;
+}
+
+std::string UserAgent::Impl::contactUri(const Line* line, const SipTarget& target) const {
+    const std::string user = line != nullptr ? escapeUriUser(line->config.user) : "kelsip";
+    std::string contact = "<sip:" + user + "@" + contactHost(target);
+    if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
+    return contact + ">";
+}
+
+std::string UserAgent::Impl::addressOfRecord(const Line& line, const SipTarget& toward) const {
+    // A line without a domain (peer to peer) is known by where it listens.
+    const std::string host = line.config.domain.empty() ? contactHost(toward) : line.config.domain;
+    return "sip:" + escapeUriUser(line.config.user) + "@" + host;
+}
+
+Line* UserAgent::Impl::lineForRequest(const SipMessage& request) {
+    for (auto& [id, line] : lines_) {
+        if (escapeUriUser(line.config.user) == request.requestUri.user) return &line;
+    }
+    // A peer may dial our address without our user name: the first line takes it.
+    return lines_.empty() ? nullptr : &lines_.begin()->second;
+}
+
 void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& request, const SipTarget& source) {
     if (request.method == "ACK") {
         onAck(request);
@@ -182,13 +246,44 @@ void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& reques
     if (!request.toTag().empty()) {
         if (Call* call = findCallByDialog(request, false)) {
             onInDialogRequest(*call, key, request);
-        } else {
-            respond(key, request, 481);
+            return;
         }
+        if (request.method == "NOTIFY") {
+            bool otherFork = false;
+            if (Subscription* subscription = findSubscriptionByDialog(request, otherFork)) {
+                onSubscriptionNotify(*subscription, key, request);
+                return;
+            }
+            // A second fork of one of our SUBSCRIBEs: one subscription per
+            // subscribe, so the 481 ends that fork's.
+            if (!otherFork) {
+                onUnsolicitedNotify(key, request);
+                return;
+            }
+        }
+        if (request.method == "SUBSCRIBE") {
+            if (Watcher* watcher = findWatcherByDialog(request)) {
+                onWatcherSubscribe(*watcher, key, request);
+                return;
+            }
+        }
+        respond(key, request, 481);
         return;
     }
     if (request.method == "INVITE") {
         onInvite(key, request, source);
+        return;
+    }
+    if (request.method == "MESSAGE") {
+        onIncomingMessage(key, request);
+        return;
+    }
+    if (request.method == "SUBSCRIBE") {
+        onSubscribeRequest(key, request, source);
+        return;
+    }
+    if (request.method == "NOTIFY") {
+        onUnsolicitedNotify(key, request);
         return;
     }
     // We take REFER only within a call: one outside names no dialog of ours.
@@ -289,6 +384,25 @@ std::optional<CallInfo> UserAgent::callInfo(int call) {
 }
 std::shared_ptr<MediaSession> UserAgent::callMedia(int call) {
     return impl_->loop().invoke([&] { return impl_->callMedia(call); });
+}
+int UserAgent::sendMessage(int line, const std::string& target, const std::string& body,
+                           const std::string& contentType) {
+    return impl_->loop().invoke([&] { return impl_->sendMessage(line, target, body, contentType); });
+}
+int UserAgent::subscribe(int line, const std::string& target, const std::string& event, int expires) {
+    return impl_->loop().invoke([&] { return impl_->subscribe(line, target, event, expires); });
+}
+bool UserAgent::unsubscribe(int subscription) {
+    return impl_->loop().invoke([&] { return impl_->unsubscribe(subscription); });
+}
+std::optional<SubscriptionInfo> UserAgent::subscriptionInfo(int subscription) {
+    return impl_->loop().invoke([&] { return impl_->subscriptionInfo(subscription); });
+}
+bool UserAgent::setPresence(int line, const PresenceStatus& status) {
+    return impl_->loop().invoke([&] { return impl_->setPresence(line, status); });
+}
+std::vector<std::string> UserAgent::presenceWatchers(int line) {
+    return impl_->loop().invoke([&] { return impl_->presenceWatchers(line); });
 }
 void UserAgent::setListener(std::shared_ptr<UserAgentListener> listener) {
     impl_->loop().invoke([&] { impl_->setListener(std::move(listener)); });

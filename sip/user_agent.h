@@ -11,6 +11,7 @@
 
 #include "sip/clock.h"
 #include "sip/net/socket_address.h"
+#include "sip/presence.h"
 #include "sip/sip_target.h"
 #include "sip/transaction.h"
 
@@ -82,15 +83,22 @@ struct CallInfo {
 struct SubscriptionInfo {
     int id = 0;
     int line = 0;
-    std::string event;           // "message-summary", "presence"
+    std::string event;           // "message-summary", "presence", "dialog"
     std::string target;
-    std::string state;           // "pending", "active", "terminated"
-    int expires = 0;
+    // "subscribing" (no NOTIFY yet), "pending", "active", "terminated".
+    std::string state;
+    std::string reason;          // why it ended (or was renewed): "timeout", "rejected", ...
+    int statusCode = 0;          // the failure answer to a SUBSCRIBE, when there was one
+    int expires = 0;             // seconds granted
 };
 
-struct PresenceStatus {
-    bool online = true;
-    std::string note;
+// A SUBSCRIBE from someone who wants our presence. The listener may set
+// `accept` to false; the request is then refused with 403.
+struct WatcherRequest {
+    int line = 0;
+    std::string watcher;         // the subscriber's address (From)
+    std::string event;           // "presence"
+    bool accept = true;
 };
 
 enum class CallMediaEvent { Started, SecureActive, Failed };
@@ -113,8 +121,9 @@ public:
     virtual void onNotifyState(int /*subscription*/, const std::string& /*subscriptionState*/) {}
     virtual void onNotifyContent(int /*subscription*/, const std::string& /*contentType*/,
                                  const std::string& /*body*/) {}
+    // Subscription 0: an unsolicited NOTIFY (message waiting from the registrar).
     virtual void onSubscriptionBody(int /*subscription*/, const std::string& /*event*/, const std::string& /*body*/) {}
-    virtual void onWatcherRequest(int /*line*/, const std::string& /*watcher*/) {}
+    virtual void onWatcherRequest(WatcherRequest& /*request*/) {}
     virtual void onMessage(int /*line*/, const std::string& /*from*/, const std::string& /*contentType*/,
                            const std::string& /*body*/) {}
     virtual void onMessageResult(int /*message*/, int /*statusCode*/, const std::string& /*reason*/) {}
@@ -145,6 +154,11 @@ struct UserAgentConfig {
     int minSessionExpires = 90;
     // Offer RFC 4733 telephone-event; DTMF by INFO works either way.
     bool telephoneEvent = true;
+    // Subscriptions: the shortest expiry we grant a watcher (a shorter one
+    // gets 423) and the longest; a MESSAGE body above the limit gets 413.
+    int minSubscriptionExpires = 60;
+    int maxSubscriptionExpires = 3600;
+    size_t maxMessageBody = 65536;
     // The loop's clock; null: the system's. With a manual clock the loop gets
     // no thread of its own: the owner drives it (see UserAgent::eventLoop).
     std::shared_ptr<Clock> clock;
@@ -191,6 +205,23 @@ public:
     [[nodiscard]] std::optional<CallInfo> callInfo(int call);
     // The call's media, for the sound device's threads; null before it starts.
     [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int call);
+
+    // Page-mode instant message; the result arrives on onMessageResult
+    // under the returned id. An empty content type sends "text/plain".
+    [[nodiscard]] int sendMessage(int line, const std::string& target, const std::string& body,
+                                  const std::string& contentType);
+
+    // A subscription to `event` at `target` ("message-summary" at the
+    // voicemail server, "presence" of a contact), kept refreshed until
+    // `unsubscribe`. `expires` 0 asks for the package's usual period.
+    [[nodiscard]] int subscribe(int line, const std::string& target, const std::string& event, int expires);
+    [[nodiscard]] bool unsubscribe(int subscription);
+    [[nodiscard]] std::optional<SubscriptionInfo> subscriptionInfo(int subscription);
+
+    // Publishes the user's presence (PUBLISH to the line's domain when it
+    // has one) and tells every watcher of the line.
+    [[nodiscard]] bool setPresence(int line, const PresenceStatus& status);
+    [[nodiscard]] std::vector<std::string> presenceWatchers(int line);
 
     void setListener(std::shared_ptr<UserAgentListener> listener);
 

@@ -15,6 +15,7 @@
 #include "sip/dns/server_location.h"
 #include "sip/event_loop.h"
 #include "sip/stream_transport.h"
+#include "sip/subscription.h"
 #include "sip/transaction.h"
 #include "sip/udp_transport.h"
 #include "sip/user_agent.h"
@@ -27,6 +28,14 @@ inline constexpr std::string_view kUserAgentAllow =
 
 // "call 7": how the user agent's log lines name a call.
 inline std::string callPrefix(const Call& call) { return "call " + std::to_string(call.id); }
+
+// Seconds after a granted expiry at which a registration, subscription or
+// publication is refreshed: 30 s ahead, or halfway for short ones.
+inline int64_t refreshAfterSeconds(int64_t granted) {
+    if (granted >= 61) return granted - 30;
+    const int64_t half = granted / 2;
+    return half < 2 ? 1 : half;
+}
 
 // One account: its configuration and its registration.
 struct Line {
@@ -51,6 +60,7 @@ struct Line {
     EventLoop::TimerId retryTimer = 0;
     dns::ServerLocator::LocateId locating = 0;
     std::string transaction;          // key of the REGISTER in flight
+    Publication presence;
 };
 
 class UserAgent::Impl {
@@ -89,6 +99,13 @@ public:
     [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int id) const;
     [[nodiscard]] net::SocketAddress localAddress(TransportKind kind) const;
 
+    int sendMessage(int line, const std::string& target, const std::string& body, const std::string& contentType);
+    int subscribe(int line, const std::string& target, const std::string& event, int expires);
+    bool unsubscribe(int id);
+    [[nodiscard]] std::optional<SubscriptionInfo> subscriptionInfo(int id) const;
+    bool setPresence(int line, const PresenceStatus& status);
+    [[nodiscard]] std::vector<std::string> presenceWatchers(int line) const;
+
     EventLoop& loop() { return *loop_; }
     [[nodiscard]] bool ownsLoopThread() const { return !config_.clock; }
 
@@ -99,6 +116,14 @@ private:
     [[nodiscard]] std::string viaFor(const SipTarget& target) const;
     [[nodiscard]] std::string contactHost(const SipTarget& target) const;
     [[nodiscard]] std::string randomToken(size_t length);
+    // Requests within any dialog, a call's or a subscription's.
+    [[nodiscard]] SipMessage buildDialogRequest(Dialog& dialog, std::string_view method, const SipTarget& target);
+    [[nodiscard]] static SipTarget dialogTarget(const Dialog& dialog, const SipTarget& fallback);
+    [[nodiscard]] std::string contactUri(const Line* line, const SipTarget& target) const;
+    [[nodiscard]] std::string addressOfRecord(const Line& line, const SipTarget& toward) const;
+    // The line a request from outside is meant for: by the user of its
+    // Request-URI, else the first line; null when there is none.
+    [[nodiscard]] Line* lineForRequest(const SipMessage& request);
 
     // Calls: outgoing INVITE and the requests within a dialog.
     [[nodiscard]] Call* findCall(int id);
@@ -146,6 +171,45 @@ private:
     void sendSessionRefresh(Call& call);
     void addSessionHeaders(const Call& call, SipMessage& message) const;
 
+    // Out-of-dialog requests (MESSAGE, PUBLISH, a subscription's first
+    // SUBSCRIBE): resolution, failover and digest answers.
+    [[nodiscard]] SipMessage buildOutOfDialogRequest(const Line& line, std::string_view method, const SipUri& to);
+    int sendOutgoing(const Line& line, SipMessage request, OutgoingDone done);
+    void transmitOutgoing(Outgoing& request);
+    void onOutgoingAnswer(int id, const SipMessage* response);
+    void finishOutgoing(int id, int code, const std::string& reason, const SipMessage* response);
+    void abandonOutgoing(int id);
+    void onIncomingMessage(const std::string& key, const SipMessage& request);
+
+    // Our subscriptions.
+    [[nodiscard]] Subscription* findSubscription(int id);
+    [[nodiscard]] Subscription* findSubscriptionByDialog(const SipMessage& request, bool& sameDialogOtherFork);
+    [[nodiscard]] static SubscriptionInfo infoOf(const Subscription& subscription);
+    void startSubscription(Subscription& subscription);
+    void onFirstSubscribeAnswer(int id, int code, const std::string& reason, const SipMessage* response);
+    void sendSubscribeInDialog(Subscription& subscription, int expires);
+    void onSubscribeRefreshAnswer(int id, const SipMessage* response, int expiresAsked);
+    void onSubscriptionNotify(Subscription& subscription, const std::string& key, const SipMessage& request);
+    void onUnsolicitedNotify(const std::string& key, const SipMessage& request);
+    void setSubscriptionState(Subscription& subscription, SubscriptionState state);
+    void subscriptionTerminated(Subscription& subscription, const std::string& reason, int retryAfterSeconds);
+    void renewSubscription(Subscription& subscription, int64_t afterMs);
+    void finishSubscription(Subscription& subscription, SubscriptionState state, int code, const std::string& reason);
+    void grantSubscription(Subscription& subscription, int seconds);
+    void clearSubscriptionTimers(Subscription& subscription);
+
+    // Watchers of our presence, and its publication.
+    void onSubscribeRequest(const std::string& key, const SipMessage& request, const SipTarget& source);
+    void onWatcherSubscribe(Watcher& watcher, const std::string& key, const SipMessage& request);
+    [[nodiscard]] Watcher* findWatcherByDialog(const SipMessage& request);
+    [[nodiscard]] std::string presenceDocument(const Line& line, const SipTarget& toward) const;
+    void notifyWatcher(Watcher& watcher, const std::string& subscriptionState);
+    void endWatcher(int id, const std::string& reason);
+    void armWatcherExpiry(Watcher& watcher, int seconds);
+    void publish(Line& line, int expires, bool withBody);
+    void onPublishAnswer(int lineId, int code, const std::string& reason, const SipMessage* response, int expires);
+    void withdrawPresence(Line& line);
+
     // Registration.
     void resolveAndRegister(Line& line);
     void sendRegister(Line& line);
@@ -172,6 +236,12 @@ private:
     int nextCallId_ = 1;
     std::shared_ptr<RtpIoService> rtpIo_;
     std::unique_ptr<RtpPortAllocator> rtpPorts_;
+    std::map<int, Outgoing> outgoing_;
+    int nextOutgoingId_ = 1;
+    std::map<int, Subscription> subscriptions_;
+    int nextSubscriptionId_ = 1;
+    std::map<int, Watcher> watchers_;
+    int nextWatcherId_ = 1;
     std::shared_ptr<UserAgentListener> listener_;
     std::mt19937 random_;
     bool started_ = false;
