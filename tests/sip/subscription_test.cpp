@@ -1,0 +1,376 @@
+// Subscriptions of ours against a scripted notifier, in virtual time: the
+// SUBSCRIBE's form, refresh times, the NOTIFY that overtakes the 2xx,
+// forks, 423 and 489, what each termination reason leads to, expiry and
+// unsubscribing; and the unsolicited message-summary NOTIFY.
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "sip/event_loop.h"
+#include "sip/user_agent.h"
+#include "support/log_capture.h"
+#include "support/scripted_peer.h"
+#include "support/wait.h"
+
+namespace kelsip {
+namespace {
+
+using namespace std::chrono_literals;
+
+class Events : public UserAgentListener {
+public:
+    void onSubscriptionState(const SubscriptionInfo& s) override {
+        add("state " + s.state + (s.reason.empty() ? "" : " " + s.reason) +
+            (s.statusCode != 0 ? " " + std::to_string(s.statusCode) : ""));
+    }
+    void onSubscriptionBody(int id, const std::string& event, const std::string& body) override {
+        add("body " + std::to_string(id) + " " + event + " " + body.substr(0, body.find('\r')));
+    }
+    void add(const std::string& e) {
+        std::lock_guard lock(mutex_);
+        events_.push_back(e);
+    }
+    std::vector<std::string> take() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(events_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+constexpr std::string_view kSummary = "Messages-Waiting: yes\r\nVoice-Message: 2/8 (0/2)\r\n";
+
+class SubscriptionTest : public ::testing::Test {
+protected:
+    SubscriptionTest() {
+        UserAgentConfig config;
+        config.bindAddress = "127.0.0.1";
+        config.udpPort = 0;
+        config.tcpPort = -1;
+        config.clock = clock;
+        ua = std::make_unique<UserAgent>(config);
+    }
+    void SetUp() override {
+        ASSERT_TRUE(ua->start());
+        ua->setListener(events);
+        LineConfig line;
+        line.user = "alice";
+        line.domain = peer.hostPort();
+        lineId = ua->addLine(line);
+    }
+
+    int subscribe(int expires = 600) {
+        return ua->subscribe(lineId, "sip:vm@" + peer.hostPort(), "message-summary", expires);
+    }
+    std::optional<SipMessage> expectSubscribe() { return peer.expect("SUBSCRIBE", pump, 2s); }
+    // The notifier's NOTIFY within the dialog `subscribe` opened.
+    void notify(const SipMessage& subscribe, const std::string& state, std::string_view body = kSummary,
+                const std::string& tag = "peer", const std::string& event = "message-summary") {
+        const std::string n = std::to_string(++notifies_);
+        const std::string text =
+            "NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() + ";branch=z9hG4bKn" + n + "\r\nMax-Forwards: 70\r\nFrom: <sip:vm@" + peer.hostPort() + ">;tag=" + tag +
+            "\r\nTo: " + subscribe.header("From").value_or("") + "\r\nCall-ID: " + subscribe.callId() +
+            "\r\nCSeq: " + n + " NOTIFY\r\nContact: <sip:vm@" + peer.hostPort() +
+            ">\r\nEvent: " + event + "\r\nSubscription-State: " + state + "\r\n" +
+            (body.empty() ? "" : "Content-Type: application/simple-message-summary\r\n") +
+            "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
+        peer.send(text, ua->localAddress(TransportKind::Udp));
+    }
+    // Subscribes and lets the notifier accept with `expires` and an active NOTIFY.
+    std::optional<SipMessage> activeSubscription(int& id, int expires = 600) {
+        id = subscribe(expires);
+        auto s = expectSubscribe();
+        if (!s) return s;
+        peer.answer(*s, 200, "Expires: " + std::to_string(expires) + "\r\nContact: <sip:vm@" + peer.hostPort() + ">\r\n");
+        notify(*s, "active;expires=" + std::to_string(expires));
+        EXPECT_TRUE(peer.expectResponse(200, pump));
+        return s;
+    }
+    // Moves virtual time on in 1 s steps until a SUBSCRIBE comes: how long
+    // that took, or nothing within `limit`.
+    std::optional<int64_t> nextSubscribeWithin(std::chrono::seconds limit, std::optional<SipMessage>* out = nullptr) {
+        const int64_t start = clock->nowNs();
+        for (int64_t s = 0; s <= limit.count(); ++s) {
+            if (auto m = peer.expect("SUBSCRIBE", pump, 2ms)) {
+                if (out != nullptr) *out = std::move(m);
+                return (clock->nowNs() - start) / 1'000'000'000;
+            }
+            advance(1s);
+        }
+        return std::nullopt;
+    }
+    void advance(std::chrono::milliseconds d) { advanceVirtualTime(ua->eventLoop(), *clock, d); }
+    std::string us() { return ua->localAddress(TransportKind::Udp).toString(); }
+    // The subscription has been reported ended and forgotten.
+    bool gone(int id) {
+        return test::waitFor([&] {
+            pump();
+            return !ua->subscriptionInfo(id);
+        }, 2s);
+    }
+    std::vector<std::string> settledEvents() {
+        pump();
+        return events->take();
+    }
+
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::unique_ptr<UserAgent> ua;
+    std::shared_ptr<Events> events = std::make_shared<Events>();
+    int lineId = 0;
+    test::ScriptedPeer peer;
+    test::LogCapture logs;
+    test::ScriptedPeer::Pump pump = [this] { ua->eventLoop().runDue(); };
+
+private:
+    int notifies_ = 0;
+};
+
+TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
+    int id = 0;
+    const auto first = activeSubscription(id, 600);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->requestUri.toString(), "sip:vm@" + peer.hostPort());
+    EXPECT_EQ(first->header("Event"), "message-summary");
+    EXPECT_EQ(first->expires(), 600);
+    EXPECT_EQ(first->header("Accept"), "application/simple-message-summary");
+    EXPECT_EQ(first->header("CSeq"), "1 SUBSCRIBE");
+    EXPECT_EQ(first->contact(), "<sip:alice@" + us() + ">");
+    EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing", "body 1 message-summary Messages-Waiting: yes",
+                                                         "state active"}));
+    EXPECT_EQ(ua->subscriptionInfo(id)->expires, 600);
+
+    // 600 s granted: refreshed 30 s ahead, in the dialog.
+    std::optional<SipMessage> refresh;
+    EXPECT_EQ(nextSubscribeWithin(600s, &refresh), 570);
+    ASSERT_TRUE(refresh);
+    EXPECT_EQ(refresh->callId(), first->callId());
+    EXPECT_EQ(refresh->toTag(), "peer");
+    EXPECT_EQ(refresh->header("CSeq"), "2 SUBSCRIBE");
+    EXPECT_EQ(refresh->requestUri.toString(), "sip:vm@" + peer.hostPort());
+    // The notifier grants less: 100 s, refreshed after 70.
+    peer.answer(*refresh, 200, "Expires: 100\r\n");
+    EXPECT_EQ(nextSubscribeWithin(100s, &refresh), 70);
+    ASSERT_TRUE(refresh);
+    peer.answer(*refresh, 200, "Expires: 100\r\n");
+    // A NOTIFY that says 40 s are left moves the refresh to halfway.
+    notify(*first, "active;expires=40");
+    ASSERT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(nextSubscribeWithin(40s), 20);
+    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
+}
+
+TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherForkIsRefused) {
+    const int id = subscribe();
+    const auto s = expectSubscribe();
+    ASSERT_TRUE(s);
+    notify(*s, "pending;expires=600", "");
+    ASSERT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(ua->subscriptionInfo(id)->state, "pending");
+    // The 2xx from another fork arrives later: the NOTIFY's dialog stays.
+    peer.answer(*s, 200, "Expires: 600\r\n", "late");
+    notify(*s, "active;expires=600", kSummary, "other-fork");
+    EXPECT_TRUE(peer.expectResponse(481, pump));
+    notify(*s, "active;expires=600");
+    EXPECT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
+    std::optional<SipMessage> refresh;
+    ASSERT_TRUE(nextSubscribeWithin(600s, &refresh));
+    EXPECT_EQ(refresh->toTag(), "peer");
+}
+
+TEST_F(SubscriptionTest, NotifyOutsideTheRulesIsRefusedAndChangesNothing) {
+    int id = 0;
+    const auto s = activeSubscription(id);
+    ASSERT_TRUE(s);
+    (void)settledEvents();
+    notify(*s, "active", kSummary, "peer", "presence");  // not the subscription's package
+    EXPECT_TRUE(peer.expectResponse(489, pump));
+    // No Subscription-State: the request is broken.
+    peer.send("NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+                  ";branch=z9hG4bKx1\r\nMax-Forwards: 70\r\nFrom: <sip:vm@" + peer.hostPort() + ">;tag=peer\r\nTo: " +
+                  s->header("From").value_or("") + "\r\nCall-ID: " + s->callId() +
+                  "\r\nCSeq: 50 NOTIFY\r\nEvent: message-summary\r\nContent-Length: 0\r\n\r\n",
+              ua->localAddress(TransportKind::Udp));
+    EXPECT_TRUE(peer.expectResponse(400, pump));
+    // A summary that is not one is answered but not passed on.
+    notify(*s, "active", "Voice-Message: lots\r\n");
+    EXPECT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_TRUE(logs.has("subscription " + std::to_string(id) + ": unreadable message summary: "));
+    EXPECT_EQ(settledEvents(), std::vector<std::string>{});
+    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
+}
+
+TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain) {
+    struct Case {
+        std::string state;
+        std::optional<int64_t> again;  // seconds until a new SUBSCRIBE; none: never
+    };
+    const Case cases[] = {
+        {"terminated;reason=deactivated", 0},
+        {"terminated;reason=timeout", 0},
+        {"terminated;reason=probation;retry-after=30", 30},
+        {"terminated;reason=probation", 60},
+        {"terminated", 60},
+        {"terminated;reason=rejected", std::nullopt},
+        {"terminated;reason=noresource", std::nullopt},
+        {"terminated;reason=giveup;retry-after=5", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.state);
+        int id = 0;
+        const auto s = activeSubscription(id);
+        ASSERT_TRUE(s);
+        (void)settledEvents();
+        notify(*s, c.state, "");
+        ASSERT_TRUE(peer.expectResponse(200, pump));
+        std::optional<SipMessage> renewed;
+        EXPECT_EQ(nextSubscribeWithin(70s, &renewed), c.again);
+        if (c.again) {
+            // A new dialog of the same subscription.
+            EXPECT_NE(renewed->callId(), s->callId());
+            EXPECT_TRUE(renewed->toTag().empty());
+            EXPECT_EQ(ua->subscriptionInfo(id)->state, "subscribing");
+            EXPECT_TRUE(ua->unsubscribe(id));
+            peer.answer(*renewed, 481);
+            (void)settledEvents();
+        } else {
+            const auto after = settledEvents();
+            ASSERT_FALSE(after.empty());
+            EXPECT_EQ(after.back().rfind("state terminated", 0), 0u) << after.back();
+            EXPECT_TRUE(gone(id));
+        }
+    }
+}
+
+TEST_F(SubscriptionTest, ANotifierThatEndsEverySubscriptionAtOnceIsGivenUpAfterFive) {
+    const int id = subscribe();
+    for (int round = 0; round <= 5; ++round) {
+        const auto s = expectSubscribe();
+        ASSERT_TRUE(s) << round;
+        peer.answer(*s, 200, "Expires: 600\r\n");
+        notify(*s, "terminated;reason=deactivated", "");
+        ASSERT_TRUE(peer.expectResponse(200, pump));
+    }
+    EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 50ms));
+    const auto seen = settledEvents();
+    EXPECT_EQ(seen.back(), "state terminated deactivated");
+    EXPECT_TRUE(gone(id));
+}
+
+TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
+    // 423: asked again at once with the notifier's minimum.
+    const int first = subscribe(60);
+    auto s = expectSubscribe();
+    ASSERT_TRUE(s);
+    peer.answer(*s, 423, "Min-Expires: 1800\r\n");
+    s = expectSubscribe();
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->expires(), 1800);
+    peer.answer(*s, 200, "Expires: 1800\r\n");
+    notify(*s, "active;expires=1800");
+    ASSERT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(ua->subscriptionInfo(first)->expires, 1800);
+
+    // 489: the notifier does not know the package; nothing follows.
+    const int second = subscribe();
+    s = expectSubscribe();
+    ASSERT_TRUE(s);
+    peer.answer(*s, 489);
+    EXPECT_TRUE(gone(second));
+    EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 20ms));
+
+    // Accepted, but no NOTIFY within 64*T1: tried again as a new subscription.
+    const int third = subscribe();
+    s = expectSubscribe();
+    ASSERT_TRUE(s);
+    peer.answer(*s, 200, "Expires: 600\r\n");
+    std::optional<SipMessage> again;
+    EXPECT_EQ(nextSubscribeWithin(40s, &again), 32);
+    EXPECT_NE(again->callId(), s->callId());
+    EXPECT_TRUE(logs.has("subscription " + std::to_string(third) + ": no NOTIFY after the SUBSCRIBE was accepted"));
+    const auto seen = settledEvents();
+    EXPECT_NE(std::find(seen.begin(), seen.end(), "state terminated bad-event 489"), seen.end());
+}
+
+TEST_F(SubscriptionTest, AFailedRefreshHoldsUntilExpiryAndA481StartsOverAtOnce) {
+    int id = 0;
+    const auto s = activeSubscription(id, 120);
+    ASSERT_TRUE(s);
+    std::optional<SipMessage> refresh;
+    EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
+    peer.answer(*refresh, 500);
+    // Still active until the 120 s run out, then a new dialog.
+    std::optional<SipMessage> renewed;
+    EXPECT_EQ(nextSubscribeWithin(60s, &renewed), 30);
+    EXPECT_NE(renewed->callId(), s->callId());
+    peer.answer(*renewed, 200, "Expires: 120\r\n");
+    notify(*renewed, "active;expires=120");
+    ASSERT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
+    EXPECT_EQ(refresh->callId(), renewed->callId());
+    peer.answer(*refresh, 481);
+    std::optional<SipMessage> fresh;
+    EXPECT_EQ(nextSubscribeWithin(5s, &fresh), 0);
+    EXPECT_NE(fresh->callId(), renewed->callId());
+}
+
+TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) {
+    int id = 0;
+    const auto s = activeSubscription(id);
+    ASSERT_TRUE(s);
+    (void)settledEvents();
+    ASSERT_TRUE(ua->unsubscribe(id));
+    EXPECT_FALSE(ua->unsubscribe(id));  // once is enough
+    const auto bye = expectSubscribe();
+    ASSERT_TRUE(bye);
+    EXPECT_EQ(bye->expires(), 0);
+    EXPECT_EQ(bye->toTag(), "peer");
+    peer.answer(*bye, 200, "Expires: 0\r\n");
+    notify(*s, "terminated;reason=timeout", kSummary);
+    ASSERT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(settledEvents(), (std::vector<std::string>{"body 1 message-summary Messages-Waiting: yes",
+                                                         "state unsubscribed"}));
+    EXPECT_TRUE(gone(id));
+    EXPECT_FALSE(nextSubscribeWithin(700s));
+
+    // Unsubscribed before the first answer: the 2xx is followed by Expires 0.
+    const int early = subscribe();
+    const auto first = expectSubscribe();
+    ASSERT_TRUE(first);
+    ASSERT_TRUE(ua->unsubscribe(early));
+    peer.answer(*first, 200, "Expires: 600\r\n");
+    const auto withdraw = expectSubscribe();
+    ASSERT_TRUE(withdraw);
+    EXPECT_EQ(withdraw->expires(), 0);
+    peer.answer(*withdraw, 200);
+    // No last NOTIFY: the subscription ends after 64*T1 anyway.
+    advance(32s);
+    EXPECT_TRUE(gone(early));
+}
+
+TEST_F(SubscriptionTest, UnsolicitedMessageSummaryIsTakenOtherPackagesAreNot) {
+    const auto unsolicited = [&](const std::string& event, std::string_view body) {
+        peer.send("NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+                      ";branch=z9hG4bKu" + event + std::to_string(body.size()) + "\r\nMax-Forwards: 70\r\nFrom: <sip:" +
+                      peer.hostPort() + ">;tag=r1\r\nTo: <sip:alice@" + peer.hostPort() + ">\r\nCall-ID: u-" + event +
+                      std::to_string(body.size()) + "\r\nCSeq: 1 NOTIFY\r\nEvent: " + event +
+                      "\r\nSubscription-State: active\r\nContent-Type: application/simple-message-summary\r\n"
+                      "Content-Length: " +
+                      std::to_string(body.size()) + "\r\n\r\n" + std::string(body),
+                  ua->localAddress(TransportKind::Udp));
+    };
+    unsolicited("message-summary", kSummary);
+    EXPECT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(settledEvents(), std::vector<std::string>{"body 0 message-summary Messages-Waiting: yes"});
+    unsolicited("presence", kSummary);
+    EXPECT_TRUE(peer.expectResponse(481, pump));
+    unsolicited("message-summary", "nonsense");
+    EXPECT_TRUE(peer.expectResponse(200, pump));
+    EXPECT_EQ(settledEvents(), std::vector<std::string>{});
+    EXPECT_TRUE(logs.has("unsolicited message summary dropped: "));
+}
+
+}  // namespace
+}  // namespace kelsip
