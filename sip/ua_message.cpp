@@ -43,6 +43,7 @@ int UserAgent::Impl::sendOutgoing(const Line& line, SipMessage request, Outgoing
     o.line = line.id;
     o.request = std::move(request);
     o.done = std::move(done);
+    o.digest.nonceCount = 0;  // each request counts its own answers: the first is 1
     // Through the outbound proxy when the line has one, else straight to
     // the Request-URI's host; the line's transport is honoured either way.
     auto next = line.config.outboundProxy.empty() ? std::optional<SipUri>(o.request.requestUri)

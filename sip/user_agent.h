@@ -158,7 +158,7 @@ struct UserAgentConfig {
     // gets 423) and the longest; a MESSAGE body above the limit gets 413.
     int minSubscriptionExpires = 60;
     int maxSubscriptionExpires = 3600;
-    size_t maxMessageBody = 65536;
+    size_t maxMessageBody = 16384;
     // The loop's clock; null: the system's. With a manual clock the loop gets
     // no thread of its own: the owner drives it (see UserAgent::eventLoop).
     std::shared_ptr<Clock> clock;

@@ -6,11 +6,7 @@
 
 #include <mutex>
 
-#include "sip/event_loop.h"
-#include "sip/user_agent.h"
-#include "support/log_capture.h"
-#include "support/scripted_peer.h"
-#include "support/wait.h"
+#include "support/virtual_user_agent.h"
 
 namespace kelsip {
 namespace {
@@ -42,23 +38,12 @@ private:
 
 constexpr std::string_view kSummary = "Messages-Waiting: yes\r\nVoice-Message: 2/8 (0/2)\r\n";
 
-class SubscriptionTest : public ::testing::Test {
+class SubscriptionTest : public test::VirtualUserAgentTest {
 protected:
-    SubscriptionTest() {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
-        config.clock = clock;
-        ua = std::make_unique<UserAgent>(config);
-    }
     void SetUp() override {
-        ASSERT_TRUE(ua->start());
+        VirtualUserAgentTest::SetUp();
         ua->setListener(events);
-        LineConfig line;
-        line.user = "alice";
-        line.domain = peer.hostPort();
-        lineId = ua->addLine(line);
+        lineId = addLine(peer.hostPort());
     }
 
     int subscribe(int expires = 600) {
@@ -76,33 +61,21 @@ protected:
             ">\r\nEvent: " + event + "\r\nSubscription-State: " + state + "\r\n" +
             (body.empty() ? "" : "Content-Type: application/simple-message-summary\r\n") +
             "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
-        peer.send(text, ua->localAddress(TransportKind::Udp));
+        toUs(text);
     }
     // Subscribes and lets the notifier accept with `expires` and an active NOTIFY.
     std::optional<SipMessage> activeSubscription(int& id, int expires = 600) {
         id = subscribe(expires);
         auto s = expectSubscribe();
         if (!s) return s;
-        peer.answer(*s, 200, "Expires: " + std::to_string(expires) + "\r\nContact: <sip:vm@" + peer.hostPort() + ">\r\n");
+        answer(*s, 200, "Expires: " + std::to_string(expires) + "\r\nContact: <sip:vm@" + peer.hostPort() + ">\r\n");
         notify(*s, "active;expires=" + std::to_string(expires));
         EXPECT_TRUE(peer.expectResponse(200, pump));
         return s;
     }
-    // Moves virtual time on in 1 s steps until a SUBSCRIBE comes: how long
-    // that took, or nothing within `limit`.
     std::optional<int64_t> nextSubscribeWithin(std::chrono::seconds limit, std::optional<SipMessage>* out = nullptr) {
-        const int64_t start = clock->nowNs();
-        for (int64_t s = 0; s <= limit.count(); ++s) {
-            if (auto m = peer.expect("SUBSCRIBE", pump, 2ms)) {
-                if (out != nullptr) *out = std::move(m);
-                return (clock->nowNs() - start) / 1'000'000'000;
-            }
-            advance(1s);
-        }
-        return std::nullopt;
+        return nextWithin("SUBSCRIBE", limit, out);
     }
-    void advance(std::chrono::milliseconds d) { advanceVirtualTime(ua->eventLoop(), *clock, d); }
-    std::string us() { return ua->localAddress(TransportKind::Udp).toString(); }
     // The subscription has been reported ended and forgotten.
     bool gone(int id) {
         return test::waitFor([&] {
@@ -115,13 +88,8 @@ protected:
         return events->take();
     }
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-    std::unique_ptr<UserAgent> ua;
     std::shared_ptr<Events> events = std::make_shared<Events>();
     int lineId = 0;
-    test::ScriptedPeer peer;
-    test::LogCapture logs;
-    test::ScriptedPeer::Pump pump = [this] { ua->eventLoop().runDue(); };
 
 private:
     int notifies_ = 0;
@@ -150,10 +118,10 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     EXPECT_EQ(refresh->header("CSeq"), "2 SUBSCRIBE");
     EXPECT_EQ(refresh->requestUri.toString(), "sip:vm@" + peer.hostPort());
     // The notifier grants less: 100 s, refreshed after 70.
-    peer.answer(*refresh, 200, "Expires: 100\r\n");
+    answer(*refresh, 200, "Expires: 100\r\n");
     EXPECT_EQ(nextSubscribeWithin(100s, &refresh), 70);
     ASSERT_TRUE(refresh);
-    peer.answer(*refresh, 200, "Expires: 100\r\n");
+    answer(*refresh, 200, "Expires: 100\r\n");
     // A NOTIFY that says 40 s are left moves the refresh to halfway.
     notify(*first, "active;expires=40");
     ASSERT_TRUE(peer.expectResponse(200, pump));
@@ -169,7 +137,7 @@ TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherFork
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(ua->subscriptionInfo(id)->state, "pending");
     // The 2xx from another fork arrives later: the NOTIFY's dialog stays.
-    peer.answer(*s, 200, "Expires: 600\r\n", "late");
+    answer(*s, 200, "Expires: 600\r\n", "late");
     notify(*s, "active;expires=600", kSummary, "other-fork");
     EXPECT_TRUE(peer.expectResponse(481, pump));
     notify(*s, "active;expires=600");
@@ -233,7 +201,7 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
             EXPECT_TRUE(renewed->toTag().empty());
             EXPECT_EQ(ua->subscriptionInfo(id)->state, "subscribing");
             EXPECT_TRUE(ua->unsubscribe(id));
-            peer.answer(*renewed, 481);
+            answer(*renewed, 481);
             (void)settledEvents();
         } else {
             const auto after = settledEvents();
@@ -249,7 +217,7 @@ TEST_F(SubscriptionTest, ANotifierThatEndsEverySubscriptionAtOnceIsGivenUpAfterF
     for (int round = 0; round <= 5; ++round) {
         const auto s = expectSubscribe();
         ASSERT_TRUE(s) << round;
-        peer.answer(*s, 200, "Expires: 600\r\n");
+        answer(*s, 200, "Expires: 600\r\n");
         notify(*s, "terminated;reason=deactivated", "");
         ASSERT_TRUE(peer.expectResponse(200, pump));
     }
@@ -264,11 +232,11 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     const int first = subscribe(60);
     auto s = expectSubscribe();
     ASSERT_TRUE(s);
-    peer.answer(*s, 423, "Min-Expires: 1800\r\n");
+    answer(*s, 423, "Min-Expires: 1800\r\n");
     s = expectSubscribe();
     ASSERT_TRUE(s);
     EXPECT_EQ(s->expires(), 1800);
-    peer.answer(*s, 200, "Expires: 1800\r\n");
+    answer(*s, 200, "Expires: 1800\r\n");
     notify(*s, "active;expires=1800");
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(ua->subscriptionInfo(first)->expires, 1800);
@@ -277,7 +245,7 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     const int second = subscribe();
     s = expectSubscribe();
     ASSERT_TRUE(s);
-    peer.answer(*s, 489);
+    answer(*s, 489);
     EXPECT_TRUE(gone(second));
     EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 20ms));
 
@@ -285,7 +253,7 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     const int third = subscribe();
     s = expectSubscribe();
     ASSERT_TRUE(s);
-    peer.answer(*s, 200, "Expires: 600\r\n");
+    answer(*s, 200, "Expires: 600\r\n");
     std::optional<SipMessage> again;
     EXPECT_EQ(nextSubscribeWithin(40s, &again), 32);
     EXPECT_NE(again->callId(), s->callId());
@@ -300,17 +268,17 @@ TEST_F(SubscriptionTest, AFailedRefreshHoldsUntilExpiryAndA481StartsOverAtOnce) 
     ASSERT_TRUE(s);
     std::optional<SipMessage> refresh;
     EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
-    peer.answer(*refresh, 500);
+    answer(*refresh, 500);
     // Still active until the 120 s run out, then a new dialog.
     std::optional<SipMessage> renewed;
     EXPECT_EQ(nextSubscribeWithin(60s, &renewed), 30);
     EXPECT_NE(renewed->callId(), s->callId());
-    peer.answer(*renewed, 200, "Expires: 120\r\n");
+    answer(*renewed, 200, "Expires: 120\r\n");
     notify(*renewed, "active;expires=120");
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
     EXPECT_EQ(refresh->callId(), renewed->callId());
-    peer.answer(*refresh, 481);
+    answer(*refresh, 481);
     std::optional<SipMessage> fresh;
     EXPECT_EQ(nextSubscribeWithin(5s, &fresh), 0);
     EXPECT_NE(fresh->callId(), renewed->callId());
@@ -327,7 +295,7 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     ASSERT_TRUE(bye);
     EXPECT_EQ(bye->expires(), 0);
     EXPECT_EQ(bye->toTag(), "peer");
-    peer.answer(*bye, 200, "Expires: 0\r\n");
+    answer(*bye, 200, "Expires: 0\r\n");
     notify(*s, "terminated;reason=timeout", kSummary);
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(settledEvents(), (std::vector<std::string>{"body 1 message-summary Messages-Waiting: yes",
@@ -340,11 +308,11 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     const auto first = expectSubscribe();
     ASSERT_TRUE(first);
     ASSERT_TRUE(ua->unsubscribe(early));
-    peer.answer(*first, 200, "Expires: 600\r\n");
+    answer(*first, 200, "Expires: 600\r\n");
     const auto withdraw = expectSubscribe();
     ASSERT_TRUE(withdraw);
     EXPECT_EQ(withdraw->expires(), 0);
-    peer.answer(*withdraw, 200);
+    answer(*withdraw, 200);
     // No last NOTIFY: the subscription ends after 64*T1 anyway.
     advance(32s);
     EXPECT_TRUE(gone(early));
