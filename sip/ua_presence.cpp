@@ -28,6 +28,15 @@ std::string uriOf(const std::string& value) {
 
 }  // namespace
 
+std::optional<int64_t> UserAgent::Impl::watcherExpires(const std::string& key, const SipMessage& request) {
+    const int64_t asked = request.expires().value_or(kDefaultWatcherExpires);
+    if (asked > 0 && asked < config_.minSubscriptionExpires) {
+        respond(key, request, 423, {}, {{"Min-Expires", std::to_string(config_.minSubscriptionExpires)}});
+        return std::nullopt;
+    }
+    return std::min<int64_t>(asked, config_.maxSubscriptionExpires);
+}
+
 std::string UserAgent::Impl::presenceDocument(const Line& line, const SipTarget& toward) const {
     return buildPresenceDocument(addressOfRecord(line, toward), line.presence.status);
 }
@@ -60,12 +69,9 @@ void UserAgent::Impl::onSubscribeRequest(const std::string& key, const SipMessag
         respond(key, request, 400, "Missing Contact");
         return;
     }
-    int64_t expires = request.expires().value_or(kDefaultWatcherExpires);
-    if (expires > 0 && expires < config_.minSubscriptionExpires) {
-        respond(key, request, 423, {}, {{"Min-Expires", std::to_string(config_.minSubscriptionExpires)}});
-        return;
-    }
-    expires = std::min<int64_t>(expires, config_.maxSubscriptionExpires);
+    const auto granted = watcherExpires(key, request);
+    if (!granted) return;
+    const int64_t expires = *granted;
     const int lineId = line->id;
     WatcherRequest ask;
     ask.line = lineId;
@@ -121,12 +127,9 @@ void UserAgent::Impl::onWatcherSubscribe(Watcher& w, const std::string& key, con
         respond(key, request, 500, "Out of Order");
         return;
     }
-    int64_t expires = request.expires().value_or(kDefaultWatcherExpires);
-    if (expires > 0 && expires < config_.minSubscriptionExpires) {
-        respond(key, request, 423, {}, {{"Min-Expires", std::to_string(config_.minSubscriptionExpires)}});
-        return;
-    }
-    expires = std::min<int64_t>(expires, config_.maxSubscriptionExpires);
+    const auto granted = watcherExpires(key, request);
+    if (!granted) return;
+    const int64_t expires = *granted;
     if (cseq) w.dialog.remoteCseq = cseq->number;
     if (const auto contact = NameAddr::parse(request.header("Contact").value_or(""))) {
         w.dialog.remoteTarget = contact->uri;

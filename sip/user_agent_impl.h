@@ -202,6 +202,8 @@ private:
     void onSubscribeRequest(const std::string& key, const SipMessage& request, const SipTarget& source);
     void onWatcherSubscribe(Watcher& watcher, const std::string& key, const SipMessage& request);
     [[nodiscard]] Watcher* findWatcherByDialog(const SipMessage& request);
+    // The expiry a watcher's SUBSCRIBE gets; none after a 423 was sent.
+    [[nodiscard]] std::optional<int64_t> watcherExpires(const std::string& key, const SipMessage& request);
     [[nodiscard]] std::string presenceDocument(const Line& line, const SipTarget& toward) const;
     void notifyWatcher(Watcher& watcher, const std::string& subscriptionState);
     void endWatcher(int id, const std::string& reason);

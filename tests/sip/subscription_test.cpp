@@ -4,8 +4,6 @@
 // unsubscribing; and the unsolicited message-summary NOTIFY.
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 #include "support/virtual_user_agent.h"
 
 namespace kelsip {
@@ -13,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class Events : public UserAgentListener {
+class Events : public UserAgentListener, public test::EventLines {
 public:
     void onSubscriptionState(const SubscriptionInfo& s) override {
         add("state " + s.state + (s.reason.empty() ? "" : " " + s.reason) +
@@ -22,18 +20,6 @@ public:
     void onSubscriptionBody(int id, const std::string& event, const std::string& body) override {
         add("body " + std::to_string(id) + " " + event + " " + body.substr(0, body.find('\r')));
     }
-    void add(const std::string& e) {
-        std::lock_guard lock(mutex_);
-        events_.push_back(e);
-    }
-    std::vector<std::string> take() {
-        std::lock_guard lock(mutex_);
-        return std::exchange(events_, {});
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> events_;
 };
 
 constexpr std::string_view kSummary = "Messages-Waiting: yes\r\nVoice-Message: 2/8 (0/2)\r\n";

@@ -3,8 +3,6 @@
 // messages that arrive.
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 #include "sip/digest.h"
 #include "support/virtual_user_agent.h"
 
@@ -13,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class Inbox : public UserAgentListener {
+class Inbox : public UserAgentListener, public test::EventLines {
 public:
     void onMessage(int line, const std::string& from, const std::string& type, const std::string& body) override {
         add("in " + std::to_string(line) + " " + from + " " + type + " " + body);
@@ -21,18 +19,6 @@ public:
     void onMessageResult(int id, int code, const std::string& reason) override {
         add("result " + std::to_string(id) + " " + std::to_string(code) + " " + reason);
     }
-    void add(const std::string& e) {
-        std::lock_guard lock(mutex_);
-        events_.push_back(e);
-    }
-    std::vector<std::string> take() {
-        std::lock_guard lock(mutex_);
-        return std::exchange(events_, {});
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> events_;
 };
 
 class MessageTest : public test::VirtualUserAgentTest {

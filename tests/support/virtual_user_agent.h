@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "sip/event_loop.h"
@@ -15,6 +16,23 @@
 #include "support/wait.h"
 
 namespace kelsip::test {
+
+// What a test's listener heard, as lines, taken in arrival order.
+class EventLines {
+public:
+    void add(const std::string& line) {
+        std::lock_guard lock(mutex_);
+        lines_.push_back(line);
+    }
+    std::vector<std::string> take() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(lines_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
 
 class VirtualUserAgentTest : public ::testing::Test {
 protected:
