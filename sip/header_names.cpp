@@ -41,6 +41,7 @@ constexpr std::array kKnown = std::to_array<KnownHeader>({
     {"Reply-To", kList},
     {"Refer-To"},
     {"Priority"},
+    {"SIP-ETag"},
     {"Identity"},
     {"Supported", kList},
     {"Call-Info", kList},
@@ -59,6 +60,7 @@ constexpr std::array kKnown = std::to_array<KnownHeader>({
     {"Allow-Events", kList},
     {"MIME-Version"},
     {"Organization"},
+    {"SIP-If-Match"},
     {"Proxy-Require", kList},
     {"Service-Route", kList},
     {"Authorization"},
@@ -81,8 +83,8 @@ constexpr std::array kKnown = std::to_array<KnownHeader>({
 });
 
 // Spellings that the capitalising rule would not produce.
-constexpr std::array<std::string_view, 7> kIrregular{"Call-ID", "CSeq", "WWW-Authenticate", "MIME-Version",
-                                                     "RAck",    "RSeq", "Min-SE"};
+constexpr std::array<std::string_view, 9> kIrregular{"Call-ID", "CSeq",   "WWW-Authenticate", "MIME-Version", "RAck",
+                                                     "RSeq",    "Min-SE", "SIP-ETag",         "SIP-If-Match"};
 
 struct Compact {
     char letter;

@@ -297,7 +297,7 @@ TEST(SipMessageTest, CanonicalNamesFollowTheCompactAndIrregularTables) {
         {"CSEQ", "CSeq"}, {"www-authenticate", "WWW-Authenticate"}, {"Mime-Version", "MIME-Version"},
         {"RACK", "RAck"}, {"rseq", "RSeq"}, {"x-my-header", "X-My-Header"}, {"X-MY-HEADER", "X-My-Header"},
         {" proxy-authorization ", "Proxy-Authorization"}, {"record-route", "Record-Route"}, {"-x-", "-X-"},
-        {"min-se", "Min-SE"},
+        {"min-se", "Min-SE"}, {"sip-etag", "SIP-ETag"}, {"Sip-If-Match", "SIP-If-Match"},
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(canonicalHeaderName(in), out) << in;
 }
