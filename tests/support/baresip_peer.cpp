@@ -3,6 +3,8 @@
 #include "support/baresip_peer.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <map>
 
 #include "support/free_port.h"
@@ -175,6 +177,57 @@ std::string member(const std::map<std::string, std::string>& members, const std:
     return it == members.end() ? std::string() : it->second;
 }
 
+// One SIP message of its trace (baresip -s): a coloured "#", a line
+// "UDP 127.0.0.1:A -> 127.0.0.1:B", the message, the colour reset.
+std::vector<std::string> tracedSipMessages(const std::string& log) {
+    static constexpr std::string_view kStart = "\x1b[36;1m#\n";
+    static constexpr std::string_view kEnd = "\x1b[;m";
+    std::vector<std::string> out;
+    for (size_t at = log.find(kStart); at != std::string::npos; at = log.find(kStart, at)) {
+        const size_t route = at + kStart.size();
+        const size_t text = log.find('\n', route);
+        if (text == std::string::npos) break;
+        const size_t end = log.find(kEnd, text);
+        if (end == std::string::npos) break;
+        std::string message;
+        for (size_t i = text + 1; i < end; ++i) {
+            if (log[i] != '\r') message += log[i];
+        }
+        out.push_back(std::move(message));
+        at = end;
+    }
+    return out;
+}
+
+// The first value of a header of a traced message, empty when absent.
+std::string tracedHeader(const std::string& message, std::string_view name) {
+    const size_t headEnd = message.find("\n\n");
+    size_t at = message.find('\n');
+    while (at != std::string::npos && at < headEnd) {
+        const size_t lineEnd = message.find('\n', at + 1);
+        const std::string_view line(message.data() + at + 1, (lineEnd == std::string::npos ? message.size() : lineEnd) - at - 1);
+        const size_t colon = line.find(':');
+        bool same = colon == name.size();
+        for (size_t i = 0; same && i < colon; ++i) {
+            same = std::tolower(static_cast<unsigned char>(line[i])) == std::tolower(static_cast<unsigned char>(name[i]));
+        }
+        if (same) {
+            const size_t value = line.find_first_not_of(' ', colon + 1);
+            return value == std::string_view::npos ? std::string() : std::string(line.substr(value));
+        }
+        at = lineEnd;
+    }
+    return {};
+}
+
+// The URI of a name-addr ("\"Bob\" <sip:bob@h>;tag=x" gives sip:bob@h).
+std::string addressUri(const std::string& value) {
+    const size_t open = value.find('<');
+    const size_t close = value.find('>', open);
+    if (open != std::string::npos && close != std::string::npos) return value.substr(open + 1, close - open - 1);
+    return value.substr(0, value.find(';'));
+}
+
 }  // namespace
 
 BaresipPeer::BaresipPeer() = default;
@@ -225,7 +278,8 @@ std::string BaresipPeer::config(const std::string& modules, const std::filesyste
            "module g711.so\n"
            "module aufile.so\n"
            "module aubridge.so\n"
-           "module sndfile.so\n"
+           "module sndfile.so\n" +
+           std::string(options_.contacts.empty() ? "" : "module contact.so\n") +
            "module_tmp account.so\n"
            "module_app menu.so\n"
            "module_app ctrl_tcp.so\n"
@@ -278,7 +332,9 @@ bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
     }
     // Accounts come through ctrl_tcp once it is connected, so that no
     // registration event is sent before anyone listens.
-    if (!writeTextFile(dir_.file("accounts"), "") || !writeTextFile(dir_.file("contacts"), "")) {
+    std::string contacts;
+    for (const std::string& contact : options.contacts) contacts += contact + "\n";
+    if (!writeTextFile(dir_.file("accounts"), "") || !writeTextFile(dir_.file("contacts"), contacts)) {
         *error = "cannot write into " + dir_.path().string();
         return false;
     }
@@ -492,6 +548,9 @@ bool BaresipPeer::sendDigits(std::string_view digits, std::string* error) {
 bool BaresipPeer::transfer(std::string_view uri, std::string* error) {
     return command("transfer", uri, error).has_value();
 }
+bool BaresipPeer::sendMessage(std::string_view text, std::string* error) {
+    return command("message", text, error).has_value();
+}
 
 std::optional<BaresipEvent> BaresipPeer::waitForEvent(std::initializer_list<std::string_view> types,
                                                       std::chrono::milliseconds timeout) {
@@ -533,6 +592,44 @@ std::string BaresipPeer::receivedDigits() {
         if (e.type == "CALL_DTMF_START") digits += e.param;
     }
     return digits;
+}
+
+std::vector<BaresipMessage> BaresipPeer::receivedMessages() const {
+    std::vector<BaresipMessage> out;
+    std::vector<std::string> seen;
+    const std::string own = aor();
+    for (const std::string& m : tracedSipMessages(log())) {
+        // Its own MESSAGEs are traced too: they come from its account.
+        if (m.rfind("MESSAGE ", 0) != 0 || addressUri(tracedHeader(m, "From")) == own) continue;
+        const std::string key = tracedHeader(m, "Call-ID") + " " + tracedHeader(m, "CSeq");
+        if (std::find(seen.begin(), seen.end(), key) != seen.end()) continue;
+        seen.push_back(key);
+        const size_t body = m.find("\n\n");
+        out.push_back({addressUri(tracedHeader(m, "From")), tracedHeader(m, "Content-Type"),
+                       body == std::string::npos ? std::string() : m.substr(body + 2)});
+    }
+    return out;
+}
+
+std::vector<int> BaresipPeer::messageAnswers() const {
+    std::vector<int> out;
+    std::vector<std::string> seen;
+    const std::string own = aor();
+    for (const std::string& m : tracedSipMessages(log())) {
+        // Answers to its own requests name its account in From; those it
+        // gives to others' MESSAGEs name the sender.
+        const std::string cseq = tracedHeader(m, "CSeq");
+        if (m.rfind("SIP/2.0 ", 0) != 0 || cseq.find(" MESSAGE") == std::string::npos ||
+            addressUri(tracedHeader(m, "From")) != own) {
+            continue;
+        }
+        const int status = std::atoi(m.c_str() + 8);
+        const std::string key = tracedHeader(m, "Call-ID") + " " + cseq + " " + std::to_string(status);
+        if (status < 200 || std::find(seen.begin(), seen.end(), key) != seen.end()) continue;
+        seen.push_back(key);
+        out.push_back(status);
+    }
+    return out;
 }
 
 std::optional<std::string> BaresipPeer::audioDirection() {

@@ -42,6 +42,12 @@
 //   caller's copy).
 // - Recordings are named by the second the call's audio started: two calls
 //   of one phone that start within the same second share one file.
+// - Instant messages: "message TEXT" (the contact module) sends a MESSAGE
+//   with text/plain to the current contact, the first in the contacts file
+//   of a fresh configuration; it answers a challenge with the account's
+//   password. A MESSAGE that arrives is answered 200 but raises no
+//   ctrl_tcp event and leaves no line in its log: the SIP trace is the one
+//   place that shows it.
 #pragma once
 
 #include <chrono>
@@ -83,8 +89,19 @@ struct BaresipOptions {
     // out baresip ends the call, so it must outlast the call. Empty: 60 s of
     // silence.
     std::filesystem::path audioSource;
-    // Every SIP message in log() (baresip -s).
+    // Every SIP message in log() (baresip -s); receivedMessages() and
+    // messageAnswers() read it.
     bool sipTrace = true;
+    // Its address book ("\"Alice\" <sip:alice@example.com>"); the first is
+    // whom sendMessage() writes to. Empty: no contact module.
+    std::vector<std::string> contacts;
+};
+
+// A MESSAGE that reached baresip, once however often it was sent.
+struct BaresipMessage {
+    std::string from;         // the From header's URI
+    std::string contentType;
+    std::string body;
 };
 
 // One event as baresip sent it; missing members are empty.
@@ -143,6 +160,8 @@ public:
     [[nodiscard]] bool sendDigits(std::string_view digits, std::string* error = nullptr);
     // Blind transfer of the current call: REFER to `uri`.
     [[nodiscard]] bool transfer(std::string_view uri, std::string* error = nullptr);
+    // MESSAGE with `text` (text/plain) to the first of the options' contacts.
+    [[nodiscard]] bool sendMessage(std::string_view text, std::string* error = nullptr);
     // Any ctrl_tcp command; the text it answered, or nothing when it
     // failed (its text then in `error`) or did not answer within 5 s.
     std::optional<std::string> command(std::string_view name, std::string_view params = {},
@@ -165,6 +184,11 @@ public:
     [[nodiscard]] std::vector<BaresipEvent> events();
     // The digits of every CALL_DTMF_START so far.
     [[nodiscard]] std::string receivedDigits();
+    // The MESSAGEs that reached it so far, oldest first (needs sipTrace).
+    [[nodiscard]] std::vector<BaresipMessage> receivedMessages() const;
+    // The final answers to the MESSAGEs it sent ("407", "200"), each once,
+    // in the order they came (needs sipTrace).
+    [[nodiscard]] std::vector<int> messageAnswers() const;
     // The current call's audio direction ("sendrecv", "sendonly",
     // "recvonly", "inactive"); nothing without a call.
     [[nodiscard]] std::optional<std::string> audioDirection();
