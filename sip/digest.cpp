@@ -7,6 +7,7 @@
 #include <random>
 
 #include "sip/md5.h"
+#include "sip/message.h"
 #include "sip/platform/system.h"
 #include "sip/text.h"
 
@@ -195,6 +196,15 @@ std::string buildAuthorization(const DigestChallenge& challenge, DigestRequest& 
 
 std::string_view authorizationHeaderName(const DigestChallenge& challenge) {
     return challenge.proxy ? "Proxy-Authorization" : "Authorization";
+}
+
+std::optional<DigestChallenge> challengeOf(const SipMessage& response) {
+    const bool proxy = response.statusCode == 407;
+    if (!proxy && response.statusCode != 401) return std::nullopt;
+    for (const std::string& value : response.headers(proxy ? "Proxy-Authenticate" : "WWW-Authenticate")) {
+        if (auto challenge = parseChallenge(value, proxy)) return challenge;
+    }
+    return std::nullopt;
 }
 
 }  // namespace kelsip

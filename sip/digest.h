@@ -10,6 +10,8 @@
 
 namespace kelsip {
 
+class SipMessage;
+
 // What a WWW-Authenticate or Proxy-Authenticate value asked for. Every
 // member has an initializer, so that callers name only the fields they set.
 struct DigestChallenge {
@@ -58,6 +60,11 @@ struct AuthParam {
 // `challenge`. Makes `request.cnonce` when the answer needs one and it is
 // still empty, so that later requests under the same nonce reuse it.
 [[nodiscard]] std::string buildAuthorization(const DigestChallenge& challenge, DigestRequest& request);
+
+// The first challenge of a 401 (WWW-Authenticate) or a 407
+// (Proxy-Authenticate) that the stack can answer; absent for any other
+// answer, or when none of its challenges will do.
+[[nodiscard]] std::optional<DigestChallenge> challengeOf(const SipMessage& response);
 
 // "Proxy-Authorization" for a proxy's challenge, else "Authorization".
 [[nodiscard]] std::string_view authorizationHeaderName(const DigestChallenge& challenge);

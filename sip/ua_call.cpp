@@ -217,14 +217,7 @@ void UserAgent::Impl::sendInvite(Call& call) {
     m.addHeader("User-Agent", config_.userAgent);
     addSessionHeaders(call, m);
     for (const auto& [name, value] : call.extraHeaders) m.addHeader(name, value);
-    if (call.challenge) {
-        call.digest.username = line->config.authUser.empty() ? line->config.user : line->config.authUser;
-        call.digest.password = line->config.password;
-        call.digest.method = "INVITE";
-        call.digest.uri = m.requestUri.toString();
-        ++call.digest.nonceCount;
-        m.addHeader(authorizationHeaderName(*call.challenge), buildAuthorization(*call.challenge, call.digest));
-    }
+    if (call.challenge) addCredentials(m, line->config, *call.challenge, call.digest);
     m.addHeader("Content-Type", "application/sdp");
     m.body = buildOffer(call, MediaDirection::SendRecv);
     call.invite = m;
@@ -293,18 +286,14 @@ void UserAgent::Impl::onInviteResponse(int id, const SipMessage* response) {
         sendInvite(call);
         return;
     }
-    if ((code == 401 || code == 407) && call.authAttempts < 2 && !call.cancelWanted) {
-        const std::string_view header = code == 401 ? "WWW-Authenticate" : "Proxy-Authenticate";
-        for (const std::string& value : response->headers(header)) {
-            if (auto challenge = parseChallenge(value, code == 407)) {
-                ++call.authAttempts;
-                call.challenge = std::move(*challenge);
-                call.digest.nonceCount = 0;
-                call.dialog.remoteTag.clear();
-                sendInvite(call);
-                return;
-            }
-        }
+    auto challenge = response != nullptr ? challengeOf(*response) : std::nullopt;
+    if (challenge && call.authAttempts < 2 && !call.cancelWanted) {
+        ++call.authAttempts;
+        call.challenge = std::move(*challenge);
+        call.digest.nonceCount = 0;
+        call.dialog.remoteTag.clear();
+        sendInvite(call);
+        return;
     }
     if (code == 422 && call.sessionRetries < 2 && !call.cancelWanted) {
         // Session interval too small: ask again with the far end's minimum.

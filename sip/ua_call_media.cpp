@@ -145,14 +145,7 @@ void UserAgent::Impl::sendReoffer(Call& call) {
     // A proxy that challenged an INVITE of this call may challenge each
     // re-INVITE too: the credentials it took last time go along.
     const Line* line = findLine(call.line);
-    if (call.challenge && line != nullptr) {
-        call.digest.username = line->config.authUser.empty() ? line->config.user : line->config.authUser;
-        call.digest.password = line->config.password;
-        call.digest.method = "INVITE";
-        call.digest.uri = invite.requestUri.toString();
-        ++call.digest.nonceCount;
-        invite.addHeader(authorizationHeaderName(*call.challenge), buildAuthorization(*call.challenge, call.digest));
-    }
+    if (call.challenge && line != nullptr) addCredentials(invite, line->config, *call.challenge, call.digest);
     invite.addHeader("Content-Type", "application/sdp");
     invite.body = buildOffer(call, call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv);
     const int id = call.id;
@@ -170,16 +163,13 @@ void UserAgent::Impl::sendReoffer(Call& call) {
         if (c->reofferKey.empty()) return;  // a 2xx retransmission after we finished
         c->reofferKey.clear();
         const int code = r != nullptr ? r->statusCode : 408;
-        if ((code == 401 || code == 407) && c->authAttempts < 2) {
-            for (const std::string& value : r->headers(code == 401 ? "WWW-Authenticate" : "Proxy-Authenticate")) {
-                if (auto challenge = parseChallenge(value, code == 407)) {
-                    ++c->authAttempts;
-                    c->challenge = std::move(*challenge);
-                    c->digest.nonceCount = 0;
-                    sendReoffer(*c);
-                    return;
-                }
-            }
+        auto challenge = r != nullptr ? challengeOf(*r) : std::nullopt;
+        if (challenge && c->authAttempts < 2) {
+            ++c->authAttempts;
+            c->challenge = std::move(*challenge);
+            c->digest.nonceCount = 0;
+            sendReoffer(*c);
+            return;
         }
         log::warn(kTag, callPrefix(*c) + ": re-offer rejected with " + std::to_string(code));
         if (code == 491) {

@@ -104,27 +104,18 @@ void UserAgent::Impl::onOutgoingAnswer(int id, const SipMessage* response) {
         return;
     }
     const Line* line = findLine(o.line);
-    if ((code == 401 || code == 407) && o.attempts < 2 && line != nullptr) {
-        const std::string_view header = code == 401 ? "WWW-Authenticate" : "Proxy-Authenticate";
-        for (const std::string& value : response->headers(header)) {
-            auto challenge = parseChallenge(value, code == 407);
-            if (!challenge) continue;
-            ++o.attempts;
-            const auto cseq = o.request.cseq();
-            const uint32_t number = cseq ? cseq->number + 1 : 1;
-            (void)o.request.replaceHeader("CSeq", 0, std::to_string(number) + " " + o.request.method);
-            o.request.removeHeader("Authorization");
-            o.request.removeHeader("Proxy-Authorization");
-            o.challenge = std::move(*challenge);
-            o.digest.username = line->config.authUser.empty() ? line->config.user : line->config.authUser;
-            o.digest.password = line->config.password;
-            o.digest.method = o.request.method;
-            o.digest.uri = o.request.requestUri.toString();
-            ++o.digest.nonceCount;
-            o.request.addHeader(authorizationHeaderName(*o.challenge), buildAuthorization(*o.challenge, o.digest));
-            transmitOutgoing(o);
-            return;
-        }
+    auto challenge = response != nullptr ? challengeOf(*response) : std::nullopt;
+    if (challenge && o.attempts < 2 && line != nullptr) {
+        ++o.attempts;
+        const auto cseq = o.request.cseq();
+        const uint32_t number = cseq ? cseq->number + 1 : 1;
+        (void)o.request.replaceHeader("CSeq", 0, std::to_string(number) + " " + o.request.method);
+        o.request.removeHeader("Authorization");
+        o.request.removeHeader("Proxy-Authorization");
+        o.challenge = std::move(*challenge);
+        addCredentials(o.request, line->config, *o.challenge, o.digest);
+        transmitOutgoing(o);
+        return;
     }
     finishOutgoing(id, code, response != nullptr ? response->reason : "Request Timeout", response);
 }

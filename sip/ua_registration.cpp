@@ -237,14 +237,7 @@ SipMessage UserAgent::Impl::buildRegister(Line& line) {
     m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
     m.addHeader("User-Agent", config_.userAgent);
     if (c.push.set()) m.addHeader("Feature-Caps", "*;+sip.pns=\"" + c.push.provider + "\"");
-    if (line.challenge) {
-        line.digest.username = c.authUser.empty() ? c.user : c.authUser;
-        line.digest.password = c.password;
-        line.digest.method = "REGISTER";
-        line.digest.uri = m.requestUri.toString();
-        ++line.digest.nonceCount;
-        m.addHeader(authorizationHeaderName(*line.challenge), buildAuthorization(*line.challenge, line.digest));
-    }
+    if (line.challenge) addCredentials(m, c, *line.challenge, line.digest);
     return m;
 }
 
@@ -279,17 +272,12 @@ void UserAgent::Impl::onRegisterAnswer(int id, const SipMessage* response) {
         onRegistered(line, *response);
         return;
     }
-    if ((code == 401 || code == 407) && line.attempts < 2) {
-        const std::string_view header = code == 401 ? "WWW-Authenticate" : "Proxy-Authenticate";
-        for (const std::string& value : response->headers(header)) {
-            if (auto challenge = parseChallenge(value, code == 407)) {
-                ++line.attempts;
-                line.challenge = std::move(*challenge);
-                line.digest.nonceCount = 0;
-                sendRegister(line);
-                return;
-            }
-        }
+    if (auto challenge = challengeOf(*response); challenge && line.attempts < 2) {
+        ++line.attempts;
+        line.challenge = std::move(*challenge);
+        line.digest.nonceCount = 0;
+        sendRegister(line);
+        return;
     }
     if (code == 423 && line.attempts < 3) {
         const auto minExpires = parseHeaderInteger(response->header("Min-Expires").value_or(""));

@@ -243,14 +243,7 @@ void UserAgent::Impl::sendSubscribeInDialog(Subscription& s, int expires) {
     m.addHeader("Expires", std::to_string(expires));
     if (const auto accept = acceptFor(s.event); !accept.empty()) m.addHeader("Accept", accept);
     m.addHeader("User-Agent", config_.userAgent);
-    if (s.challenge && line != nullptr) {
-        s.digest.username = line->config.authUser.empty() ? line->config.user : line->config.authUser;
-        s.digest.password = line->config.password;
-        s.digest.method = "SUBSCRIBE";
-        s.digest.uri = m.requestUri.toString();
-        ++s.digest.nonceCount;
-        m.addHeader(authorizationHeaderName(*s.challenge), buildAuthorization(*s.challenge, s.digest));
-    }
+    if (s.challenge && line != nullptr) addCredentials(m, line->config, *s.challenge, s.digest);
     const int id = s.id;
     s.refreshKey = transactions_->sendRequest(
         m, target, [this, id, expires](const SipMessage* r) { onSubscribeRefreshAnswer(id, r, expires); });
@@ -263,17 +256,13 @@ void UserAgent::Impl::onSubscribeRefreshAnswer(int id, const SipMessage* respons
     if (response != nullptr && response->statusCode < 200) return;
     s.refreshKey.clear();
     const int code = response != nullptr ? response->statusCode : 408;
-    if ((code == 401 || code == 407) && s.authAttempts < 2) {
-        const std::string_view header = code == 401 ? "WWW-Authenticate" : "Proxy-Authenticate";
-        for (const std::string& value : response->headers(header)) {
-            if (auto challenge = parseChallenge(value, code == 407)) {
-                ++s.authAttempts;
-                s.challenge = std::move(*challenge);
-                s.digest.nonceCount = 0;
-                sendSubscribeInDialog(s, s.unsubscribing ? 0 : expiresAsked);
-                return;
-            }
-        }
+    auto challenge = response != nullptr ? challengeOf(*response) : std::nullopt;
+    if (challenge && s.authAttempts < 2) {
+        ++s.authAttempts;
+        s.challenge = std::move(*challenge);
+        s.digest.nonceCount = 0;
+        sendSubscribeInDialog(s, s.unsubscribing ? 0 : expiresAsked);
+        return;
     }
     s.authAttempts = 0;
     if (s.unsubscribing) {

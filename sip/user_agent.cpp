@@ -158,6 +158,16 @@ std::string UserAgent::Impl::randomToken(size_t length) {
     return out;
 }
 
+void UserAgent::Impl::addCredentials(SipMessage& request, const LineConfig& account, const DigestChallenge& challenge,
+                                     DigestRequest& digest) {
+    digest.username = account.authUser.empty() ? account.user : account.authUser;
+    digest.password = account.password;
+    digest.method = request.method;
+    digest.uri = request.requestUri.toString();
+    ++digest.nonceCount;
+    request.addHeader(authorizationHeaderName(challenge), buildAuthorization(challenge, digest));
+}
+
 std::string UserAgent::Impl::contactHost(const SipTarget& target) const {
     // The address the system would send from towards this target, with the
     // port our transport of that kind listens on.

@@ -116,6 +116,10 @@ private:
     [[nodiscard]] std::string viaFor(const SipTarget& target) const;
     [[nodiscard]] std::string contactHost(const SipTarget& target) const;
     [[nodiscard]] std::string randomToken(size_t length);
+    // Signs `request` with the account's credentials for `challenge`; each
+    // signed request counts one more use of the nonce.
+    static void addCredentials(SipMessage& request, const LineConfig& account, const DigestChallenge& challenge,
+                               DigestRequest& digest);
     // Requests within any dialog, a call's or a subscription's.
     [[nodiscard]] SipMessage buildDialogRequest(Dialog& dialog, std::string_view method, const SipTarget& target);
     [[nodiscard]] static SipTarget dialogTarget(const Dialog& dialog, const SipTarget& fallback);
