@@ -1,9 +1,11 @@
 // Digest authentication: challenges read, responses computed, credentials written.
 #include "sip/digest.h"
+#include "sip/message.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace kelsip {
 namespace {
@@ -97,6 +99,34 @@ TEST(DigestTest, AProxyChallengeIsAnsweredInProxyAuthorization) {
     EXPECT_TRUE(proxy->proxy);
     EXPECT_EQ(authorizationHeaderName(*proxy), "Proxy-Authorization");
     EXPECT_EQ(authorizationHeaderName(DigestChallenge{}), "Authorization");
+}
+
+TEST(DigestTest, TakesTheFirstUsableChallengeOfTheAnswersHeader) {
+    struct Case {
+        int code;
+        std::vector<std::pair<std::string, std::string>> headers;
+        std::string nonce;  // of the challenge taken; empty: none
+        bool proxy;
+    };
+    const Case cases[] = {
+        {401, {{"WWW-Authenticate", "Basic realm=\"r\""}, {"WWW-Authenticate", "Digest nonce=\"n2\""}}, "n2", false},
+        {401, {{"WWW-Authenticate", "Digest nonce=\"n1\", algorithm=SHA-256"}}, "", false},
+        {407, {{"Proxy-Authenticate", "Digest nonce=\"p1\""}}, "p1", true},
+        // The header the code does not name is not read.
+        {407, {{"WWW-Authenticate", "Digest nonce=\"w1\""}}, "", false},
+        {403, {{"WWW-Authenticate", "Digest nonce=\"x\""}}, "", false},
+    };
+    for (const Case& c : cases) {
+        SipMessage response;
+        response.statusCode = c.code;
+        for (const auto& [name, value] : c.headers) response.addHeader(name, value);
+        const auto challenge = challengeOf(response);
+        SCOPED_TRACE(c.code);
+        ASSERT_EQ(challenge.has_value(), !c.nonce.empty());
+        if (!challenge) continue;
+        EXPECT_EQ(challenge->nonce, c.nonce);
+        EXPECT_EQ(challenge->proxy, c.proxy);
+    }
 }
 
 TEST(DigestTest, WritesCredentialsExactly) {
