@@ -225,29 +225,14 @@ protected:
     }
 
     void startAlice() {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = 0;
+        UserAgentConfig config = loopbackConfig();
         // Away from the default range, which a benchmark on the same machine may hold.
         config.rtpPortMin = 52000;
         config.rtpPortMax = 53999;
-        ua_ = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua_->start(&error)) << error;
-        ua_->setListener(events_);
-        LineConfig line;
-        line.user = "alice";
-        line.password = "secret";
-        line.domain = kamailio_->hostPort();
-        line.outboundProxy = "sip:" + kamailio_->hostPort();
-        line.transport = GetParam();
-        line.reregisterOnFailure = false;
-        line_ = ua_->addLine(line);
+        ua_ = startLoopbackUserAgent(config, events_);
+        ASSERT_TRUE(ua_);
+        line_ = registerAlice(*ua_, *kamailio_, GetParam());
         ASSERT_GT(line_, 0);
-        ASSERT_TRUE(ua_->registerLine(line_));
-        ASSERT_TRUE(waitFor([&] { return ua_->registrationState(line_) == RegistrationState::Registered; }, 5s))
-            << toString(ua_->registrationState(line_));
     }
 
     void startBoth(bool autoAnswer = true) {
@@ -320,16 +305,13 @@ TEST_P(CallInteropTest, BlindTransferSendsBaresipOnToAThirdPhone) {
     ASSERT_NO_FATAL_FAILURE(startBoth());
     // Carol: a phone of ours that is reached directly; Kamailio relays
     // baresip's INVITE to her address.
-    UserAgentConfig config;
-    config.bindAddress = "127.0.0.1";
-    config.udpPort = 0;
-    config.tcpPort = 0;
+    UserAgentConfig config = loopbackConfig();
     config.rtpPortMin = 54000;
     config.rtpPortMax = 54999;
-    UserAgent carol(config);
-    ASSERT_TRUE(carol.start());
     auto carolEvents = std::make_shared<CallEvents>();
-    carol.setListener(carolEvents);
+    const auto carolAgent = startLoopbackUserAgent(config, carolEvents);
+    ASSERT_TRUE(carolAgent);
+    UserAgent& carol = *carolAgent;
     LineConfig line;
     line.user = "carol";
     (void)carol.addLine(line);

@@ -75,16 +75,10 @@ protected:
     // A user agent on loopback in real time; `t1Ms` shortens UDP time-outs
     // (64 x T1) where a test waits for one.
     void startUserAgent(int64_t t1Ms = 500, std::vector<net::SocketAddress> dns = {}) {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = 0;
-        config.timers.t1Ms = t1Ms;
+        UserAgentConfig config = loopbackConfig(true, t1Ms);
         config.dnsServers = std::move(dns);
-        ua = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua->start(&error)) << error;
-        ua->setListener(events);
+        ua = startLoopbackUserAgent(config, events);
+        ASSERT_TRUE(ua);
     }
 
     // A line of the domain, not registered.
@@ -147,19 +141,9 @@ protected:
     }
 
     void startAlice() {
-        startUserAgent();
-        LineConfig line;
-        line.user = "alice";
-        line.password = "secret";
-        line.domain = kamailio_->hostPort();
-        line.outboundProxy = "sip:" + kamailio_->hostPort();
-        line.transport = GetParam();
-        line.reregisterOnFailure = false;
-        line_ = ua->addLine(line);
+        ASSERT_NO_FATAL_FAILURE(startUserAgent());
+        line_ = registerAlice(*ua, *kamailio_, GetParam());
         ASSERT_GT(line_, 0);
-        ASSERT_TRUE(ua->registerLine(line_));
-        ASSERT_TRUE(waitFor([&] { return ua->registrationState(line_) == RegistrationState::Registered; }, 5s))
-            << toString(ua->registrationState(line_));
     }
 
     [[nodiscard]] std::string aliceAor() const { return "sip:alice@" + kamailio_->hostPort(); }

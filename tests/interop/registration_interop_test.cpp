@@ -42,16 +42,10 @@ protected:
     // A user agent on loopback in real time; `t1Ms` shortens UDP time-outs
     // (64 x T1) where a test waits for one.
     void startUserAgent(int64_t t1Ms = 500, std::vector<net::SocketAddress> dns = {}) {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = 0;
-        config.timers.t1Ms = t1Ms;
+        UserAgentConfig config = loopbackConfig(true, t1Ms);
         config.dnsServers = std::move(dns);
-        ua = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua->start(&error)) << error;
-        ua->setListener(recorder);
+        ua = startLoopbackUserAgent(config, recorder);
+        ASSERT_TRUE(ua);
     }
 
     int addLine(const std::string& domain, TransportKind transport = TransportKind::Udp, int expires = 3600,

@@ -98,14 +98,8 @@ class SubscriptionSippTest : public test::InteropTest {
 protected:
     // Alice on UDP; with a domain her presence is published there.
     void startAlice(const std::string& domain = "") {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
-        ua = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua->start(&error)) << error;
-        ua->setListener(events);
+        ua = startLoopbackUserAgent(loopbackConfig(false), events);
+        ASSERT_TRUE(ua);
         LineConfig line;
         line.user = "alice";
         line.domain = domain;

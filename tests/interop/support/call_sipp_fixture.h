@@ -73,15 +73,10 @@ class CallSippFixture : public InteropTest {
 protected:
     // Alice on UDP, with `adjust` applied to her configuration.
     void startAlice(const std::function<void(UserAgentConfig&)>& adjust) {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
+        UserAgentConfig config = loopbackConfig(false);
         if (adjust) adjust(config);
-        ua = std::make_unique<UserAgent>(config);
-        std::string error;
-        ASSERT_TRUE(ua->start(&error)) << error;
-        ua->setListener(events);
+        ua = startLoopbackUserAgent(config, events);
+        ASSERT_TRUE(ua);
         LineConfig line;
         line.user = "alice";
         lineId = ua->addLine(line);

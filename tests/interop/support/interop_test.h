@@ -12,9 +12,11 @@
 
 #include "interop/support/kamailio_server.h"
 #include "interop/support/sipp_runner.h"
+#include "sip/user_agent.h"
 #include "support/dnsmasq_server.h"
 #include "support/log_capture.h"
 #include "support/process.h"
+#include "support/wait.h"
 
 namespace kelsip::test {
 
@@ -86,6 +88,51 @@ protected:
     }
 
     [[nodiscard]] LogCapture& logs() { return logs_; }
+
+    // A user agent on loopback in real time: UDP, and TCP unless `tcp` is
+    // false, on free ports. `t1Ms` shortens UDP time-outs (64 x T1).
+    static UserAgentConfig loopbackConfig(bool tcp = true, int64_t t1Ms = 500) {
+        UserAgentConfig config;
+        config.bindAddress = "127.0.0.1";
+        config.udpPort = 0;
+        config.tcpPort = tcp ? 0 : -1;
+        config.timers.t1Ms = t1Ms;
+        return config;
+    }
+    // Started, with its listener set; null after a recorded failure.
+    static std::unique_ptr<UserAgent> startLoopbackUserAgent(const UserAgentConfig& config,
+                                                             std::shared_ptr<UserAgentListener> listener) {
+        auto ua = std::make_unique<UserAgent>(config);
+        std::string error;
+        if (!ua->start(&error)) {
+            ADD_FAILURE() << error;
+            return nullptr;
+        }
+        ua->setListener(std::move(listener));
+        return ua;
+    }
+    // Alice's line at `kamailio`, through it as outbound proxy, registered;
+    // 0 after a recorded failure.
+    static int registerAlice(UserAgent& ua, const KamailioServer& kamailio, TransportKind transport) {
+        LineConfig line;
+        line.user = "alice";
+        line.password = "secret";
+        line.domain = kamailio.hostPort();
+        line.outboundProxy = "sip:" + kamailio.hostPort();
+        line.transport = transport;
+        line.reregisterOnFailure = false;
+        const int id = ua.addLine(line);
+        if (id < 1 || !ua.registerLine(id)) {
+            ADD_FAILURE() << "alice's line was not added";
+            return 0;
+        }
+        if (!waitFor([&] { return ua.registrationState(id) == RegistrationState::Registered; },
+                     std::chrono::seconds(5))) {
+            ADD_FAILURE() << "alice is " << toString(ua.registrationState(id));
+            return 0;
+        }
+        return id;
+    }
 
 private:
     // Declared first so that it outlives everything that logs.
