@@ -3,32 +3,23 @@
 // no-answer cancel, each with its exact schedule and how it ends.
 #include <gtest/gtest.h>
 
-#include "sip/event_loop.h"
-#include "sip/user_agent.h"
-#include "support/log_capture.h"
-#include "support/scripted_peer.h"
-#include "support/wait.h"
+#include "support/virtual_user_agent.h"
 
 namespace kelsip {
 namespace {
 
 using namespace std::chrono_literals;
 
-class CallTimingTest : public ::testing::Test {
+class CallTimingTest : public test::VirtualUserAgentTest {
 protected:
-    CallTimingTest() {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
-        config.clock = clock;
-        config.noAnswerTimeoutMs = 30000;
-        config.rtpPortMin = 43000;
-        config.rtpPortMax = 43999;
-        ua = std::make_unique<UserAgent>(config);
-    }
+    CallTimingTest()
+        : VirtualUserAgentTest([](UserAgentConfig& config) {
+              config.noAnswerTimeoutMs = 30000;
+              config.rtpPortMin = 43000;
+              config.rtpPortMax = 43999;
+          }) {}
     void SetUp() override {
-        ASSERT_TRUE(ua->start());
+        VirtualUserAgentTest::SetUp();
         LineConfig line;
         line.user = "bob";
         lineId = ua->addLine(line);
@@ -55,7 +46,6 @@ protected:
         }, 5s));
         return id;
     }
-    void advance(std::chrono::milliseconds d) { advanceVirtualTime(ua->eventLoop(), *clock, d); }
     [[nodiscard]] int64_t nowMs() const { return clock->nowNs() / 1'000'000; }
     // Moves time on in 100 ms steps for `span`, noting when each response of
     // `code` arrived, relative to `from`.
@@ -68,16 +58,11 @@ protected:
         return at;
     }
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-    std::unique_ptr<UserAgent> ua;
     int lineId = 0;
-    test::ScriptedPeer peer;
-    test::LogCapture logs;
-    test::ScriptedPeer::Pump pump = [this] { ua->eventLoop().runDue(); };
 };
 
 TEST_F(CallTimingTest, TwoHundredRepeatsFromT1DoublingToT2ThenTheCallEndsWithBye) {
-    peer.send(invite(""), ua->localAddress(TransportKind::Udp));
+    toUs(invite(""));
     ASSERT_TRUE(peer.expectResponse(180, pump));
     const int call = incomingCall();
     ASSERT_TRUE(ua->answerCall(call));
@@ -90,7 +75,7 @@ TEST_F(CallTimingTest, TwoHundredRepeatsFromT1DoublingToT2ThenTheCallEndsWithBye
 }
 
 TEST_F(CallTimingTest, TheAckStopsTheRepeats) {
-    peer.send(invite(""), ua->localAddress(TransportKind::Udp));
+    toUs(invite(""));
     ASSERT_TRUE(peer.expectResponse(180, pump));
     ASSERT_TRUE(ua->answerCall(incomingCall()));
     const int64_t answered = nowMs();
@@ -110,7 +95,7 @@ TEST_F(CallTimingTest, TheAckStopsTheRepeats) {
 }
 
 TEST_F(CallTimingTest, ReliableRingingRepeatsDoublingUntilItsPrackOrFailsAt64T1) {
-    peer.send(invite("Supported: 100rel\r\n"), ua->localAddress(TransportKind::Udp));
+    toUs(invite("Supported: 100rel\r\n"));
     const auto ringing = peer.expectResponse(180, pump);
     ASSERT_TRUE(ringing);
     EXPECT_EQ(ringing->header("Require"), "100rel");
@@ -172,7 +157,7 @@ namespace kelsip {
 namespace {
 
 TEST_F(CallTimingTest, APrackStopsTheReliableRingingAndIsAnswered) {
-    peer.send(invite("Supported: 100rel\r\n"), ua->localAddress(TransportKind::Udp));
+    toUs(invite("Supported: 100rel\r\n"));
     const auto ringing = peer.expectResponse(180, pump);
     ASSERT_TRUE(ringing);
     const std::string us = ua->localAddress(TransportKind::Udp).toString();

@@ -8,9 +8,7 @@
 
 #include "sip/address.h"
 #include "sip/digest.h"
-#include "sip/user_agent.h"
-#include "support/log_capture.h"
-#include "support/scripted_peer.h"
+#include "support/virtual_user_agent.h"
 
 namespace kelsip {
 namespace {
@@ -31,19 +29,13 @@ public:
     std::vector<std::string> states;
 };
 
-class RegistrationTest : public ::testing::Test {
+class RegistrationTest : public test::VirtualUserAgentTest {
 protected:
-    RegistrationTest() {
-        UserAgentConfig config;
-        config.bindAddress = "127.0.0.1";
-        config.udpPort = 0;
-        config.tcpPort = -1;
-        config.clock = clock;
-        config.instanceId = "urn:uuid:00000000-0000-4000-8000-000000000001";
-        ua = std::make_unique<UserAgent>(config);
-    }
+    RegistrationTest()
+        : VirtualUserAgentTest(
+              [](UserAgentConfig& config) { config.instanceId = "urn:uuid:00000000-0000-4000-8000-000000000001"; }) {}
     void SetUp() override {
-        ASSERT_TRUE(ua->start());
+        VirtualUserAgentTest::SetUp();
         ua->setListener(listener);
     }
 
@@ -56,7 +48,6 @@ protected:
     std::optional<SipMessage> expectRegister(std::chrono::milliseconds timeout = 5s) {
         return peer.expect("REGISTER", pump, timeout);
     }
-    void advance(std::chrono::milliseconds d) { advanceVirtualTime(ua->eventLoop(), *clock, d); }
     // Runs the loop until the line reaches `state` (answers arrive on the
     // transport's thread, so the loop must be pumped to see them).
     bool reach(int line, RegistrationState state) {
@@ -66,21 +57,9 @@ protected:
         }, 5s);
     }
     // Moves virtual time in steps until a REGISTER comes; returns when it came.
-    std::optional<int64_t> nextRegisterWithin(std::chrono::seconds limit) {
-        const int64_t start = clock->nowNs();
-        for (int64_t s = 0; s <= limit.count(); ++s) {
-            if (peer.expect("REGISTER", pump, 2ms)) return (clock->nowNs() - start) / 1'000'000'000;
-            advance(1s);
-        }
-        return std::nullopt;
-    }
+    std::optional<int64_t> nextRegisterWithin(std::chrono::seconds limit) { return nextWithin("REGISTER", limit); }
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-    std::unique_ptr<UserAgent> ua;
     std::shared_ptr<RecordingListener> listener = std::make_shared<RecordingListener>();
-    test::ScriptedPeer peer;
-    test::LogCapture logs;
-    test::ScriptedPeer::Pump pump = [this] { ua->eventLoop().runDue(); };
 };
 
 TEST_F(RegistrationTest, BuildsTheRegisterWithItsHeadersInOrder) {
@@ -91,11 +70,7 @@ TEST_F(RegistrationTest, BuildsTheRegisterWithItsHeadersInOrder) {
     ASSERT_TRUE(ua->registerLine(line));
     const auto reg = expectRegister();
     ASSERT_TRUE(reg);
-    std::vector<std::string> names;  // list headers arrive split: one name per run
-    for (const HeaderField& h : reg->headers()) {
-        if (names.empty() || names.back() != h.name) names.push_back(h.name);
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"Via", "Max-Forwards", "From", "To", "Call-ID", "CSeq", "Contact",
+    EXPECT_EQ(headerNames(*reg), (std::vector<std::string>{"Via", "Max-Forwards", "From", "To", "Call-ID", "CSeq", "Contact",
                                                 "Expires", "Allow", "Supported", "User-Agent", "Content-Length"}));
     const std::string local = ua->localAddress(TransportKind::Udp).toString();
     EXPECT_EQ(reg->requestUri.toString(), "sip:" + peer.hostPort());

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,12 +37,14 @@ private:
 
 class VirtualUserAgentTest : public ::testing::Test {
 protected:
-    VirtualUserAgentTest() {
+    // `adjust` changes the configuration before the user agent is made.
+    explicit VirtualUserAgentTest(const std::function<void(UserAgentConfig&)>& adjust = {}) {
         UserAgentConfig config;
         config.bindAddress = "127.0.0.1";
         config.udpPort = 0;
         config.tcpPort = -1;
         config.clock = clock;
+        if (adjust) adjust(config);
         ua = std::make_unique<UserAgent>(config);
     }
     void SetUp() override { ASSERT_TRUE(ua->start()); }
