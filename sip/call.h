@@ -2,6 +2,7 @@
 // its offer/answer state and its media.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -33,6 +34,28 @@ struct EarlyDialog {
     SipUri remoteTarget;
     std::vector<std::string> routeSet;
     std::optional<uint32_t> lastRseq;  // the last reliable 1xx we acknowledged
+};
+
+// A response sent again from T1 on, the wait doubling up to a cap, until
+// 64 x T1 have passed.
+struct RepeatSchedule {
+    int64_t intervalMs = 0;
+    int64_t elapsedMs = 0;
+
+    void start(int64_t t1Ms) {
+        intervalMs = t1Ms;
+        elapsedMs = 0;
+    }
+    // A wait ran out: true when that reached `limitMs` (give up).
+    bool waited(int64_t limitMs) {
+        elapsedMs += std::min(intervalMs, limitMs - elapsedMs);
+        return elapsedMs >= limitMs;
+    }
+    // The next wait, doubled (at most `capMs`); the last ends exactly at the limit.
+    int64_t next(int64_t capMs, int64_t limitMs) {
+        intervalMs = std::min(intervalMs * 2, capMs);
+        return std::min(intervalMs, limitMs - elapsedMs);
+    }
 };
 
 struct Call {
@@ -74,8 +97,7 @@ struct Call {
     // UAS: the 2xx repeated until the ACK.
     std::string okText;
     SipTarget okTarget;
-    int64_t okIntervalMs = 0;
-    int64_t okElapsedMs = 0;
+    RepeatSchedule okRepeats;
     EventLoop::TimerId okTimer = 0;
 
     // As caller: every fork's early dialog, by the far end's tag; the first
@@ -85,8 +107,7 @@ struct Call {
     // the 1xx repeated until its PRACK, and its interval.
     uint32_t rseq = 0;
     std::string reliableText;
-    int64_t reliableIntervalMs = 0;
-    int64_t reliableElapsedMs = 0;
+    RepeatSchedule reliableRepeats;
     EventLoop::TimerId reliableTimer = 0;
 
     // Session timer (RFC 4028).

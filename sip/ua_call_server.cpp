@@ -217,9 +217,9 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
         ringing.addHeader("Require", "100rel");
         ringing.addHeader("RSeq", std::to_string(call.rseq));
         call.reliableText = ringing.toString();
-        call.reliableIntervalMs = transactions_->timers().t1Ms;
-        call.reliableElapsedMs = 0;
-        call.reliableTimer = transactions_->schedule(call.reliableIntervalMs, [this, id] { retransmitReliable1xx(id); });
+        call.reliableRepeats.start(transactions_->timers().t1Ms);
+        call.reliableTimer =
+            transactions_->schedule(call.reliableRepeats.intervalMs, [this, id] { retransmitReliable1xx(id); });
     }
     (void)transactions_->sendResponse(key, ringing);
     if (listener_) listener_->onIncomingCall(infoOf(call));
@@ -262,9 +262,8 @@ bool UserAgent::Impl::answerCall(int id) {
     // The transaction only forwards the 2xx once; we repeat it until the ACK.
     call.okText = ok.toString();
     call.okTarget = call.targets.front();
-    call.okIntervalMs = transactions_->timers().t1Ms;
-    call.okElapsedMs = 0;
-    call.okTimer = transactions_->schedule(call.okIntervalMs, [this, id] { retransmit2xx(id); });
+    call.okRepeats.start(transactions_->timers().t1Ms);
+    call.okTimer = transactions_->schedule(call.okRepeats.intervalMs, [this, id] { retransmit2xx(id); });
     setCallState(call, CallState::Connected, 200, "OK");
     armSessionTimer(call);
     if (Call* replaced = findCall(call.replaces); replaced != nullptr && replaced->state != CallState::Terminated) {
@@ -282,8 +281,8 @@ bool UserAgent::Impl::answerCall(int id) {
 void UserAgent::Impl::retransmit2xx(int id) {
     Call* call = findCall(id);
     if (call == nullptr || call->okText.empty()) return;
-    call->okElapsedMs += std::min(call->okIntervalMs, 64 * transactions_->timers().t1Ms - call->okElapsedMs);
-    if (call->okElapsedMs >= 64 * transactions_->timers().t1Ms) {
+    const int64_t limit = 64 * transactions_->timers().t1Ms;
+    if (call->okRepeats.waited(limit)) {
         call->okTimer = 0;
         log::warn(kTag, callPrefix(*call) + ": no ACK for 2xx, terminating");
         call->okText.clear();
@@ -291,17 +290,15 @@ void UserAgent::Impl::retransmit2xx(int id) {
         return;
     }
     (void)sendText(call->okText, call->okTarget);
-    call->okIntervalMs = std::min(call->okIntervalMs * 2, transactions_->timers().t2Ms);
-    // The last wait ends exactly at 64 x T1, where we give up.
-    const int64_t wait = std::min(call->okIntervalMs, 64 * transactions_->timers().t1Ms - call->okElapsedMs);
+    const int64_t wait = call->okRepeats.next(transactions_->timers().t2Ms, limit);
     call->okTimer = transactions_->schedule(wait, [this, id] { retransmit2xx(id); });
 }
 
 void UserAgent::Impl::retransmitReliable1xx(int id) {
     Call* call = findCall(id);
     if (call == nullptr || call->reliableText.empty()) return;
-    call->reliableElapsedMs += std::min(call->reliableIntervalMs, 64 * transactions_->timers().t1Ms - call->reliableElapsedMs);
-    if (call->reliableElapsedMs >= 64 * transactions_->timers().t1Ms) {
+    const int64_t limit = 64 * transactions_->timers().t1Ms;
+    if (call->reliableRepeats.waited(limit)) {
         call->reliableTimer = 0;
         call->reliableText.clear();
         log::warn(kTag, callPrefix(*call) + ": no PRACK received");
@@ -313,10 +310,8 @@ void UserAgent::Impl::retransmitReliable1xx(int id) {
         return;
     }
     if (auto again = SipMessage::parse(call->reliableText)) (void)transactions_->sendResponse(call->inviteKey, *again);
-    // RFC 3262: the interval doubles without the T2 cap; the last wait ends
-    // exactly at 64 x T1, where we give up.
-    call->reliableIntervalMs *= 2;
-    const int64_t wait = std::min(call->reliableIntervalMs, 64 * transactions_->timers().t1Ms - call->reliableElapsedMs);
+    // RFC 3262: the interval doubles without the T2 cap.
+    const int64_t wait = call->reliableRepeats.next(limit, limit);
     call->reliableTimer = transactions_->schedule(wait, [this, id] { retransmitReliable1xx(id); });
 }
 
