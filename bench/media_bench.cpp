@@ -28,6 +28,15 @@ std::vector<int16_t> speechLikeFrame(size_t n) {
     return s;
 }
 
+// Samples per second and ns per sample of a 160-sample frame loop.
+void reportPerSample(benchmark::State& state) {
+    state.SetItemsProcessed(state.iterations() * 160);
+    state.counters["ns_per_sample"] = benchmark::Counter(static_cast<double>(state.iterations()) * 160,
+                                                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert,
+                                                         benchmark::Counter::kIs1000);
+    state.SetLabel(state.range(0) ? "PCMU" : "PCMA");
+}
+
 void BM_G711Encode(benchmark::State& state) {
     kelsip::G711Codec codec(state.range(0) != 0);
     const auto frame = speechLikeFrame(160);
@@ -38,11 +47,7 @@ void BM_G711Encode(benchmark::State& state) {
         benchmark::DoNotOptimize(codec.encode(frame.data(), frame.size(), out));
         benchmark::ClobberMemory();
     }
-    state.SetItemsProcessed(state.iterations() * 160);
-    state.counters["ns_per_sample"] = benchmark::Counter(static_cast<double>(state.iterations()) * 160,
-                                                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert,
-                                                         benchmark::Counter::kIs1000);
-    state.SetLabel(state.range(0) ? "PCMU" : "PCMA");
+    reportPerSample(state);
 }
 BENCHMARK(BM_G711Encode)->Arg(1)->Arg(0);
 
@@ -58,11 +63,7 @@ void BM_G711Decode(benchmark::State& state) {
         benchmark::DoNotOptimize(codec.decode(coded.data(), coded.size(), out));
         benchmark::ClobberMemory();
     }
-    state.SetItemsProcessed(state.iterations() * 160);
-    state.counters["ns_per_sample"] = benchmark::Counter(static_cast<double>(state.iterations()) * 160,
-                                                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert,
-                                                         benchmark::Counter::kIs1000);
-    state.SetLabel(state.range(0) ? "PCMU" : "PCMA");
+    reportPerSample(state);
 }
 BENCHMARK(BM_G711Decode)->Arg(1)->Arg(0);
 
