@@ -66,28 +66,37 @@ std::unique_ptr<UserAgent> phone(const char* user, int& line) {
     return ua;
 }
 
-void BM_CallSetup(benchmark::State& state) {
-    kelsip::log::setLevel(kelsip::LogLevel::Warn);
+// Alice, who watches her calls, and Bob, who answers every one.
+struct PhonePair {
+    PhonePair() : alice(phone("alice", aliceLine)), bob(phone("bob", bobLine)) {
+        answer->ua = bob.get();
+        bob->setListener(answer);
+        alice->setListener(watch);
+        target = "sip:bob@" + bob->localAddress(kelsip::TransportKind::Udp).toString();
+    }
     int aliceLine = 0;
     int bobLine = 0;
-    auto alice = phone("alice", aliceLine);
-    auto bob = phone("bob", bobLine);
-    auto answer = std::make_shared<AutoAnswer>();
-    answer->ua = bob.get();
-    bob->setListener(answer);
-    auto watch = std::make_shared<Watch>();
-    alice->setListener(watch);
-    const std::string target = "sip:bob@" + bob->localAddress(kelsip::TransportKind::Udp).toString();
+    std::unique_ptr<UserAgent> alice;
+    std::unique_ptr<UserAgent> bob;
+    std::shared_ptr<AutoAnswer> answer = std::make_shared<AutoAnswer>();
+    std::shared_ptr<Watch> watch = std::make_shared<Watch>();
+    std::string target;
+};
+
+void BM_CallSetup(benchmark::State& state) {
+    kelsip::log::setLevel(kelsip::LogLevel::Warn);
+    PhonePair pair;
+    const auto& watch = pair.watch;
     for (auto _ : state) {
         const int before = watch->connected;
-        const int call = alice->makeCall(aliceLine, target);
+        const int call = pair.alice->makeCall(pair.aliceLine, pair.target);
         if (!watch->waitFor([&] { return watch->connected > before; })) {
             state.SkipWithError("call did not connect");
             break;
         }
         state.PauseTiming();
         const int ended = watch->terminated;
-        (void)alice->hangupCall(call);
+        (void)pair.alice->hangupCall(call);
         (void)watch->waitFor([&] { return watch->terminated > ended; });
         state.ResumeTiming();
     }
@@ -100,21 +109,13 @@ void BM_MemoryPerCall(benchmark::State& state) {
     kelsip::log::setLevel(kelsip::LogLevel::Warn);
     const int calls = static_cast<int>(state.range(0));
     for (auto _ : state) {
-        int aliceLine = 0;
-        int bobLine = 0;
-        auto alice = phone("alice", aliceLine);
-        auto bob = phone("bob", bobLine);
-        auto answer = std::make_shared<AutoAnswer>();
-        answer->ua = bob.get();
-        bob->setListener(answer);
-        auto watch = std::make_shared<Watch>();
-        alice->setListener(watch);
-        const std::string target = "sip:bob@" + bob->localAddress(kelsip::TransportKind::Udp).toString();
+        PhonePair pair;
+        const auto& watch = pair.watch;
         // One call first, so that worker threads and pools exist before measuring.
-        (void)alice->makeCall(aliceLine, target);
+        (void)pair.alice->makeCall(pair.aliceLine, pair.target);
         (void)watch->waitFor([&] { return watch->connected >= 1; });
         const size_t before = mallinfo2().uordblks;
-        for (int i = 0; i < calls; ++i) (void)alice->makeCall(aliceLine, target);
+        for (int i = 0; i < calls; ++i) (void)pair.alice->makeCall(pair.aliceLine, pair.target);
         (void)watch->waitFor([&] { return watch->connected >= calls + 1; });
         const size_t after = mallinfo2().uordblks;
         state.counters["bytes_per_call"] = static_cast<double>(after - before) / calls;
