@@ -94,10 +94,8 @@ struct Watcher {
 // A line's presence publication (RFC 3903).
 struct Publication {
     PresenceStatus status;
-    bool published = false;          // setPresence was called
     std::string etag;                // from the last 2xx; empty: none
     int expires = 3600;
-    int granted = 0;
     int outgoing = 0;                // the PUBLISH in flight
     bool again = false;              // the status changed while one was in flight
     bool conditionalFailed = false;  // one 412 answered with a fresh publication

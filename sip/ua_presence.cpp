@@ -205,7 +205,6 @@ bool UserAgent::Impl::setPresence(int lineId, const PresenceStatus& status) {
     Line* line = findLine(lineId);
     if (line == nullptr || !started_) return false;
     line->presence.status = status;
-    line->presence.published = true;
     const int64_t nowMs = loop_->nowNs() / 1000000;
     for (auto& [id, w] : watchers_) {
         if (w.line != lineId) continue;
@@ -267,15 +266,15 @@ void UserAgent::Impl::onPublishAnswer(int lineId, int code, const std::string&, 
             return;
         }
         p.etag = response->header("SIP-ETag").value_or(p.etag);
-        p.granted = static_cast<int>(std::clamp<int64_t>(response->expires().value_or(expires), 0, INT32_MAX));
-        log::info(kTag, linePrefix(lineId) + ": presence published for " + std::to_string(p.granted) + " s");
+        const int64_t granted = std::clamp<int64_t>(response->expires().value_or(expires), 0, INT32_MAX);
+        log::info(kTag, linePrefix(lineId) + ": presence published for " + std::to_string(granted) + " s");
         if (p.again) {
             p.again = false;
             publish(*line, p.expires, true);
             return;
         }
-        if (p.granted > 0) {
-            p.refreshTimer = transactions_->schedule(refreshAfterSeconds(p.granted) * 1000, [this, lineId] {
+        if (granted > 0) {
+            p.refreshTimer = transactions_->schedule(refreshAfterSeconds(granted) * 1000, [this, lineId] {
                 Line* l = findLine(lineId);
                 if (l == nullptr) return;
                 l->presence.refreshTimer = 0;
