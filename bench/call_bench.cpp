@@ -15,8 +15,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "sip/log.h"
-#include "sip/user_agent.h"
+#include "sip/core/log.h"
+#include "sip/ua/user_agent.h"
 #include "support/free_port.h"
 #include "support/process.h"
 #include "support/temp_dir.h"

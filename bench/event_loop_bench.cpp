@@ -6,7 +6,7 @@
 #include <future>
 #include <vector>
 
-#include "sip/event_loop.h"
+#include "sip/core/event_loop.h"
 
 namespace {
 

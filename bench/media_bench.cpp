@@ -7,9 +7,9 @@
 #include <cmath>
 #include <vector>
 
-#include "media/g711.h"
-#include "media/media_session.h"
-#include "sip/log.h"
+#include "media/codec/g711.h"
+#include "media/session/media_session.h"
+#include "sip/core/log.h"
 #include "support/network_sim.h"
 
 namespace {

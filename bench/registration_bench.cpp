@@ -8,10 +8,10 @@
 #include <ctime>
 #include <thread>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 #include "sip/net/socket.h"
-#include "sip/user_agent.h"
-#include "sip/log.h"
+#include "sip/ua/user_agent.h"
+#include "sip/core/log.h"
 
 namespace {
 

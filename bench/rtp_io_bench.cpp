@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "media/rtp_session.h"
-#include "sip/log.h"
+#include "media/rtp/rtp_session.h"
+#include "sip/core/log.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 
 namespace {
 

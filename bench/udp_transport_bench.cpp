@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "sip/udp_transport.h"
+#include "sip/transport/udp_transport.h"
 
 namespace {
 

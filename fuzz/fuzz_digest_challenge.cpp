@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "sip/digest.h"
-#include "sip/text.h"
+#include "sip/auth/digest.h"
+#include "sip/syntax/text.h"
 
 using velmora::fuzz::require;
 

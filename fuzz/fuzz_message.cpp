@@ -5,8 +5,8 @@
 #include <string>
 
 #include "fuzz/fuzz_support.h"
-#include "sip/address.h"
-#include "sip/message.h"
+#include "sip/syntax/address.h"
+#include "sip/syntax/message.h"
 
 using velmora::fuzz::require;
 

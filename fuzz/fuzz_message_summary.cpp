@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz/fuzz_support.h"
-#include "sip/message_summary.h"
+#include "sip/ua/body/message_summary.h"
 
 using velmora::fuzz::require;
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "fuzz/fuzz_support.h"
-#include "sip/address.h"
+#include "sip/syntax/address.h"
 
 using velmora::fuzz::require;
 

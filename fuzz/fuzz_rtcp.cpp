@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "media/rtcp_packet.h"
+#include "media/rtp/rtcp_packet.h"
 
 using velmora::fuzz::require;
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "media/rtp_packet.h"
+#include "media/rtp/rtp_packet.h"
 
 using velmora::fuzz::require;
 

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "fuzz/fuzz_support.h"
-#include "media/negotiation.h"
-#include "media/sdp.h"
+#include "media/codec/negotiation.h"
+#include "media/sdp/sdp.h"
 
 using velmora::fuzz::require;
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 
 using velmora::fuzz::require;
 

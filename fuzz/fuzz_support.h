@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 
 namespace velmora::fuzz {
 

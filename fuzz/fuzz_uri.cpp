@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz/fuzz_support.h"
-#include "sip/uri.h"
+#include "sip/syntax/uri.h"
 
 using velmora::fuzz::require;
 

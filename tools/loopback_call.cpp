@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "media/media_session.h"
-#include "sip/log.h"
-#include "sip/user_agent.h"
+#include "media/session/media_session.h"
+#include "sip/core/log.h"
+#include "sip/ua/user_agent.h"
 #include "support/sound_card.h"
 #include "support/wav.h"
 

@@ -15,10 +15,10 @@
 
 #include "sip/dns/dns_cache.h"
 #include "sip/dns/dns_servers.h"
-#include "sip/log.h"
+#include "sip/core/log.h"
 #include "sip/net/socket.h"
 #include "sip/net/waker.h"
-#include "sip/platform/system.h"
+#include "sip/core/system.h"
 
 namespace kelsip::dns {
 

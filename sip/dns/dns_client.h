@@ -11,7 +11,7 @@
 
 #include "sip/dns/dns_answer.h"
 #include "sip/dns/dns_message.h"
-#include "sip/event_loop.h"
+#include "sip/core/event_loop.h"
 #include "sip/net/socket_address.h"
 
 namespace kelsip::dns {

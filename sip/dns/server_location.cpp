@@ -7,8 +7,8 @@
 #include <random>
 #include <utility>
 
-#include "sip/log.h"
-#include "sip/platform/system.h"
+#include "sip/core/log.h"
+#include "sip/core/system.h"
 
 namespace kelsip::dns {
 

@@ -11,8 +11,8 @@
 
 #include "sip/dns/dns_client.h"
 #include "sip/dns/dns_message.h"
-#include "sip/sip_target.h"
-#include "sip/uri.h"
+#include "sip/transport/sip_target.h"
+#include "sip/syntax/uri.h"
 
 namespace kelsip::dns {
 

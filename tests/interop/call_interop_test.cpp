@@ -14,8 +14,8 @@
 #include <thread>
 
 #include "interop/support/interop_test.h"
-#include "media/media_session.h"
-#include "sip/user_agent.h"
+#include "media/session/media_session.h"
+#include "sip/ua/user_agent.h"
 #include "support/baresip_peer.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"

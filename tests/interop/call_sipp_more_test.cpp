@@ -17,7 +17,7 @@
 #include "interop/support/call_sipp_fixture.h"
 #include "interop/support/interop_test.h"
 #include "interop/support/sipp_trace.h"
-#include "sip/user_agent.h"
+#include "sip/ua/user_agent.h"
 #include "support/wait.h"
 
 namespace kelsip {

@@ -11,7 +11,7 @@
 
 #include "interop/support/interop_test.h"
 #include "sip/net/socket.h"
-#include "sip/user_agent.h"
+#include "sip/ua/user_agent.h"
 #include "support/baresip_peer.h"
 #include "support/wait.h"
 

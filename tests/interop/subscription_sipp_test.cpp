@@ -15,7 +15,7 @@
 
 #include "interop/support/interop_test.h"
 #include "interop/support/sipp_trace.h"
-#include "sip/user_agent.h"
+#include "sip/ua/user_agent.h"
 #include "support/wait.h"
 
 namespace kelsip {

@@ -1,6 +1,6 @@
 // G.711 against the law's own tables: every 16-bit input and every code word
 // of both laws, with expectations built from the segment tables, not the coder.
-#include "media/g711.h"
+#include "media/codec/g711.h"
 
 #include <gtest/gtest.h>
 

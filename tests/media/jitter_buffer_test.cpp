@@ -1,7 +1,7 @@
 // The playout buffer on virtual time: a known signal sent as G.711 packets
 // over a scripted network, pulled at a fixed period, and what comes out
 // compared with what went in.
-#include "media/jitter_buffer.h"
+#include "media/session/jitter_buffer.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "media/g711.h"
+#include "media/codec/g711.h"
 
 namespace kelsip {
 namespace {

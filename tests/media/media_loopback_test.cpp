@@ -10,10 +10,10 @@
 #include <numbers>
 #include <thread>
 
-#include "media/media_session.h"
-#include "media/rtp_io_service.h"
-#include "media/rtp_port_allocator.h"
-#include "media/rtp_session.h"
+#include "media/session/media_session.h"
+#include "media/rtp/rtp_io_service.h"
+#include "media/rtp/rtp_port_allocator.h"
+#include "media/rtp/rtp_session.h"
 #include "support/sound_card.h"
 #include "support/wait.h"
 #include "support/wav.h"

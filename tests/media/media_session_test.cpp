@@ -1,7 +1,7 @@
 // Two media sessions over the simulated network: what the receiver plays
 // against what the sender captured under each network condition, clock
 // drift, RFC 4733 digits, hold, source changes and the RTCP reports.
-#include "media/media_session.h"
+#include "media/session/media_session.h"
 
 #include <gtest/gtest.h>
 
@@ -10,10 +10,10 @@
 #include <string>
 #include <variant>
 
-#include "media/g711.h"
-#include "media/rtcp_packet.h"
-#include "media/rtp_packet.h"
-#include "media/telephone_event.h"
+#include "media/codec/g711.h"
+#include "media/rtp/rtcp_packet.h"
+#include "media/rtp/rtp_packet.h"
+#include "media/session/telephone_event.h"
 #include "support/network_sim.h"
 
 namespace kelsip {

@@ -1,12 +1,12 @@
 // Codec choice: the format table and its lookups, the registry, and offer and
 // answer as a peer sees them on the wire.
-#include "media/negotiation.h"
+#include "media/codec/negotiation.h"
 
 #include <gtest/gtest.h>
 
-#include "media/codec_registry.h"
-#include "media/format_table.h"
-#include "sip/log.h"
+#include "media/codec/codec_registry.h"
+#include "media/codec/format_table.h"
+#include "sip/core/log.h"
 
 namespace kelsip {
 namespace {

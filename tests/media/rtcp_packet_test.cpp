@@ -1,6 +1,6 @@
 // RTCP compounds from hand-built datagrams: report blocks with negative loss,
 // SDES and BYE texts, skipped packet types, and hostile counts and lengths.
-#include "media/rtcp_packet.h"
+#include "media/rtp/rtcp_packet.h"
 
 #include <gtest/gtest.h>
 

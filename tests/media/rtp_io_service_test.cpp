@@ -1,6 +1,6 @@
 // The RTP I/O service with plain socket handlers: how sessions spread over
 // workers, and what add and remove promise while workers run.
-#include "media/rtp_io_service.h"
+#include "media/rtp/rtp_io_service.h"
 
 #include <gtest/gtest.h>
 

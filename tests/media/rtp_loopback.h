@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "media/media_transport.h"
+#include "media/rtp/media_transport.h"
 #include "sip/net/socket.h"
 #include "support/free_port.h"
 #include "support/wait.h"

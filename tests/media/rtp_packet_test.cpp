@@ -1,6 +1,6 @@
 // RTP packets from hand-built datagrams: every header field, the lengths a
 // hostile sender can lie about, and what the writer refuses.
-#include "media/rtp_packet.h"
+#include "media/rtp/rtp_packet.h"
 
 #include <gtest/gtest.h>
 

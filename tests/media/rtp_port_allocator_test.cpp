@@ -1,6 +1,6 @@
 // The RTP port pool on real sockets: the order pairs are handed out in, the
 // end of the range, and pairs whose RTCP port another socket holds.
-#include "media/rtp_port_allocator.h"
+#include "media/rtp/rtp_port_allocator.h"
 
 #include <gtest/gtest.h>
 

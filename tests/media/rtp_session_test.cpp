@@ -1,13 +1,13 @@
 // The RTP session on loopback sockets: binding failures, symmetric RTP, a
 // call between two sessions from one pool, and closing.
-#include "media/rtp_session.h"
+#include "media/rtp/rtp_session.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
-#include "media/rtcp_packet.h"
-#include "media/rtp_packet.h"
+#include "media/rtp/rtcp_packet.h"
+#include "media/rtp/rtp_packet.h"
 #include "rtp_loopback.h"
 #include "support/log_capture.h"
 

@@ -1,11 +1,11 @@
 // Receive statistics and RTCP timing: the RFC 3550 jitter on known arrival
 // patterns, the sequence tracker's loss figures across wraps, restarts and
 // duplicates, and the report interval's bounds.
-#include "media/rtp_statistics.h"
+#include "media/rtp/rtp_statistics.h"
 
 #include <gtest/gtest.h>
 
-#include "media/rtcp_schedule.h"
+#include "media/session/rtcp_schedule.h"
 
 namespace kelsip {
 namespace {

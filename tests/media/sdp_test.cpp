@@ -1,10 +1,10 @@
 // SDP bodies: what the parser accepts and refuses, what the writer emits,
 // the attribute queries and our own descriptions.
-#include "media/sdp.h"
+#include "media/sdp/sdp.h"
 
 #include <gtest/gtest.h>
 
-#include "media/sdp_local.h"
+#include "media/sdp/sdp_local.h"
 
 namespace kelsip {
 namespace {

@@ -1,6 +1,6 @@
 // RFC 4733 events: the payload bytes, the digits, the sender's packet
 // schedule on the stream's packet grid, and the receiver's single report.
-#include "media/telephone_event.h"
+#include "media/session/telephone_event.h"
 
 #include <gtest/gtest.h>
 

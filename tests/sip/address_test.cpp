@@ -1,5 +1,5 @@
 // Name-addr and Via values: parsing, text form and the branch test.
-#include "sip/address.h"
+#include "sip/syntax/address.h"
 
 #include <gtest/gtest.h>
 

@@ -10,8 +10,8 @@
 #include <span>
 #include <thread>
 
-#include "media/media_session.h"
-#include "sip/user_agent.h"
+#include "media/session/media_session.h"
+#include "sip/ua/user_agent.h"
 #include "support/sound_card.h"
 #include "support/wait.h"
 #include "support/wav.h"

@@ -1,6 +1,6 @@
 // Digest authentication: challenges read, responses computed, credentials written.
-#include "sip/digest.h"
-#include "sip/message.h"
+#include "sip/auth/digest.h"
+#include "sip/syntax/message.h"
 
 #include <gtest/gtest.h>
 

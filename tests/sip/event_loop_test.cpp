@@ -1,6 +1,6 @@
 // The event loop: ordering of tasks and timers, cancel, invoke, stop/start,
 // both in virtual time and on the real loop thread.
-#include "sip/event_loop.h"
+#include "sip/core/event_loop.h"
 
 #include <gtest/gtest.h>
 

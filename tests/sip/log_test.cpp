@@ -1,5 +1,5 @@
 // The log facility: the exact line format, the threshold, stream and sink.
-#include "sip/log.h"
+#include "sip/core/log.h"
 
 #include <gtest/gtest.h>
 

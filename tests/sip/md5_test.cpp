@@ -1,5 +1,5 @@
 // MD5: the RFC 1321 test suite and the padding boundaries, whole and in pieces.
-#include "sip/md5.h"
+#include "sip/auth/md5.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Stream framing: whole messages cut off a connection's receive buffer.
 #include <gtest/gtest.h>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 
 namespace kelsip {
 namespace {

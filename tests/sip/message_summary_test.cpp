@@ -1,5 +1,5 @@
 // The message-summary body: the form we write, and the forms servers send.
-#include "sip/message_summary.h"
+#include "sip/ua/body/message_summary.h"
 
 #include <gtest/gtest.h>
 

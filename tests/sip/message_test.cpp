@@ -1,6 +1,6 @@
 // SIP messages: the parser's error texts, header handling, validation,
 // serialisation, typed accessors and responses built from requests.
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The presence document: XML escaping and the exact bytes PUBLISH carries.
-#include "sip/presence.h"
+#include "sip/ua/body/presence.h"
 
 #include <gtest/gtest.h>
 

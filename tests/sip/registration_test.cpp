@@ -6,8 +6,8 @@
 #include <mutex>
 #include <regex>
 
-#include "sip/address.h"
-#include "sip/digest.h"
+#include "sip/syntax/address.h"
+#include "sip/auth/digest.h"
 #include "support/virtual_user_agent.h"
 
 namespace kelsip {

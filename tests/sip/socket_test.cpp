@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "sip/platform/system.h"
+#include "sip/core/system.h"
 
 namespace kelsip::net {
 namespace {

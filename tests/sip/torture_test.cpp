@@ -7,7 +7,7 @@
 #include <set>
 #include <sstream>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 
 namespace kelsip {
 namespace {

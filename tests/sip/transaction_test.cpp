@@ -1,12 +1,12 @@
 // The transaction layer in virtual time over a recording transport:
 // retransmission schedules, time-outs, ACKs, absorbing retransmissions.
-#include "sip/transaction.h"
+#include "sip/transaction/transaction.h"
 
 #include <gtest/gtest.h>
 
 #include <regex>
 
-#include "sip/address.h"
+#include "sip/syntax/address.h"
 #include "support/log_capture.h"
 
 namespace kelsip {

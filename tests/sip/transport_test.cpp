@@ -6,9 +6,9 @@
 #include <deque>
 #include <mutex>
 
-#include "sip/address.h"
-#include "sip/stream_transport.h"
-#include "sip/udp_transport.h"
+#include "sip/syntax/address.h"
+#include "sip/transport/stream_transport.h"
+#include "sip/transport/udp_transport.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
 

@@ -3,7 +3,7 @@
 // messages that arrive.
 #include <gtest/gtest.h>
 
-#include "sip/digest.h"
+#include "sip/auth/digest.h"
 #include "support/virtual_user_agent.h"
 
 namespace kelsip {

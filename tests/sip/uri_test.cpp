@@ -1,5 +1,5 @@
 // SIP, SIPS and tel URIs: the parse rules, the text form and comparison.
-#include "sip/uri.h"
+#include "sip/syntax/uri.h"
 
 #include <gtest/gtest.h>
 

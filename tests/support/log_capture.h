@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sip/log.h"
+#include "sip/core/log.h"
 #include "support/wait.h"
 
 namespace kelsip::test {

@@ -11,8 +11,8 @@
 #include <span>
 #include <vector>
 
-#include "media/media_session.h"
-#include "sip/clock.h"
+#include "media/session/media_session.h"
+#include "sip/core/clock.h"
 
 namespace kelsip::test {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 #include "sip/net/socket.h"
 
 namespace kelsip::test {

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "media/media_session.h"
+#include "media/session/media_session.h"
 
 namespace kelsip::test {
 

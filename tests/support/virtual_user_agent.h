@@ -10,8 +10,8 @@
 #include <mutex>
 #include <string>
 
-#include "sip/event_loop.h"
-#include "sip/user_agent.h"
+#include "sip/core/event_loop.h"
+#include "sip/ua/user_agent.h"
 #include "support/log_capture.h"
 #include "support/scripted_peer.h"
 #include "support/wait.h"

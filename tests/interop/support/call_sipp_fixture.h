@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "interop/support/interop_test.h"
-#include "sip/user_agent.h"
+#include "sip/ua/user_agent.h"
 #include "support/wait.h"
 
 namespace kelsip::test {

@@ -12,7 +12,7 @@
 
 #include "interop/support/kamailio_server.h"
 #include "interop/support/sipp_runner.h"
-#include "sip/user_agent.h"
+#include "sip/ua/user_agent.h"
 #include "support/dnsmasq_server.h"
 #include "support/log_capture.h"
 #include "support/process.h"

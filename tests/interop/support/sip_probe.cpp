@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "sip/message.h"
+#include "sip/syntax/message.h"
 #include "sip/net/socket.h"
 
 namespace kelsip::test {

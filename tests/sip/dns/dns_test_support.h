@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "sip/event_loop.h"
+#include "sip/core/event_loop.h"
 #include "sip/net/socket.h"
 
 namespace kelsip::test {

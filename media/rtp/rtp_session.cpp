@@ -1,0 +1,315 @@
+// The RTP session: binding, the worker's receive path (latching, statistics,
+// the sink) and closing with a final RTCP packet.
+#include "media/rtp/rtp_session.h"
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+#include "media/rtp/rtcp_packet.h"
+#include "media/rtp/rtp_packet.h"
+#include "media/rtp/wire_bytes.h"
+#include "sip/core/log.h"
+#include "sip/core/system.h"
+
+namespace kelsip {
+
+namespace {
+
+constexpr std::string_view kTag = "Rtp";
+constexpr size_t kRtcpHeaderSize = 8;  // the header and the sender's SSRC
+
+uint64_t nextSessionKey() {
+    static std::atomic<uint64_t> next{1};
+    return next.fetch_add(1, std::memory_order_relaxed);
+}
+
+[[nodiscard]] bool isVersion2(std::span<const uint8_t> bytes, size_t minimum) {
+    return bytes.size() >= minimum && (bytes[0] >> 6) == 2;
+}
+
+// The payload as RFC 3550 counts octets: after the fixed header, CSRCs and
+// header extension, without padding. 0 when the fields do not fit.
+[[nodiscard]] size_t payloadLength(std::span<const uint8_t> b) {
+    size_t header = RtpPacket::kFixedHeaderSize + 4u * (b[0] & 0x0fu);
+    if ((b[0] & 0x10u) != 0) {
+        if (b.size() < header + 4) return 0;
+        header += 4 + 4u * wire::get16(b, header + 2);
+    }
+    const size_t padding = (b[0] & 0x20u) != 0 ? b.back() : 0;
+    return header + padding <= b.size() ? b.size() - header - padding : 0;
+}
+
+// RTCP on the port after RTP, unless RTP sits on the last port there is.
+[[nodiscard]] std::optional<net::SocketAddress> nextPort(net::SocketAddress address) {
+    if (address.port() == 0xffff) return std::nullopt;
+    address.setPort(static_cast<uint16_t>(address.port() + 1));
+    return address;
+}
+
+[[nodiscard]] std::optional<net::Socket> openUdp(const net::SocketAddress& address) {
+    net::Socket s = net::Socket::open(address.family(), net::SocketType::Udp);
+    if (!s.valid() || !s.bind(address) || !s.setNonBlocking(true)) return std::nullopt;
+    return s;
+}
+
+}  // namespace
+
+std::string_view toString(RtpSession::State state) {
+    switch (state) {
+        case RtpSession::State::Idle: return "idle";
+        case RtpSession::State::Open: return "open";
+        case RtpSession::State::Closing: return "closing";
+        case RtpSession::State::Closed: return "closed";
+    }
+    return "unknown";
+}
+
+RtpSession::RtpSession(std::shared_ptr<RtpIoService> io, RtpSessionOptions options)
+    : io_(std::move(io)), options_(std::move(options)), key_(nextSessionKey()), jitter_(options_.clockRate),
+      buffer_(kReceiveBufferBytes) {}
+
+RtpSession::~RtpSession() { close({}); }
+
+bool RtpSession::open(std::shared_ptr<RtpPortAllocator::Pool> pool) {
+    if (!pool || state() != State::Idle) return false;
+    auto pair = RtpPortAllocator::allocate(*pool, options_.local);
+    if (!pair) {
+        log::error(kTag, "RTP port range exhausted");
+        return false;
+    }
+    if (!pair->rtp.setNonBlocking(true) || !pair->rtcp.setNonBlocking(true)) {
+        log::error(kTag, "cannot bind RTP");
+        RtpPortAllocator::release(*pool, pair->port);
+        return false;
+    }
+    // With RTCP off nothing would read the odd port: its socket is let go
+    // rather than left to fill with packets. The pool still counts the pair.
+    net::Socket rtcp = options_.rtcp ? std::move(pair->rtcp) : net::Socket{};
+    if (start(std::move(pair->rtp), std::move(rtcp), pair->port, pool)) return true;
+    RtpPortAllocator::release(*pool, pair->port);
+    return false;
+}
+
+bool RtpSession::bind(const net::SocketAddress& rtpAddress) {
+    if (state() != State::Idle) return false;
+    auto rtp = openUdp(rtpAddress);
+    const auto bound = rtp ? rtp->localAddress() : std::nullopt;
+    if (!bound) {
+        log::error(kTag, "cannot bind RTP");
+        return false;
+    }
+    net::Socket rtcp;
+    if (options_.rtcp) {
+        const auto rtcpAddress = nextPort(*bound);
+        auto socket = rtcpAddress ? openUdp(*rtcpAddress) : std::nullopt;
+        if (socket) {
+            rtcp = std::move(*socket);
+        } else {
+            log::warn(kTag, "cannot bind RTCP " + (rtcpAddress ? rtcpAddress->toString() : bound->host()) +
+                                ", RTCP disabled");
+        }
+    }
+    return start(std::move(*rtp), std::move(rtcp), bound->port(), nullptr);
+}
+
+bool RtpSession::start(net::Socket rtp, net::Socket rtcp, uint16_t port,
+                       std::shared_ptr<RtpPortAllocator::Pool> pool) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_ != State::Idle) return false;
+        rtp_ = std::move(rtp);
+        rtcp_ = std::move(rtcp);
+        port_ = port;
+        pool_ = std::move(pool);
+        state_ = State::Open;
+    }
+    if (io_ && io_->add(key_, *this) == RtpIoService::AddResult::Added) return true;
+    const std::lock_guard lock(mutex_);
+    rtp_.close();
+    rtcp_.close();
+    port_ = 0;
+    pool_.reset();
+    state_ = State::Idle;
+    return false;
+}
+
+RtpSession::State RtpSession::state() const {
+    const std::lock_guard lock(mutex_);
+    return state_;
+}
+
+uint16_t RtpSession::localPort() const {
+    const std::lock_guard lock(mutex_);
+    return port_;
+}
+
+void RtpSession::setRemote(const net::SocketAddress& rtp, std::optional<net::SocketAddress> rtcp) {
+    const std::lock_guard lock(mutex_);
+    // A refreshed offer naming the same address keeps what latching learned;
+    // a new address is a new media path, which latches afresh.
+    const bool same = signalledRtp_ == rtp;
+    signalledRtp_ = rtp;
+    if (same && rtpLatched_) return;
+    remoteRtp_ = rtp;
+    remoteRtcp_ = rtcp ? rtcp : nextPort(rtp);
+    rtpLatched_ = false;
+    rtcpLatched_ = false;
+}
+
+std::optional<net::SocketAddress> RtpSession::remote() const {
+    const std::lock_guard lock(mutex_);
+    return remoteRtp_;
+}
+
+std::optional<net::SocketAddress> RtpSession::remoteRtcp() const {
+    const std::lock_guard lock(mutex_);
+    return remoteRtcp_;
+}
+
+RtpSessionStats RtpSession::stats() const {
+    const std::lock_guard lock(mutex_);
+    RtpSessionStats s = stats_;
+    s.jitter = jitter_.value();
+    return s;
+}
+
+bool RtpSession::send(Channel channel, std::span<const uint8_t> bytes) {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::Open) return false;
+    net::Socket& socket = channel == Channel::Rtp ? rtp_ : rtcp_;
+    const auto& to = channel == Channel::Rtp ? remoteRtp_ : remoteRtcp_;
+    if (!socket.valid() || !to) return false;
+    return socket.sendTo(bytes.data(), bytes.size(), *to).ok();
+}
+
+void RtpSession::attach(Sink* sink) {
+    const std::lock_guard lock(sinkMutex_);
+    sink_ = sink;
+}
+
+void RtpSession::detach() {
+    // Waits for a callback running on the worker; returns at once inside one.
+    const std::lock_guard lock(sinkMutex_);
+    sink_ = nullptr;
+}
+
+bool RtpSession::hasRtcp() const {
+    const std::lock_guard lock(mutex_);
+    return rtcp_.valid();
+}
+
+void RtpSession::close(std::span<const uint8_t> finalRtcp) {
+    detach();
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_ != State::Open) return;
+        state_ = State::Closing;
+    }
+    // Not under mutex_: the worker's receive path takes it, and removal waits
+    // for that path to finish.
+    io_->remove(key_);
+
+    const std::lock_guard lock(mutex_);
+    if (rtcp_.valid() && remoteRtcp_) {
+        std::vector<uint8_t> bye;
+        if (finalRtcp.empty()) {
+            bye = byeCompound();
+            finalRtcp = bye;
+        }
+        if (!finalRtcp.empty()) (void)rtcp_.sendTo(finalRtcp.data(), finalRtcp.size(), *remoteRtcp_);
+    }
+    rtp_.close();
+    rtcp_.close();
+    if (pool_) RtpPortAllocator::release(*pool_, port_);
+    pool_.reset();
+    state_ = State::Closed;
+}
+
+std::vector<uint8_t> RtpSession::byeCompound() const {
+    // The media session, which knows the real SSRC, normally builds the BYE;
+    // this one only tells the far end the stream ended. Without a random SSRC
+    // nothing is sent rather than one that might collide with a live source.
+    uint32_t ssrc = 0;
+    if (!platform::secureRandom(&ssrc, sizeof ssrc)) return {};
+    RtcpCompound compound;
+    compound.packets.emplace_back(RtcpReceiverReport{ssrc, {}});
+    compound.packets.emplace_back(RtcpBye{{ssrc}, {}});
+    std::vector<uint8_t> out;
+    if (!compound.writeTo(out)) return {};
+    return out;
+}
+
+void RtpSession::appendSockets(std::vector<net::PollEntry>& entries) const {
+    entries.push_back({rtp_.native(), true, false});
+    if (rtcp_.valid()) entries.push_back({rtcp_.native(), true, false});
+}
+
+void RtpSession::onPoll(std::span<const net::PollEntry> found, int64_t nowUs) {
+    const auto ready = [&](size_t i) { return i < found.size() && (found[i].readable || found[i].error); };
+    if (ready(0)) readAll(Channel::Rtp, rtp_);
+    if (ready(1)) readAll(Channel::Rtcp, rtcp_);
+    const std::lock_guard lock(sinkMutex_);
+    if (sink_ != nullptr) sink_->onTick(nowUs);
+}
+
+void RtpSession::readAll(Channel channel, net::Socket& socket) {
+    // The socket turns invalid when the sink closed the session from its
+    // callback, on this thread.
+    for (int i = 0; i < kMaxReadsPerPoll && socket.valid(); ++i) {
+        net::SocketAddress from;
+        const net::IoResult r = socket.receiveFrom(buffer_.data(), buffer_.size(), from);
+        if (!r.ok()) break;
+        const int64_t arrivalUs = RtpIoService::steadyNowUs();
+        const std::span<const uint8_t> bytes(buffer_.data(), r.bytes);
+        account(channel, bytes, from, arrivalUs);
+        const std::lock_guard lock(sinkMutex_);
+        if (sink_ != nullptr) sink_->onPacket(channel, bytes, arrivalUs);
+    }
+}
+
+void RtpSession::account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
+                         int64_t arrivalUs) {
+    const std::lock_guard lock(mutex_);
+    // Only what looks like our protocol may move the remote or count: a stray
+    // datagram (a STUN probe, a scan) must not redirect the call's media.
+    if (channel == Channel::Rtcp) {
+        if (isVersion2(bytes, kRtcpHeaderSize)) latchRtcp(from);
+        return;
+    }
+    if (!isVersion2(bytes, RtpPacket::kFixedHeaderSize)) return;
+    latchRtp(from);
+    ++stats_.packets;
+    stats_.bytes += payloadLength(bytes);
+    // Timestamps of two sources share no base: the estimate starts again.
+    const uint32_t ssrc = wire::get32(bytes, 8);
+    if (lastSsrc_ != ssrc) {
+        jitter_.reset();
+        lastSsrc_ = ssrc;
+    }
+    jitter_.update(wire::get32(bytes, 4), arrivalUs);
+}
+
+void RtpSession::latchRtp(const net::SocketAddress& from) {
+    // The first RTP packet decides, also when it comes from the signalled
+    // address: once media flows, no later source can take the call over.
+    if (!options_.symmetricRtp || rtpLatched_) return;
+    rtpLatched_ = true;
+    if (remoteRtp_ == from) return;
+    log::info(kTag, "symmetric RTP: latching remote to " + from.toString());
+    remoteRtp_ = from;
+    // RTCP follows to the same host, on the port after the latched one, until
+    // RTCP arrives itself and says where it comes from. Behind a NAT the
+    // signalled RTCP address is as unreachable as the signalled RTP one.
+    if (!rtcpLatched_) remoteRtcp_ = nextPort(from);
+}
+
+void RtpSession::latchRtcp(const net::SocketAddress& from) {
+    if (!options_.symmetricRtp || rtcpLatched_) return;
+    rtcpLatched_ = true;
+    if (remoteRtcp_ == from) return;
+    log::info(kTag, "symmetric RTCP: latching remote to " + from.toString());
+    remoteRtcp_ = from;
+}
+
+}  // namespace kelsip

@@ -1,0 +1,35 @@
+// The records the transaction layer keeps per client and server transaction.
+#pragma once
+
+#include <string>
+
+#include "sip/transaction/transaction.h"
+
+namespace kelsip {
+
+struct SipTransactionLayer::Client {
+    SipMessage request;
+    std::string text;
+    SipTarget target;
+    ResponseCallback callback;
+    TransactionState state = TransactionState::Trying;
+    bool invite = false;
+    int64_t interval = 0;
+    EventLoop::TimerId retransmitTimer = 0;
+    EventLoop::TimerId timeoutTimer = 0;
+    std::string ackText;  // the ACK of a non-2xx final, sent again for its retransmissions
+};
+
+struct SipTransactionLayer::Server {
+    SipMessage request;
+    SipTarget replyTo;
+    TransactionState state = TransactionState::Trying;
+    bool invite = false;
+    std::string lastResponse;
+    int lastStatus = 0;
+    int64_t interval = 0;
+    EventLoop::TimerId retransmitTimer = 0;
+    EventLoop::TimerId noAckTimer = 0;
+};
+
+}  // namespace kelsip

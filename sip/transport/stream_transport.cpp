@@ -1,0 +1,278 @@
+// SIP over TCP. One I/O thread polls the listener, every connection and a
+// waker every 200 ms at most; it accepts, completes connects, reads, writes
+// and closes. Other threads only queue data under the lock and wake it.
+#include "sip/transport/stream_transport.h"
+
+#include "sip/core/log.h"
+
+namespace kelsip {
+
+namespace {
+
+constexpr int kPollMs = 200;
+
+}  // namespace
+
+std::unique_ptr<StreamTransport> StreamTransport::create(EventLoop& loop, StreamTransportConfig config,
+                                                         std::string* error) {
+    if (config.kind == TransportKind::Tls) {
+        if (error != nullptr) *error = "TLS support not compiled in (build with KELSIP_WITH_OPENSSL)";
+        return nullptr;
+    }
+    if (config.kind != TransportKind::Tcp) {
+        if (error != nullptr) *error = "not a stream transport";
+        return nullptr;
+    }
+    return std::unique_ptr<StreamTransport>(new StreamTransport(loop, std::move(config)));
+}
+
+StreamTransport::StreamTransport(EventLoop& loop, StreamTransportConfig config)
+    : loop_(loop), config_(std::move(config)) {}
+
+StreamTransport::~StreamTransport() { close(); }
+
+std::string StreamTransport::name() const { return std::string(transportName(config_.kind)); }
+
+bool StreamTransport::open(std::string* error) {
+    const std::string failure = "cannot listen on " + config_.bindAddress.toString();
+    listener_ = net::Socket::open(config_.bindAddress.family(), net::SocketType::Tcp);
+    if (!listener_.valid() || !listener_.setReuseAddress(true) || !listener_.bind(config_.bindAddress) ||
+        !listener_.listen(64) || !listener_.setNonBlocking(true)) {
+        log::error(kTransportLogTag, failure);
+        if (error != nullptr) *error = failure;
+        listener_.close();
+        return false;
+    }
+    local_ = listener_.localAddress().value_or(config_.bindAddress);
+    log::info(kTransportLogTag, name() + " transport listening on " + local_.toString());
+    stopping_ = false;
+    thread_ = std::thread([this] { ioLoop(); });
+    return true;
+}
+
+void StreamTransport::close() {
+    if (!thread_.joinable()) return;
+    stopping_ = true;
+    waker_.wake();
+    thread_.join();
+    std::lock_guard lock(mutex_);
+    connections_.clear();
+    listener_.close();
+}
+
+net::SocketAddress StreamTransport::localAddress() const { return local_; }
+
+size_t StreamTransport::connectionCount() const {
+    std::lock_guard lock(mutex_);
+    return connections_.size();
+}
+
+bool StreamTransport::send(std::string_view data, const SipTarget& target) {
+    {
+        std::lock_guard lock(mutex_);
+        if (!thread_.joinable() || stopping_) return false;
+        Connection* use = nullptr;
+        if (target.connection != 0) {
+            const auto it = connections_.find(target.connection);
+            if (it != connections_.end() && !it->second->closed) use = it->second.get();
+        }
+        // A response on a closed connection, or a request: any connection to
+        // that address will do, in either direction.
+        if (use == nullptr) {
+            for (auto& [id, c] : connections_) {
+                if (!c->closed && c->remote == target.address) {
+                    use = c.get();
+                    break;
+                }
+            }
+        }
+        if (use == nullptr) {
+            auto c = std::make_unique<Connection>();
+            c->id = nextConnection_++;
+            c->remote = target.address;
+            c->started = c->lastActivity = Clock::now();
+            log::info(kTransportLogTag, "opening " + name() + " connection #" + std::to_string(c->id) + " to " +
+                                            target.address.toString());
+            use = c.get();
+            connections_.emplace(c->id, std::move(c));
+        }
+        use->out.append(data);
+        if (log::enabled(LogLevel::Debug)) {
+            log::debug(kTransportLogTag, "SEND " + std::to_string(data.size()) + " bytes to " +
+                                             target.address.toString() + " (connection #" +
+                                             std::to_string(use->id) + ")\n" + std::string(data));
+        }
+    }
+    waker_.wake();
+    return true;
+}
+
+void StreamTransport::startConnect(Connection& c) {
+    c.socket = net::Socket::open(c.remote.family(), net::SocketType::Tcp);
+    if (!c.socket.valid() || !c.socket.setNonBlocking(true)) {
+        closeConnection(c, "connection to " + c.remote.toString() + " failed", true);
+        return;
+    }
+    (void)c.socket.setNoDelay(true);
+    c.started = Clock::now();
+    switch (c.socket.connect(c.remote)) {
+        case net::ConnectStatus::Connected:
+            c.state = State::Connected;
+            break;
+        case net::ConnectStatus::InProgress:
+            c.state = State::Connecting;
+            break;
+        case net::ConnectStatus::Failed:
+            closeConnection(c, "connection to " + c.remote.toString() + " failed", true);
+            break;
+    }
+}
+
+void StreamTransport::acceptAll() {
+    for (;;) {
+        net::SocketAddress peer;
+        auto s = listener_.accept(&peer);
+        if (!s) return;
+        if (!s->setNonBlocking(true)) continue;
+        (void)s->setNoDelay(true);
+        auto c = std::make_unique<Connection>();
+        c->id = nextConnection_++;
+        c->socket = std::move(*s);
+        c->remote = peer;
+        c->state = State::Connected;
+        c->started = c->lastActivity = Clock::now();
+        log::info(kTransportLogTag, "accepted " + name() + " connection #" + std::to_string(c->id) + " from " +
+                                        peer.toString());
+        connections_.emplace(c->id, std::move(c));
+    }
+}
+
+void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
+    char chunk[kReadChunkBytes];
+    for (;;) {
+        const net::IoResult r = c.socket.receive(chunk, sizeof chunk);
+        if (r.status == net::IoResult::Status::WouldBlock) break;
+        if (!r.ok()) {
+            closeConnection(c, "connection #" + std::to_string(c.id) + " to " + c.remote.toString() + " closed",
+                            !c.out.empty());
+            return;
+        }
+        c.lastActivity = Clock::now();
+        c.in.append(chunk, r.bytes);
+        // Take every whole message, then cut the buffer once.
+        size_t offset = 0;
+        for (;;) {
+            std::string error;
+            size_t used = 0;
+            const auto message = frameStreamMessage(std::string_view(c.in).substr(offset), used, &error);
+            offset += used;
+            if (message) {
+                received.push_back(Received{std::string(*message), SipTarget{config_.kind, c.remote, c.id}});
+                continue;
+            }
+            if (error.empty()) break;
+            // A header block whose length cannot be known: drop that block
+            // and read on from the next message.
+            log::warn(kTransportLogTag, "dropping malformed stream message from " + c.remote.toString() + ": " + error);
+            offset = c.in.find("\r\n\r\n", offset) + 4;
+        }
+        c.in.erase(0, offset);
+        if (c.in.size() > config_.maxMessageBytes) {
+            closeConnection(c, "message too large on #" + std::to_string(c.id) + ", closing", !c.out.empty());
+            return;
+        }
+    }
+}
+
+void StreamTransport::writeTo(Connection& c) {
+    while (!c.out.empty()) {
+        const net::IoResult r = c.socket.send(c.out.data(), c.out.size());
+        if (r.status == net::IoResult::Status::WouldBlock) return;
+        if (!r.ok()) {
+            closeConnection(c, "connection #" + std::to_string(c.id) + " to " + c.remote.toString() + " closed", true);
+            return;
+        }
+        c.out.erase(0, r.bytes);
+        c.lastActivity = Clock::now();
+    }
+}
+
+void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData) {
+    if (c.closed) return;
+    log::info(kTransportLogTag, why);
+    c.closed = true;
+    c.socket.close();
+    if (lostData) failed_.push_back(SipTarget{config_.kind, c.remote, c.id});
+}
+
+void StreamTransport::ioLoop() {
+    std::vector<net::PollEntry> entries;
+    std::vector<Connection*> polled;
+    std::vector<Received> received;
+    while (!stopping_) {
+        entries.clear();
+        polled.clear();
+        {
+            std::lock_guard lock(mutex_);
+            for (auto& [id, c] : connections_) {
+                if (c->state == State::NeedsConnect && !c->closed) startConnect(*c);
+            }
+            entries.push_back({waker_.native(), true, false});
+            entries.push_back({listener_.native(), true, false});
+            for (auto& [id, c] : connections_) {
+                if (c->closed) continue;
+                const bool connecting = c->state == State::Connecting;
+                entries.push_back({c->socket.native(), !connecting, connecting || !c->out.empty()});
+                polled.push_back(c.get());
+            }
+        }
+        const int ready = net::poll(entries, kPollMs);
+        {
+            std::lock_guard lock(mutex_);
+            if (ready > 0) {
+                if (entries[0].readable) waker_.drain();
+                if (entries[1].readable) acceptAll();
+                for (size_t i = 0; i < polled.size(); ++i) {
+                    Connection& c = *polled[i];
+                    const net::PollEntry& e = entries[i + 2];
+                    if (c.closed) continue;
+                    if (c.state == State::Connecting) {
+                        if (!e.writable && !e.error) continue;
+                        if (c.socket.connectResult() != 0 || (e.error && !e.writable)) {
+                            closeConnection(c, "connection to " + c.remote.toString() + " failed", true);
+                            continue;
+                        }
+                        c.state = State::Connected;
+                        c.lastActivity = Clock::now();
+                    }
+                    if (e.readable || e.error) readFrom(c, received);
+                    if (!c.closed && !c.out.empty()) writeTo(c);
+                }
+            }
+            const auto now = Clock::now();
+            for (auto& [id, c] : connections_) {
+                if (c->closed) continue;
+                if (c->state == State::Connecting &&
+                    now - c->started > std::chrono::milliseconds(config_.connectTimeoutMs)) {
+                    closeConnection(*c, "connect to " + c->remote.toString() + " timed out", true);
+                } else if (c->state == State::Connected && c->out.empty() &&
+                           now - c->lastActivity > std::chrono::milliseconds(config_.idleTimeoutMs)) {
+                    closeConnection(*c, "closing idle connection #" + std::to_string(c->id), false);
+                }
+            }
+            std::erase_if(connections_, [](const auto& entry) { return entry.second->closed; });
+        }
+        for (Received& r : received) {
+            deliver(loop_, r.bytes, r.source, "dropping malformed stream message from ");
+        }
+        received.clear();
+        std::vector<SipTarget> failed;
+        {
+            std::lock_guard lock(mutex_);
+            failed.swap(failed_);
+        }
+        for (const SipTarget& t : failed) reportError(loop_, t);
+    }
+}
+
+}  // namespace kelsip

@@ -1,0 +1,193 @@
+// A call's offer/answer and media: the RTP session it offers, our offers and
+// answers, reading the far end's, the media session that follows them, and
+// the re-offers that hold and resume.
+#include <random>
+
+#include "media/codec/negotiation.h"
+#include "sip/core/log.h"
+#include "sip/ua/user_agent_impl.h"
+
+namespace kelsip {
+
+namespace {
+
+constexpr std::string_view kTag = "ua";
+
+
+// Hands the media session's digits to the loop, where the listener lives.
+class CallMediaListener final : public MediaSessionListener {
+public:
+    CallMediaListener(EventLoop& loop, std::function<void(char)> onDigit) : loop_(loop), onDigit_(std::move(onDigit)) {}
+    void onDigit(char digit) override {
+        auto f = onDigit_;
+        loop_.post([f, digit] { f(digit); });
+    }
+
+private:
+    EventLoop& loop_;
+    std::function<void(char)> onDigit_;
+};
+
+// Where the far end wants media: the audio line's address and port.
+std::optional<net::SocketAddress> remoteMediaAddress(const SessionDescription& sdp) {
+    if (sdp.media.empty()) return std::nullopt;
+    const MediaDescription& m = sdp.media.front();
+    const std::string& host = m.connectionAddress.empty() ? sdp.connectionAddress : m.connectionAddress;
+    return net::SocketAddress::parse(host, m.port);
+}
+
+}  // namespace
+
+bool UserAgent::Impl::openRtp(Call& call, const SipTarget& toward) {
+    if (!rtpIo_) rtpIo_ = std::make_shared<RtpIoService>();
+    if (!rtpPorts_) rtpPorts_ = std::make_unique<RtpPortAllocator>(config_.rtpPortMin, config_.rtpPortMax);
+    // Media goes from the address the system uses toward the far end.
+    net::SocketAddress local = net::SocketAddress::any(toward.address.family());
+    const auto bind = net::SocketAddress::parse(config_.bindAddress);
+    if (bind && !bind->isAny()) local = *bind;
+    std::string advertised = local.host();
+    if (local.isAny()) {
+        if (const auto out = net::localAddressToward(toward.address)) advertised = out->host();
+    }
+    RtpSessionOptions options;
+    options.local = local;
+    auto rtp = std::make_unique<RtpSession>(rtpIo_, options);
+    if (!rtp->open(rtpPorts_->pool())) return false;
+    call.rtpPort = rtp->localPort();
+    call.mediaAddress = advertised;
+    call.rtp = std::move(rtp);
+    return true;
+}
+
+std::string UserAgent::Impl::buildOffer(Call& call, MediaDirection direction) {
+    SessionDescription sdp = buildLocalSession(call.origin, call.mediaAddress);
+    OfferOptions options;
+    options.port = call.rtpPort;
+    options.telephoneEvent = config_.telephoneEvent;
+    options.current = call.codec;
+    MediaDescription audio = buildOfferMedia(options);
+    TransportAttributes transport;
+    transport.direction = direction;
+    addTransportAttributes(audio, transport);
+    sdp.media.push_back(std::move(audio));
+    return sdp.toString();
+}
+
+std::string UserAgent::Impl::buildAnswer(Call& call, MediaDirection direction) {
+    SessionDescription sdp = buildLocalSession(call.origin, call.mediaAddress);
+    MediaDescription audio = buildAnswerMedia(*call.codec, {call.rtpPort, "RTP/AVP"});
+    TransportAttributes transport;
+    transport.direction = direction;
+    addTransportAttributes(audio, transport);
+    sdp.media.push_back(std::move(audio));
+    return sdp.toString();
+}
+
+bool UserAgent::Impl::takeAnswer(Call& call, const std::string& body) {
+    auto answer = SessionDescription::parse(body);
+    if (!answer) return false;
+    MatchOptions options;
+    options.call = call.id;
+    options.telephoneEvent = config_.telephoneEvent;
+    options.localHold = call.localHold;
+    auto match = matchAnswer(*answer, options);
+    if (!match) return false;
+    call.codec = match->codec;
+    call.remoteHold = match->remoteHold;
+    const MediaDirection theirs = answer->media.front().direction();
+    // What we may do is what we offered, narrowed by what they answered.
+    MediaDirection ours = call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv;
+    if (theirs == MediaDirection::Inactive) ours = MediaDirection::Inactive;
+    if (theirs == MediaDirection::SendOnly) ours = call.localHold ? MediaDirection::Inactive : MediaDirection::RecvOnly;
+    if (theirs == MediaDirection::RecvOnly && ours == MediaDirection::SendRecv) ours = MediaDirection::SendOnly;
+    startMedia(call, *answer, ours);
+    return true;
+}
+
+void UserAgent::Impl::startMedia(Call& call, const SessionDescription& remote, MediaDirection ours) {
+    const auto address = remoteMediaAddress(remote);
+    if (call.media) {
+        if (address && call.rtpView) call.rtpView->setRemote(*address);
+        if (call.codec) (void)call.media->setCodec(*call.codec);
+        call.media->setDirection(ours);
+        call.media->setMuted(call.localHold);
+        return;
+    }
+    if (!call.rtp || !call.codec) return;
+    if (address) call.rtp->setRemote(*address);
+    call.rtpView = call.rtp.get();
+    MediaSessionConfig config;
+    config.call = call.id;
+    config.codec = *call.codec;
+    config.direction = ours;
+    std::string error;
+    auto media = MediaSession::create(config, std::move(call.rtp), &error);
+    if (!media) {
+        call.rtpView = nullptr;
+        log::warn(kTag, callPrefix(call) + ": media failed: " + error);
+        if (listener_) listener_->onCallMedia(call.id, CallMediaEvent::Failed, error);
+        return;
+    }
+    const int id = call.id;
+    call.mediaListener = std::make_shared<CallMediaListener>(*loop_, [this, id](char digit) {
+        if (findCall(id) != nullptr && listener_) listener_->onDtmf(id, digit, DtmfMethod::Rfc4733);
+    });
+    media->setListener(call.mediaListener);
+    call.media = std::move(media);
+    if (listener_) {
+        listener_->onCallMedia(call.id, CallMediaEvent::Started,
+                               call.codec->name + "/" + std::to_string(call.codec->clockRate));
+    }
+}
+
+void UserAgent::Impl::sendReoffer(Call& call) {
+    SipMessage invite = buildInDialogRequest(call, "INVITE");
+    // A proxy that challenged an INVITE of this call may challenge each
+    // re-INVITE too: the credentials it took last time go along.
+    const Line* line = findLine(call.line);
+    if (call.challenge && line != nullptr) addCredentials(invite, line->config, *call.challenge, call.digest);
+    invite.addHeader("Content-Type", "application/sdp");
+    invite.body = buildOffer(call, call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv);
+    const int id = call.id;
+    call.reofferKey = transactions_->sendRequest(invite, dialogTarget(call), [this, id](const SipMessage* r) {
+        Call* c = findCall(id);
+        if (c == nullptr || (r != nullptr && r->statusCode < 200)) return;
+        if (r != nullptr && r->statusCode < 300) {
+            c->reofferKey.clear();
+            c->authAttempts = 0;
+            sendAck(*c, *r);
+            if (!takeAnswer(*c, r->body)) log::warn(kTag, callPrefix(*c) + ": unusable answer SDP to the re-offer");
+            if (listener_) listener_->onCallInfo(infoOf(*c));
+            return;
+        }
+        if (c->reofferKey.empty()) return;  // a 2xx retransmission after we finished
+        c->reofferKey.clear();
+        const int code = r != nullptr ? r->statusCode : 408;
+        auto challenge = r != nullptr ? challengeOf(*r) : std::nullopt;
+        if (challenge && c->authAttempts < 2) {
+            ++c->authAttempts;
+            c->challenge = std::move(*challenge);
+            c->digest.nonceCount = 0;
+            sendReoffer(*c);
+            return;
+        }
+        log::warn(kTag, callPrefix(*c) + ": re-offer rejected with " + std::to_string(code));
+        if (code == 491) {
+            // Glare (RFC 3261 14.1): the owner of the Call-ID waits 2.1-4 s,
+            // the other side 0-2 s, then tries again.
+            std::uniform_int_distribution<int64_t> wait(c->incoming ? 0 : 2100, c->incoming ? 2000 : 4000);
+            transactions_->schedule(wait(random_), [this, id] {
+                Call* again = findCall(id);
+                if (again != nullptr && again->state == CallState::Connected && again->reofferKey.empty()) {
+                    sendReoffer(*again);
+                }
+            });
+            return;
+        }
+        // The previous media state stays.
+        c->localHold = !c->localHold;
+        if (listener_) listener_->onCallInfo(infoOf(*c));
+    });
+}
+
+}  // namespace kelsip
