@@ -60,7 +60,8 @@ public:
     // again, except when called from the handler's own callback: then the
     // callback that is running is the last. From a callback on one worker,
     // removing a handler another worker is calling waits for that call.
-    // Workers left without sessions keep running until the service ends.
+    // Workers left without sessions stay until the service ends, asleep
+    // until a session is added to them.
     void remove(uint64_t key);
 
     [[nodiscard]] size_t workerCount() const;
