@@ -1,8 +1,8 @@
 // How often an idle phone wakes. Two user agents on loopback, each with UDP
 // and TCP open, sit idle; then Alice makes short calls to Bob (over UDP and
 // TCP in turn), and both sit idle again. For each idle stretch the program
-// prints the voluntary context switches of every thread of the process (the
-// measuring thread left out) and the CPU ticks the process used, per second.
+// prints the voluntary context switches and CPU ticks of every thread of the
+// process but the measuring one, and the process's ticks.
 // With --registrar host:port Alice's UDP line registers there first.
 //
 //   idle_wakeups [--seconds 10] [--calls 20] [--settle 3] [--registrar 127.0.0.1:5060]
@@ -145,18 +145,22 @@ void measure(const char* what, std::chrono::seconds window) {
     const Snapshot after = snapshot();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     uint64_t wakes = 0;
+    uint64_t ticks = 0;
     std::printf("%s, %.1f s:\n", what, seconds);
     for (const auto& [tid, f] : after.threads) {
         const auto was = before.threads.find(tid);
         const uint64_t v = f.voluntary - (was == before.threads.end() ? 0 : was->second.voluntary);
         const uint64_t t = f.ticks - (was == before.threads.end() ? 0 : was->second.ticks);
         wakes += v;
+        ticks += t;
         std::printf("  thread %-7ld %8.1f wake-ups/s %4llu ticks   waits in %s\n", tid, static_cast<double>(v) / seconds,
                     static_cast<unsigned long long>(t), f.waitsIn.empty() ? "?" : f.waitsIn.c_str());
     }
-    std::printf("  all %zu threads: %.1f wake-ups/s, %llu CPU ticks (%ld a second) in %.1f s\n", after.threads.size(),
-                static_cast<double>(wakes) / seconds,
-                static_cast<unsigned long long>(after.processTicks - before.processTicks), sysconf(_SC_CLK_TCK), seconds);
+    std::printf("  all %zu threads: %llu wake-ups (%.1f a second), %llu CPU ticks (%ld a second) in %.1f s; "
+                "with the measuring thread %llu ticks\n",
+                after.threads.size(), static_cast<unsigned long long>(wakes), static_cast<double>(wakes) / seconds,
+                static_cast<unsigned long long>(ticks),
+                sysconf(_SC_CLK_TCK), seconds, static_cast<unsigned long long>(after.processTicks - before.processTicks));
     std::fflush(stdout);
 }
 
