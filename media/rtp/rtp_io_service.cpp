@@ -112,12 +112,15 @@ private:
                 slot.handler->appendSockets(entries);
                 ranges.push_back({slot.serial, slot.handler, first, entries.size() - first});
             }
+            // A worker without sessions has nothing to tick: it sleeps until
+            // `attach` or `stop` wakes it (or, without a waker, looks again).
+            const int timeoutMs = slots_.empty() && waker_.valid() ? -1 : pollTimeoutMs_;
             polling_ = true;
             lock.unlock();
             // A failed poll is handled like a time-out: the handlers still
             // tick and the next iteration rebuilds the set. The pause keeps a
             // poll that keeps failing from spinning a raised-priority thread.
-            if (net::poll(entries, pollTimeoutMs_) < 0) std::this_thread::sleep_for(kPollFailurePause);
+            if (net::poll(entries, timeoutMs) < 0) std::this_thread::sleep_for(kPollFailurePause);
             if (entries[0].readable) waker_.drain();
             const int64_t now = steadyNowUs();
             const std::span<const net::PollEntry> found(entries);

@@ -19,7 +19,8 @@ struct RtpIoServiceOptions {
     // worker far below what one thread serves, while a poll set stays small
     // enough that WSAPoll's linear scan costs nothing.
     size_t sessionsPerWorker = 16;
-    // The longest a worker waits with nothing to read. Sessions time RTCP
+    // The longest a worker with sessions waits with nothing to read (one
+    // without sessions waits until it gets one). Sessions time RTCP
     // and playout from the ticks each iteration brings, so a time-out of half
     // a 20 ms packet time keeps them within 10 ms. -1: no time-out (ticks
     // only when something arrives).
@@ -60,7 +61,8 @@ public:
     // again, except when called from the handler's own callback: then the
     // callback that is running is the last. From a callback on one worker,
     // removing a handler another worker is calling waits for that call.
-    // Workers left without sessions keep running until the service ends.
+    // Workers left without sessions stay until the service ends, asleep
+    // until a session is added to them.
     void remove(uint64_t key);
 
     [[nodiscard]] size_t workerCount() const;

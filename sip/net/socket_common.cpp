@@ -1,7 +1,94 @@
-// Socket services built on the portable socket calls alone.
+// What Socket does alike on every platform, over the system calls of
+// socket_system.h, and services built on the portable socket calls alone.
 #include "sip/net/socket.h"
+#include "sip/net/socket_system.h"
 
 namespace kelsip::net {
+
+namespace {
+
+// A send's or receive's outcome; reads the error at once on failure.
+IoResult ioResult(long long n) {
+    IoResult r;
+    if (n >= 0) {
+        r.status = IoResult::Status::Ok;
+        r.bytes = static_cast<size_t>(n);
+        return r;
+    }
+    const int error = detail::lastError();
+    r.status = detail::ioFailure(error);
+    if (r.status == IoResult::Status::Failed) r.error = error;
+    return r;
+}
+
+}  // namespace
+
+Socket::~Socket() { close(); }
+
+Socket::Socket(Socket&& other) noexcept : handle_(other.handle_), family_(other.family_) {
+    other.handle_ = kInvalidSocket;
+}
+
+Socket& Socket::operator=(Socket&& other) noexcept {
+    if (this != &other) {
+        close();
+        handle_ = other.handle_;
+        family_ = other.family_;
+        other.handle_ = kInvalidSocket;
+    }
+    return *this;
+}
+
+bool Socket::bind(const SocketAddress& address) { return detail::bindSocket(handle_, detail::toSystem(address)) == 0; }
+
+std::optional<Socket> Socket::accept(SocketAddress* peer) {
+    detail::SystemAddress from;
+    const NativeSocket s = detail::acceptSocket(handle_, from);
+    if (s == kInvalidSocket) return std::nullopt;
+    if (peer != nullptr) {
+        if (auto a = detail::fromSystem(from)) *peer = *a;
+    }
+    return Socket(s, family_);
+}
+
+ConnectStatus Socket::connect(const SocketAddress& address) {
+    if (detail::connectSocket(handle_, detail::toSystem(address)) == 0) return ConnectStatus::Connected;
+    return detail::connectPending(detail::lastError()) ? ConnectStatus::InProgress : ConnectStatus::Failed;
+}
+
+std::optional<SocketAddress> Socket::localAddress() const {
+    detail::SystemAddress sa;
+    if (detail::socketName(handle_, false, sa) != 0) return std::nullopt;
+    return detail::fromSystem(sa);
+}
+
+std::optional<SocketAddress> Socket::peerAddress() const {
+    detail::SystemAddress sa;
+    if (detail::socketName(handle_, true, sa) != 0) return std::nullopt;
+    return detail::fromSystem(sa);
+}
+
+IoResult Socket::sendTo(const void* data, size_t size, const SocketAddress& to) {
+    const detail::SystemAddress sa = detail::toSystem(to);
+    return ioResult(detail::sendBytes(handle_, data, size, &sa));
+}
+
+IoResult Socket::receiveFrom(void* data, size_t capacity, SocketAddress& from) {
+    detail::SystemAddress sa;
+    const IoResult r = ioResult(detail::receiveBytes(handle_, data, capacity, &sa));
+    if (r.ok()) {
+        if (auto a = detail::fromSystem(sa)) from = *a;
+    }
+    return r;
+}
+
+IoResult Socket::send(const void* data, size_t size) { return ioResult(detail::sendBytes(handle_, data, size, nullptr)); }
+
+IoResult Socket::receive(void* data, size_t capacity) {
+    IoResult r = ioResult(detail::receiveBytes(handle_, data, capacity, nullptr));
+    if (r.ok() && r.bytes == 0 && capacity > 0) r.status = IoResult::Status::Closed;
+    return r;
+}
 
 std::optional<SocketAddress> localAddressToward(const SocketAddress& destination) {
     Socket probe = Socket::open(destination.family(), SocketType::Udp);

@@ -20,38 +20,61 @@ namespace kelsip::net {
 namespace {
 
 int fd(NativeSocket s) { return static_cast<int>(s); }
-
-IoResult ioResult(ssize_t n) {
-    IoResult r;
-    if (n >= 0) {
-        r.status = IoResult::Status::Ok;
-        r.bytes = static_cast<size_t>(n);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
-        r.status = IoResult::Status::WouldBlock;
-    } else {
-        r.status = IoResult::Status::Failed;
-        r.error = errno;
-    }
-    return r;
-}
+const sockaddr* raw(const detail::SystemAddress& a) { return reinterpret_cast<const sockaddr*>(a.bytes); }
+sockaddr* raw(detail::SystemAddress& a) { return reinterpret_cast<sockaddr*>(a.bytes); }
 
 }  // namespace
 
-Socket::~Socket() { close(); }
+namespace detail {
 
-Socket::Socket(Socket&& other) noexcept : handle_(other.handle_), family_(other.family_) {
-    other.handle_ = kInvalidSocket;
+SystemAddress toSystem(const SocketAddress& address) { return toSockaddr(address); }
+std::optional<SocketAddress> fromSystem(const SystemAddress& address) { return fromSockaddr(address); }
+
+int lastError() { return errno; }
+
+IoResult::Status ioFailure(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR ? IoResult::Status::WouldBlock
+                                                                       : IoResult::Status::Failed;
 }
 
-Socket& Socket::operator=(Socket&& other) noexcept {
-    if (this != &other) {
-        close();
-        handle_ = other.handle_;
-        family_ = other.family_;
-        other.handle_ = kInvalidSocket;
-    }
-    return *this;
+bool connectPending(int error) { return error == EINPROGRESS || error == EINTR; }
+
+int bindSocket(NativeSocket s, const SystemAddress& address) {
+    return ::bind(fd(s), raw(address), static_cast<socklen_t>(address.length));
 }
+
+int connectSocket(NativeSocket s, const SystemAddress& address) {
+    return ::connect(fd(s), raw(address), static_cast<socklen_t>(address.length));
+}
+
+NativeSocket acceptSocket(NativeSocket s, SystemAddress& peer) {
+    socklen_t len = sizeof peer.bytes;
+    const int accepted = ::accept4(fd(s), raw(peer), &len, SOCK_CLOEXEC);
+    peer.length = static_cast<int>(len);
+    return accepted < 0 ? kInvalidSocket : accepted;
+}
+
+int socketName(NativeSocket s, bool peer, SystemAddress& out) {
+    socklen_t len = sizeof out.bytes;
+    const int r = peer ? ::getpeername(fd(s), raw(out), &len) : ::getsockname(fd(s), raw(out), &len);
+    out.length = static_cast<int>(len);
+    return r;
+}
+
+long long sendBytes(NativeSocket s, const void* data, size_t size, const SystemAddress* to) {
+    if (to == nullptr) return ::send(fd(s), data, size, MSG_NOSIGNAL);
+    return ::sendto(fd(s), data, size, MSG_NOSIGNAL, raw(*to), static_cast<socklen_t>(to->length));
+}
+
+long long receiveBytes(NativeSocket s, void* data, size_t capacity, SystemAddress* from) {
+    if (from == nullptr) return ::recv(fd(s), data, capacity, 0);
+    socklen_t len = sizeof from->bytes;
+    const ssize_t n = ::recvfrom(fd(s), data, capacity, 0, raw(*from), &len);
+    from->length = static_cast<int>(len);
+    return n;
+}
+
+}  // namespace detail
 
 Socket Socket::open(AddressFamily family, SocketType type) {
     const int domain = family == AddressFamily::V4 ? AF_INET : AF_INET6;
@@ -93,75 +116,13 @@ bool Socket::setNoDelay(bool on) {
     return ::setsockopt(fd(handle_), IPPROTO_TCP, TCP_NODELAY, &v, sizeof v) == 0;
 }
 
-bool Socket::bind(const SocketAddress& address) {
-    sockaddr_storage sa;
-    const socklen_t len = detail::toSockaddr(address, sa);
-    return ::bind(fd(handle_), reinterpret_cast<const sockaddr*>(&sa), len) == 0;
-}
-
 bool Socket::listen(int backlog) { return ::listen(fd(handle_), backlog) == 0; }
-
-std::optional<Socket> Socket::accept(SocketAddress* peer) {
-    sockaddr_storage sa{};
-    socklen_t len = sizeof sa;
-    const int s = ::accept4(fd(handle_), reinterpret_cast<sockaddr*>(&sa), &len, SOCK_CLOEXEC);
-    if (s < 0) return std::nullopt;
-    if (peer != nullptr) {
-        if (auto a = detail::fromSockaddr(sa)) *peer = *a;
-    }
-    return Socket(s, family_);
-}
-
-ConnectStatus Socket::connect(const SocketAddress& address) {
-    sockaddr_storage sa;
-    const socklen_t len = detail::toSockaddr(address, sa);
-    if (::connect(fd(handle_), reinterpret_cast<const sockaddr*>(&sa), len) == 0) return ConnectStatus::Connected;
-    return errno == EINPROGRESS || errno == EINTR ? ConnectStatus::InProgress : ConnectStatus::Failed;
-}
 
 int Socket::connectResult() const {
     int error = 0;
     socklen_t len = sizeof error;
     if (::getsockopt(fd(handle_), SOL_SOCKET, SO_ERROR, &error, &len) != 0) return errno;
     return error;
-}
-
-std::optional<SocketAddress> Socket::localAddress() const {
-    sockaddr_storage sa{};
-    socklen_t len = sizeof sa;
-    if (::getsockname(fd(handle_), reinterpret_cast<sockaddr*>(&sa), &len) != 0) return std::nullopt;
-    return detail::fromSockaddr(sa);
-}
-
-std::optional<SocketAddress> Socket::peerAddress() const {
-    sockaddr_storage sa{};
-    socklen_t len = sizeof sa;
-    if (::getpeername(fd(handle_), reinterpret_cast<sockaddr*>(&sa), &len) != 0) return std::nullopt;
-    return detail::fromSockaddr(sa);
-}
-
-IoResult Socket::sendTo(const void* data, size_t size, const SocketAddress& to) {
-    sockaddr_storage sa;
-    const socklen_t len = detail::toSockaddr(to, sa);
-    return ioResult(::sendto(fd(handle_), data, size, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&sa), len));
-}
-
-IoResult Socket::receiveFrom(void* data, size_t capacity, SocketAddress& from) {
-    sockaddr_storage sa{};
-    socklen_t len = sizeof sa;
-    IoResult r = ioResult(::recvfrom(fd(handle_), data, capacity, 0, reinterpret_cast<sockaddr*>(&sa), &len));
-    if (r.ok()) {
-        if (auto a = detail::fromSockaddr(sa)) from = *a;
-    }
-    return r;
-}
-
-IoResult Socket::send(const void* data, size_t size) { return ioResult(::send(fd(handle_), data, size, MSG_NOSIGNAL)); }
-
-IoResult Socket::receive(void* data, size_t capacity) {
-    IoResult r = ioResult(::recv(fd(handle_), data, capacity, 0));
-    if (r.ok() && r.bytes == 0 && capacity > 0) r.status = IoResult::Status::Closed;
-    return r;
 }
 
 int poll(std::span<PollEntry> entries, int timeoutMs) {

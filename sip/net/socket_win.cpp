@@ -16,6 +16,9 @@ namespace kelsip::net {
 namespace {
 
 SOCKET sock(NativeSocket s) { return static_cast<SOCKET>(s); }
+const sockaddr* raw(const detail::SystemAddress& a) { return reinterpret_cast<const sockaddr*>(a.bytes); }
+sockaddr* raw(detail::SystemAddress& a) { return reinterpret_cast<sockaddr*>(a.bytes); }
+int clampSize(size_t size) { return size > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(size); }
 
 void startWinsock() {
     static std::once_flag once;
@@ -25,44 +28,61 @@ void startWinsock() {
     });
 }
 
-IoResult ioResult(int n) {
-    IoResult r;
-    if (n != SOCKET_ERROR) {
-        r.status = IoResult::Status::Ok;
-        r.bytes = static_cast<size_t>(n);
-        return r;
-    }
-    const int error = ::WSAGetLastError();
-    if (error == WSAEWOULDBLOCK || error == WSAEINTR) {
-        r.status = IoResult::Status::WouldBlock;
-    } else if (error == WSAECONNRESET || error == WSAECONNABORTED) {
-        r.status = IoResult::Status::Closed;
-    } else {
-        r.status = IoResult::Status::Failed;
-        r.error = error;
-    }
-    return r;
-}
-
-int clampSize(size_t size) { return size > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(size); }
-
 }  // namespace
 
-Socket::~Socket() { close(); }
+namespace detail {
 
-Socket::Socket(Socket&& other) noexcept : handle_(other.handle_), family_(other.family_) {
-    other.handle_ = kInvalidSocket;
+SystemAddress toSystem(const SocketAddress& address) { return toSockaddr(address); }
+std::optional<SocketAddress> fromSystem(const SystemAddress& address) { return fromSockaddr(address); }
+
+int lastError() { return ::WSAGetLastError(); }
+
+IoResult::Status ioFailure(int error) {
+    if (error == WSAEWOULDBLOCK || error == WSAEINTR) return IoResult::Status::WouldBlock;
+    if (error == WSAECONNRESET || error == WSAECONNABORTED) return IoResult::Status::Closed;
+    return IoResult::Status::Failed;
 }
 
-Socket& Socket::operator=(Socket&& other) noexcept {
-    if (this != &other) {
-        close();
-        handle_ = other.handle_;
-        family_ = other.family_;
-        other.handle_ = kInvalidSocket;
+bool connectPending(int error) { return error == WSAEWOULDBLOCK || error == WSAEINPROGRESS; }
+
+int bindSocket(NativeSocket s, const SystemAddress& address) { return ::bind(sock(s), raw(address), address.length); }
+
+int connectSocket(NativeSocket s, const SystemAddress& address) {
+    return ::connect(sock(s), raw(address), address.length);
+}
+
+NativeSocket acceptSocket(NativeSocket s, SystemAddress& peer) {
+    peer.length = sizeof peer.bytes;
+    const SOCKET accepted = ::accept(sock(s), raw(peer), &peer.length);
+    return accepted == INVALID_SOCKET ? kInvalidSocket : static_cast<NativeSocket>(accepted);
+}
+
+int socketName(NativeSocket s, bool peer, SystemAddress& out) {
+    out.length = sizeof out.bytes;
+    return peer ? ::getpeername(sock(s), raw(out), &out.length) : ::getsockname(sock(s), raw(out), &out.length);
+}
+
+long long sendBytes(NativeSocket s, const void* data, size_t size, const SystemAddress* to) {
+    const char* bytes = static_cast<const char*>(data);
+    if (to == nullptr) return ::send(sock(s), bytes, clampSize(size), 0);
+    return ::sendto(sock(s), bytes, clampSize(size), 0, raw(*to), to->length);
+}
+
+long long receiveBytes(NativeSocket s, void* data, size_t capacity, SystemAddress* from) {
+    char* bytes = static_cast<char*>(data);
+    int n = 0;
+    if (from == nullptr) {
+        n = ::recv(sock(s), bytes, clampSize(capacity), 0);
+    } else {
+        from->length = sizeof from->bytes;
+        n = ::recvfrom(sock(s), bytes, clampSize(capacity), 0, raw(*from), &from->length);
     }
-    return *this;
+    // Winsock fails a datagram longer than the buffer; it arrived cut.
+    if (n == SOCKET_ERROR && ::WSAGetLastError() == WSAEMSGSIZE) return clampSize(capacity);
+    return n == SOCKET_ERROR ? -1 : n;
 }
+
+}  // namespace detail
 
 Socket Socket::open(AddressFamily family, SocketType type) {
     startWinsock();
@@ -114,32 +134,7 @@ bool Socket::setNoDelay(bool on) {
     return ::setsockopt(sock(handle_), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&v), sizeof v) == 0;
 }
 
-bool Socket::bind(const SocketAddress& address) {
-    sockaddr_storage sa;
-    const int len = detail::toSockaddr(address, sa);
-    return ::bind(sock(handle_), reinterpret_cast<const sockaddr*>(&sa), len) == 0;
-}
-
 bool Socket::listen(int backlog) { return ::listen(sock(handle_), backlog) == 0; }
-
-std::optional<Socket> Socket::accept(SocketAddress* peer) {
-    sockaddr_storage sa{};
-    int len = sizeof sa;
-    const SOCKET s = ::accept(sock(handle_), reinterpret_cast<sockaddr*>(&sa), &len);
-    if (s == INVALID_SOCKET) return std::nullopt;
-    if (peer != nullptr) {
-        if (auto a = detail::fromSockaddr(sa)) *peer = *a;
-    }
-    return Socket(static_cast<NativeSocket>(s), family_);
-}
-
-ConnectStatus Socket::connect(const SocketAddress& address) {
-    sockaddr_storage sa;
-    const int len = detail::toSockaddr(address, sa);
-    if (::connect(sock(handle_), reinterpret_cast<const sockaddr*>(&sa), len) == 0) return ConnectStatus::Connected;
-    const int error = ::WSAGetLastError();
-    return error == WSAEWOULDBLOCK || error == WSAEINPROGRESS ? ConnectStatus::InProgress : ConnectStatus::Failed;
-}
 
 int Socket::connectResult() const {
     int error = 0;
@@ -148,54 +143,6 @@ int Socket::connectResult() const {
         return ::WSAGetLastError();
     }
     return error;
-}
-
-std::optional<SocketAddress> Socket::localAddress() const {
-    sockaddr_storage sa{};
-    int len = sizeof sa;
-    if (::getsockname(sock(handle_), reinterpret_cast<sockaddr*>(&sa), &len) != 0) return std::nullopt;
-    return detail::fromSockaddr(sa);
-}
-
-std::optional<SocketAddress> Socket::peerAddress() const {
-    sockaddr_storage sa{};
-    int len = sizeof sa;
-    if (::getpeername(sock(handle_), reinterpret_cast<sockaddr*>(&sa), &len) != 0) return std::nullopt;
-    return detail::fromSockaddr(sa);
-}
-
-IoResult Socket::sendTo(const void* data, size_t size, const SocketAddress& to) {
-    sockaddr_storage sa;
-    const int len = detail::toSockaddr(to, sa);
-    return ioResult(::sendto(sock(handle_), static_cast<const char*>(data), clampSize(size), 0,
-                             reinterpret_cast<const sockaddr*>(&sa), len));
-}
-
-IoResult Socket::receiveFrom(void* data, size_t capacity, SocketAddress& from) {
-    sockaddr_storage sa{};
-    int len = sizeof sa;
-    IoResult r = ioResult(
-        ::recvfrom(sock(handle_), static_cast<char*>(data), clampSize(capacity), 0, reinterpret_cast<sockaddr*>(&sa), &len));
-    // A datagram larger than the buffer arrives cut; it still counts as read.
-    if (r.status == IoResult::Status::Failed && r.error == WSAEMSGSIZE) {
-        r.status = IoResult::Status::Ok;
-        r.bytes = capacity;
-        r.error = 0;
-    }
-    if (r.ok()) {
-        if (auto a = detail::fromSockaddr(sa)) from = *a;
-    }
-    return r;
-}
-
-IoResult Socket::send(const void* data, size_t size) {
-    return ioResult(::send(sock(handle_), static_cast<const char*>(data), clampSize(size), 0));
-}
-
-IoResult Socket::receive(void* data, size_t capacity) {
-    IoResult r = ioResult(::recv(sock(handle_), static_cast<char*>(data), clampSize(capacity), 0));
-    if (r.ok() && r.bytes == 0 && capacity > 0) r.status = IoResult::Status::Closed;
-    return r;
 }
 
 int poll(std::span<PollEntry> entries, int timeoutMs) {

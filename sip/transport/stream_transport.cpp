@@ -1,7 +1,11 @@
 // SIP over TCP. One I/O thread polls the listener, every connection and a
-// waker every 200 ms at most; it accepts, completes connects, reads, writes
-// and closes. Other threads only queue data under the lock and wake it.
+// waker; it accepts, completes connects, reads, writes and closes. It sleeps
+// until a socket is ready, a wake-up comes or the earliest connect or idle
+// time-out is due. Other threads only queue data under the lock and wake it.
 #include "sip/transport/stream_transport.h"
+
+#include <algorithm>
+#include <limits>
 
 #include "sip/core/log.h"
 
@@ -9,7 +13,8 @@ namespace kelsip {
 
 namespace {
 
-constexpr int kPollMs = 200;
+// Without a waker, new work is only noticed by looking again this often.
+constexpr int kPollWithoutWakerMs = 200;
 
 }  // namespace
 
@@ -205,6 +210,29 @@ void StreamTransport::closeConnection(Connection& c, const std::string& why, boo
     if (lostData) failed_.push_back(SipTarget{config_.kind, c.remote, c.id});
 }
 
+int StreamTransport::pollTimeoutMs(Clock::time_point now) const {
+    std::optional<Clock::time_point> earliest;
+    for (const auto& [id, c] : connections_) {
+        if (c->closed) continue;
+        std::optional<Clock::time_point> due;
+        if (c->state == State::Connecting) {
+            due = c->started + std::chrono::milliseconds(config_.connectTimeoutMs);
+        } else if (c->state == State::Connected && c->out.empty()) {
+            due = c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs);
+        }
+        if (due && (!earliest || *due < *earliest)) earliest = due;
+    }
+    int timeout = -1;
+    if (earliest) {
+        // The time-outs close what has been waiting longer than its limit:
+        // wake just past the due time, not at it.
+        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*earliest - now).count() + 1;
+        timeout = static_cast<int>(std::clamp<int64_t>(wait, 0, std::numeric_limits<int>::max()));
+    }
+    if (!waker_.valid()) timeout = timeout < 0 ? kPollWithoutWakerMs : std::min(timeout, kPollWithoutWakerMs);
+    return timeout;
+}
+
 void StreamTransport::ioLoop() {
     std::vector<net::PollEntry> entries;
     std::vector<Connection*> polled;
@@ -212,6 +240,7 @@ void StreamTransport::ioLoop() {
     while (!stopping_) {
         entries.clear();
         polled.clear();
+        int timeoutMs = -1;
         {
             std::lock_guard lock(mutex_);
             for (auto& [id, c] : connections_) {
@@ -225,8 +254,9 @@ void StreamTransport::ioLoop() {
                 entries.push_back({c->socket.native(), !connecting, connecting || !c->out.empty()});
                 polled.push_back(c.get());
             }
+            timeoutMs = pollTimeoutMs(Clock::now());
         }
-        const int ready = net::poll(entries, kPollMs);
+        const int ready = net::poll(entries, timeoutMs);
         {
             std::lock_guard lock(mutex_);
             if (ready > 0) {

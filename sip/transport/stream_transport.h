@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -74,6 +75,9 @@ private:
     void readFrom(Connection& c, std::vector<Received>& received);
     void writeTo(Connection& c);
     void closeConnection(Connection& c, const std::string& why, bool lostData);
+    // How long the poll may sleep: until the earliest connect or idle
+    // time-out, -1 (no limit) when no connection has one.
+    [[nodiscard]] int pollTimeoutMs(Clock::time_point now) const;
     [[nodiscard]] std::string name() const;
 
     EventLoop& loop_;

@@ -61,8 +61,9 @@ void UdpTransport::receiveLoop() {
     std::vector<char> buffer(kReceiveBufferBytes + 1);
     net::PollEntry entries[2] = {{socket_.native(), true, false}, {waker_.native(), true, false}};
     while (!stopping_) {
-        // The time-out only bounds how late a stop is noticed if the waker failed.
-        if (net::poll(entries, 200) <= 0) continue;
+        // Sleeps until a datagram or a wake-up comes. Only without a waker does
+        // it look again now and then, to notice a stop.
+        if (net::poll(entries, waker_.valid() ? -1 : 200) <= 0) continue;
         if (entries[1].readable) waker_.drain();
         if (!entries[0].readable && !entries[0].error) continue;
         for (;;) {
