@@ -36,6 +36,7 @@ void JitterBuffer::Impl::clear() {
     adjustment = Adjustment::None;
     adjustCredit = 0;
     lateness.reset();
+    eventKnown = false;
 }
 
 JitterBuffer::JitterBuffer(std::unique_ptr<AudioCodec> decoder, JitterBufferConfig config)
@@ -53,6 +54,11 @@ void JitterBuffer::pull(std::span<int16_t> out) {
     for (size_t done = 0; done < out.size(); done += kChunk) {
         impl_->render(out.subspan(done, std::min(kChunk, out.size() - done)));
     }
+}
+
+void JitterBuffer::pushEvent(uint32_t timestamp) {
+    const std::lock_guard lock(impl_->mutex);
+    impl_->pushEvent(timestamp);
 }
 
 void JitterBuffer::reset() {

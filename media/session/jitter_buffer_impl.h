@@ -58,6 +58,13 @@ struct JitterBuffer::Impl {
     }
 
     void push(uint16_t sequence, uint32_t timestamp, std::span<const uint8_t> payload, int64_t arrivalUs);
+    void pushEvent(uint32_t timestamp);
+    [[nodiscard]] int64_t unwrap(uint32_t timestamp) const {
+        return latestTimestamp + static_cast<int32_t>(timestamp - static_cast<uint32_t>(latestTimestamp));
+    }
+    [[nodiscard]] bool inEvent(int64_t position) const {
+        return eventKnown && position >= eventFrom && position < eventTo;
+    }
     void render(std::span<int16_t> out);
     void clear();
 
@@ -123,6 +130,12 @@ struct JitterBuffer::Impl {
     std::vector<int16_t> scratch;
 
     size_t lossRun = 0;  // samples concealed since real audio last played
+    int64_t lossFrom = 0;       // where that run began
+    uint64_t runConcealed = 0;  // of it, counted as concealed
+    // A telephone event owns the stream from eventFrom until the next audio.
+    bool eventKnown = false;
+    int64_t eventFrom = 0;
+    int64_t eventTo = 0;
     double gain = 1;     // level of the last sample handed out, for the fade back in
     size_t bridge = 0;
     Adjustment adjustment = Adjustment::None;

@@ -226,13 +226,19 @@ void JitterBuffer::Impl::concealInto(int16_t* out, size_t count) {
         std::fill_n(out, count, int16_t{0});  // before the stream's first sample: plain silence
         return;
     }
+    if (lossRun == 0) {
+        lossFrom = decodedEnd;
+        runConcealed = 0;
+    }
     scratch.clear();
     codec->conceal(count, scratch);
     scratch.resize(count, 0);
     for (size_t i = 0; i < count; ++i) out[i] = toSample(scratch[i] * lossGain(lossRun + i));
     gain = lossGain(lossRun + count - 1);
     lossRun += count;
+    if (inEvent(decodedEnd)) return;  // the sender left this gap for a digit
     stats.samplesConcealed += count;
+    runConcealed += count;
 }
 
 void JitterBuffer::Impl::fadeIn(int16_t* samples, size_t count) {

@@ -1,5 +1,6 @@
 // The playout buffer's packet store: arrivals unwrapped, duplicates and late ones told, kept in order.
 #include <algorithm>
+#include <limits>
 
 #include "media/session/jitter_buffer_impl.h"
 
@@ -20,6 +21,7 @@ void JitterBuffer::Impl::push(uint16_t sequence, uint32_t timestamp, std::span<c
         ts = latestTimestamp + static_cast<int32_t>(timestamp - static_cast<uint32_t>(latestTimestamp));
     }
     latestTimestamp = ts;
+    if (eventKnown && ts > eventFrom) eventTo = std::min(eventTo, ts);
     if (isDuplicate(sequence, ts)) {
         ++stats.duplicates;
         return;
@@ -45,6 +47,21 @@ void JitterBuffer::Impl::push(uint16_t sequence, uint32_t timestamp, std::span<c
     }
     store(sequence, ts, samples, payload);
     skipAfterUnderrun(ts);
+}
+
+void JitterBuffer::Impl::pushEvent(uint32_t timestamp) {
+    if (!started) return;
+    const int64_t ts = unwrap(timestamp);
+    if (eventKnown && ts <= eventFrom) return;  // the same event again, or an old one
+    eventKnown = true;
+    eventFrom = ts;
+    eventTo = std::numeric_limits<int64_t>::max();
+    // The event's first packet comes a packet time after the audio stopped:
+    // a run that began where the event did was the event's, not a loss.
+    if (lossRun > 0 && lossFrom >= eventFrom) {
+        stats.samplesConcealed -= runConcealed;
+        runConcealed = 0;
+    }
 }
 
 bool JitterBuffer::Impl::isDuplicate(uint16_t sequence, int64_t timestamp) const {
