@@ -45,6 +45,10 @@ public:
     // One received payload of the negotiated codec. `arrivalUs` is the
     // receiver's steady clock in microseconds.
     void push(uint16_t sequence, uint32_t timestamp, std::span<const uint8_t> payload, int64_t arrivalUs);
+    // A telephone event of the same stream, at its RTP timestamp: the sender
+    // sends no audio from there until its next audio packet, so running dry
+    // meanwhile is no loss and is not counted as concealment.
+    void pushEvent(uint32_t timestamp);
     // Fills all of `out` with playout: decoded audio, concealment or silence.
     void pull(std::span<int16_t> out);
     // A new source (SSRC change): forget the old stream's timing and packets.

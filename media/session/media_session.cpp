@@ -60,7 +60,10 @@ std::unique_ptr<MediaSession> MediaSession::create(MediaSessionConfig config, st
     if (config.codec.clockRate == 0 || config.codec.payloadType < 0 || config.codec.payloadType > 127) {
         return fail("no negotiated codec");
     }
-    if (!CodecRegistry::instance().create(config.codec.name)) return fail("codec not supported");
+    if (!CodecRegistry::instance().create(config.codec.name)) {
+        log::warn(kTag, "codec not available: " + config.codec.name);
+        return fail("codec not supported");
+    }
     std::unique_ptr<MediaSession> session(new MediaSession(std::move(config), std::move(transport)));
     session->transport_->attach(session.get());
     return session;
@@ -126,6 +129,7 @@ bool MediaSession::setCodec(const NegotiatedCodec& codec) {
     }
     auto encoder = CodecRegistry::instance().create(codec.name);
     auto decoder = CodecRegistry::instance().create(codec.name);
+    if (!encoder || !decoder) log::warn(kTag, "codec not available: " + codec.name);
     if (!encoder || !decoder || codec.clockRate == 0) return false;
     JitterBufferConfig jitter = control_->config.jitter;
     jitter.clockRate = codec.clockRate;

@@ -49,6 +49,7 @@ void MediaSession::onPacket(MediaTransport::Channel channel, std::span<const uin
 void MediaSession::receiveRtp(std::span<const uint8_t> bytes, int64_t arrivalUs) {
     const auto packet = RtpPacket::parse(bytes);
     std::optional<char> digit;
+    std::optional<uint32_t> eventAt;  // an event packet's timestamp, for the playout buffer
     std::shared_ptr<JitterBuffer> buffer;
     {
         const std::lock_guard lock(receive_->mutex);
@@ -91,6 +92,8 @@ void MediaSession::receiveRtp(std::span<const uint8_t> bytes, int64_t arrivalUs)
             if (const auto event = TelephoneEvent::parse(packet->payload)) {
                 digit = r.events.onPacket(packet->ssrc, packet->timestamp, packet->marker, *event);
                 if (digit) ++r.digits;
+                eventAt = packet->timestamp;
+                if (plays(control_->direction.load())) buffer = r.buffer;
             }
         } else {
             // Event packets repeat one timestamp, so only audio feeds the jitter.
@@ -98,7 +101,11 @@ void MediaSession::receiveRtp(std::span<const uint8_t> bytes, int64_t arrivalUs)
             if (plays(control_->direction.load())) buffer = r.buffer;
         }
     }
-    if (buffer) buffer->push(packet->sequence, packet->timestamp, packet->payload, arrivalUs);
+    if (buffer && eventAt) {
+        buffer->pushEvent(*eventAt);
+    } else if (buffer) {
+        buffer->push(packet->sequence, packet->timestamp, packet->payload, arrivalUs);
+    }
     if (digit) {
         std::shared_ptr<MediaSessionListener> listener;
         {

@@ -14,6 +14,7 @@
 #include "media/rtp/rtcp_packet.h"
 #include "media/rtp/rtp_packet.h"
 #include "media/session/telephone_event.h"
+#include "support/log_capture.h"
 #include "support/network_sim.h"
 
 namespace kelsip {
@@ -276,6 +277,30 @@ TEST(MediaSessionTest, DigitsCrossAsRfc4733EventsAndAreReportedOncePerEvent) {
     const RtpPacket& after = packets[lastOfHash + 1];
     EXPECT_TRUE(after.marker);
     EXPECT_EQ(after.payloadType, 0);
+}
+
+// The audio a digit replaces on a clean network was never lost: nothing is
+// concealed, though the buffer runs dry before the event's first packet.
+TEST(MediaSessionTest, TheGapADigitLeavesInTheAudioIsNotCountedAsConcealment) {
+    Call call;
+    auto sim = call.simulation();
+    sim.run(kSecond);
+    ASSERT_TRUE(call.sender->sendDigit('5'));
+    ASSERT_TRUE(call.sender->sendDigit('7', 300));
+    sim.run(2 * kSecond);
+    EXPECT_EQ(call.listener->digits, "57");
+    EXPECT_EQ(call.receiver->statistics().playout.samplesConcealed, 0u);
+}
+
+TEST(MediaSessionTest, ACodecTheRegistryCannotMakeIsLoggedAndTheSessionDoesNotStart) {
+    const test::LogCapture log;
+    SimNetwork network(1);
+    MediaSessionConfig config;
+    config.codec = pcmu();
+    config.codec.name = "X-NONE";
+    config.clock = &network.clock();
+    EXPECT_EQ(MediaSession::create(config, network.transport(0)), nullptr);
+    EXPECT_TRUE(log.has("codec not available: X-NONE"));
 }
 
 TEST(MediaSessionTest, HoldStopsSendingAndPlayingAndResumeStartsATalkspurtOnTheRunningClock) {
