@@ -26,6 +26,7 @@
 
 #include "sip/core/log.h"
 #include "sip/ua/user_agent.h"
+#include "tools/tool_phone.h"
 
 using namespace std::chrono_literals;
 using kelsip::CallInfo;
@@ -57,29 +58,9 @@ private:
     std::map<int, std::string> states_;
 };
 
-template <typename F>
-bool waitUntil(F condition, std::chrono::milliseconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
+using velmora_tools::waitUntil;
 
-std::unique_ptr<UserAgent> startPhone() {
-    kelsip::UserAgentConfig config;
-    config.bindAddress = "127.0.0.1";
-    config.udpPort = 0;
-    config.tcpPort = 0;
-    auto ua = std::make_unique<UserAgent>(config);
-    std::string error;
-    if (!ua->start(&error)) {
-        std::fprintf(stderr, "cannot start a user agent: %s\n", error.c_str());
-        return nullptr;
-    }
-    return ua;
-}
+std::unique_ptr<UserAgent> startPhone() { return velmora_tools::startPhone(0); }
 
 // One thread's counters, or the process's when read from /proc/self/stat.
 struct ThreadFigures {

@@ -18,6 +18,7 @@
 #include "media/session/media_session.h"
 #include "sip/core/log.h"
 #include "sip/ua/user_agent.h"
+#include "tools/tool_phone.h"
 #include "support/sound_card.h"
 #include "support/wav.h"
 
@@ -77,29 +78,9 @@ private:
     std::string digits_;
 };
 
-template <typename F>
-bool waitUntil(F condition, std::chrono::milliseconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
+using velmora_tools::waitUntil;
 
-std::unique_ptr<UserAgent> startPhone() {
-    kelsip::UserAgentConfig config;
-    config.bindAddress = "127.0.0.1";
-    config.udpPort = 0;
-    config.tcpPort = -1;
-    auto ua = std::make_unique<UserAgent>(config);
-    std::string error;
-    if (!ua->start(&error)) {
-        std::fprintf(stderr, "cannot start a user agent: %s\n", error.c_str());
-        return nullptr;
-    }
-    return ua;
-}
+std::unique_ptr<UserAgent> startPhone() { return velmora_tools::startPhone(-1); }
 
 void printFigures(const char* who, const kelsip::MediaStatistics& s) {
     std::printf("  %-5s %s pt %d ptime %u ms: sent %llu packets, received %llu, lost %lld, jitter %.2f ms, "
