@@ -90,6 +90,7 @@ struct Call {
     std::optional<SessionDescription> remoteOffer;  // an incoming INVITE's offer
     std::optional<NegotiatedCodec> codec;
     bool lateOffer = false;  // an INVITE without SDP: our offer goes in the 200
+    bool answerInAck = false;  // an offerless re-INVITE got our offer in its 2xx
     std::shared_ptr<MediaSession> media;
     RtpSession* rtpView = nullptr;  // the media session's transport, for new remote addresses
     std::shared_ptr<MediaSessionListener> mediaListener;
@@ -119,7 +120,7 @@ struct Call {
     bool peerAllowsUpdate = false;
 
     EventLoop::TimerId noAnswerTimer = 0;
-    std::string reofferKey;  // a re-INVITE of ours in flight
+    std::string reofferKey;  // a re-offer of ours (re-INVITE or UPDATE) in flight
     // Transfer: an incoming INVITE's Replaces names this call; a call we
     // made for a REFER reports to the call that asked (its NOTIFYs).
     int replaces = 0;

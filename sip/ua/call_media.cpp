@@ -141,7 +141,10 @@ void UserAgent::Impl::startMedia(Call& call, const SessionDescription& remote, M
 }
 
 void UserAgent::Impl::sendReoffer(Call& call) {
-    SipMessage invite = buildInDialogRequest(call, "INVITE");
+    // An UPDATE where the dialog allows it (no ACK, no ringing to wait
+    // for), else a re-INVITE.
+    const bool update = call.peerAllowsUpdate;
+    SipMessage invite = buildInDialogRequest(call, update ? "UPDATE" : "INVITE");
     // A proxy that challenged an INVITE of this call may challenge each
     // re-INVITE too: the credentials it took last time go along.
     const Line* line = findLine(call.line);
@@ -149,13 +152,13 @@ void UserAgent::Impl::sendReoffer(Call& call) {
     invite.addHeader("Content-Type", "application/sdp");
     invite.body = buildOffer(call, call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv);
     const int id = call.id;
-    call.reofferKey = transactions_->sendRequest(invite, dialogTarget(call), [this, id](const SipMessage* r) {
+    call.reofferKey = transactions_->sendRequest(invite, dialogTarget(call), [this, id, update](const SipMessage* r) {
         Call* c = findCall(id);
         if (c == nullptr || (r != nullptr && r->statusCode < 200)) return;
         if (r != nullptr && r->statusCode < 300) {
             c->reofferKey.clear();
             c->authAttempts = 0;
-            sendAck(*c, *r);
+            if (!update) sendAck(*c, *r);
             if (!takeAnswer(*c, r->body)) log::warn(kTag, callPrefix(*c) + ": unusable answer SDP to the re-offer");
             if (listener_) listener_->onCallInfo(infoOf(*c));
             return;

@@ -259,11 +259,7 @@ bool UserAgent::Impl::answerCall(int id) {
     loop_->cancel(call.reliableTimer);  // the 2xx settles the ringing
     call.reliableTimer = 0;
     call.reliableText.clear();
-    // The transaction only forwards the 2xx once; we repeat it until the ACK.
-    call.okText = ok.toString();
-    call.okTarget = call.targets.front();
-    call.okRepeats.start(transactions_->timers().t1Ms);
-    call.okTimer = transactions_->schedule(call.okRepeats.intervalMs, [this, id] { retransmit2xx(id); });
+    sendInviteOk(call, {}, ok, call.targets.front());
     setCallState(call, CallState::Connected, 200, "OK");
     armSessionTimer(call);
     if (Call* replaced = findCall(call.replaces); replaced != nullptr && replaced->state != CallState::Terminated) {
@@ -276,6 +272,18 @@ bool UserAgent::Impl::answerCall(int id) {
         }
     }
     return true;
+}
+
+// The transaction forwards a 2xx to an INVITE once; we repeat it until the
+// ACK (a re-INVITE's as well as the first). An empty key: already sent.
+void UserAgent::Impl::sendInviteOk(Call& call, const std::string& key, const SipMessage& ok, const SipTarget& target) {
+    if (!key.empty()) (void)transactions_->sendResponse(key, ok);
+    loop_->cancel(call.okTimer);
+    call.okText = ok.toString();
+    call.okTarget = target;
+    call.okRepeats.start(transactions_->timers().t1Ms);
+    const int id = call.id;
+    call.okTimer = transactions_->schedule(call.okRepeats.intervalMs, [this, id] { retransmit2xx(id); });
 }
 
 void UserAgent::Impl::retransmit2xx(int id) {
@@ -331,12 +339,15 @@ void UserAgent::Impl::onAck(const SipMessage& ack) {
     loop_->cancel(call->okTimer);
     call->okTimer = 0;
     call->okText.clear();
-    if (call->lateOffer && call->codec == std::nullopt) {
-        if (!takeAnswer(*call, ack.body)) {
-            log::warn(kTag, callPrefix(*call) + ": unusable answer SDP, hanging up");
-            sendBye(*call);
-        }
+    const bool answerDue = (call->lateOffer && call->codec == std::nullopt) || call->answerInAck;
+    if (!answerDue) return;
+    call->answerInAck = false;
+    if (!takeAnswer(*call, ack.body)) {
+        log::warn(kTag, callPrefix(*call) + ": unusable answer SDP, hanging up");
+        sendBye(*call);
+        return;
     }
+    if (call->state == CallState::Connected && listener_) listener_->onCallInfo(infoOf(*call));
 }
 
 void UserAgent::Impl::onCancel(const std::string& key, const SipMessage& cancel) {
@@ -361,7 +372,8 @@ void UserAgent::Impl::onCancel(const std::string& key, const SipMessage& cancel)
     endCall(*target, 487, "Cancelled");
 }
 
-void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, const SipMessage& request) {
+void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, const SipMessage& request,
+                                         const SipTarget& source) {
     const std::string& method = request.method;
     if (const auto cseq = request.cseq()) {
         if (call.dialog.remoteCseq && cseq->number < *call.dialog.remoteCseq && method != "ACK") {
@@ -415,23 +427,34 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         return;
     }
     if (method == "INVITE" || method == "UPDATE") {
-        if (!call.reofferKey.empty() && method == "INVITE") {
-            respond(key, request, 491);  // our own re-offer is on its way
+        // An INVITE always opens an offer/answer exchange (with or without
+        // its offer); an UPDATE only when it carries one. While one of ours
+        // is open, theirs is glare.
+        const bool exchange = method == "INVITE" || !request.body.empty();
+        if (exchange && (!call.reofferKey.empty() || call.answerInAck)) {
+            respond(key, request, 491);
             return;
         }
         const bool refresh = request.hasHeader("Session-Expires");
         if (refresh) readSessionTimer(call, request, false);
+        SipMessage ok = makeResponse(request, 200, "", "");
+        ok.addHeader("Contact", contactFor(call));
+        ok.addHeader("Server", config_.userAgent);
+        if (refresh) {
+            addSessionHeaders(call, ok);
+            ok.addHeader("Require", "timer");
+        }
+        if (request.body.empty() && method == "UPDATE") {
+            (void)transactions_->sendResponse(key, ok);  // a refresh, no offer
+            return;
+        }
         if (request.body.empty()) {
-            // A refresh without an offer (or an offerless re-INVITE, which
-            // asks for ours: answered the same way for now).
-            SipMessage ok = makeResponse(request, 200, "", "");
-            ok.addHeader("Contact", contactFor(call));
-            ok.addHeader("Server", config_.userAgent);
-            if (refresh) {
-                addSessionHeaders(call, ok);
-                ok.addHeader("Require", "timer");
-            }
-            (void)transactions_->sendResponse(key, ok);
+            // An offerless re-INVITE (a PBX refreshing or moving media) asks
+            // for our offer; the answer comes in the ACK.
+            ok.addHeader("Content-Type", "application/sdp");
+            ok.body = buildOffer(call, call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv);
+            call.answerInAck = true;
+            sendInviteOk(call, key, ok, source);
             return;
         }
         auto offer = SessionDescription::parse(request.body);
@@ -450,16 +473,13 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         if (theirs == MediaDirection::RecvOnly) ours = MediaDirection::SendOnly;
         call.codec = codec;
         call.remoteOffer = offer;
-        SipMessage ok = makeResponse(request, 200, "", "");
-        ok.addHeader("Contact", contactFor(call));
-        ok.addHeader("Server", config_.userAgent);
-        if (refresh) {
-            addSessionHeaders(call, ok);
-            ok.addHeader("Require", "timer");
-        }
         ok.addHeader("Content-Type", "application/sdp");
         ok.body = buildAnswer(call, ours);
-        (void)transactions_->sendResponse(key, ok);
+        if (method == "INVITE") {
+            sendInviteOk(call, key, ok, source);
+        } else {
+            (void)transactions_->sendResponse(key, ok);
+        }
         startMedia(call, *offer, ours);
         if (listener_) listener_->onCallInfo(infoOf(call));
         return;

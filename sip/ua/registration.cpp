@@ -138,8 +138,9 @@ PushSupport UserAgent::Impl::pushSupport(int id) const {
 
 size_t UserAgent::Impl::shutdown() {
     if (!started_) return 0;
-    // Subscriptions, watchers and the published presence end with us; only
-    // the un-REGISTERs are waited for.
+    // What we told servers about ourselves is taken back: subscriptions end
+    // with an un-SUBSCRIBE, the published presence with a removal, lines
+    // with an un-REGISTER. The caller waits for the answers to all of them.
     std::vector<int> subscriptions;
     for (const auto& [id, s] : subscriptions_) subscriptions.push_back(id);
     for (const int id : subscriptions) (void)unsubscribe(id);
@@ -150,6 +151,8 @@ size_t UserAgent::Impl::shutdown() {
         log::info(kTag, linePrefix(line) + ": un-registering before shutdown");
         if (unregisterLine(id)) ++sent;
     }
+    for (const auto& [id, s] : subscriptions_) sent += s.unsubscribing && (s.outgoing != 0 || !s.refreshKey.empty());
+    for (const auto& [id, line] : lines_) sent += line.presence.outgoing != 0;
     return sent;
 }
 
@@ -158,6 +161,16 @@ bool UserAgent::Impl::pendingUnregisters() const {
         if (line.state == RegistrationState::Unregistering) return true;
     }
     return false;
+}
+
+bool UserAgent::Impl::pendingWithdrawals() const {
+    for (const auto& [id, s] : subscriptions_) {
+        if (s.unsubscribing && (s.outgoing != 0 || !s.refreshKey.empty())) return true;
+    }
+    for (const auto& [id, line] : lines_) {
+        if (line.presence.outgoing != 0) return true;
+    }
+    return pendingUnregisters();
 }
 
 void UserAgent::Impl::cancelTimers(Line& line) {

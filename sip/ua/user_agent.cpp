@@ -255,7 +255,7 @@ void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& reques
     }
     if (!request.toTag().empty()) {
         if (Call* call = findCallByDialog(request, false)) {
-            onInDialogRequest(*call, key, request);
+            onInDialogRequest(*call, key, request, source);
             return;
         }
         if (request.method == "NOTIFY") {
@@ -319,14 +319,18 @@ bool UserAgent::start(std::string* error) {
 void UserAgent::shutdown(std::chrono::milliseconds wait) {
     const size_t sent = impl_->loop().invoke([this] { return impl_->shutdown(); });
     if (sent > 0 && impl_->ownsLoopThread()) {
+        // One bound for every withdrawal: un-REGISTERs, un-SUBSCRIBEs and the
+        // PUBLISH removal.
         const auto deadline = std::chrono::steady_clock::now() + wait;
-        bool answered = false;
-        while (!(answered = !impl_->loop().invoke([this] { return impl_->pendingUnregisters(); })) &&
+        while (impl_->loop().invoke([this] { return impl_->pendingWithdrawals(); }) &&
                std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        if (!answered) {
+        if (impl_->loop().invoke([this] { return impl_->pendingUnregisters(); })) {
             log::warn(kTag, "no answer to the un-REGISTER within " + std::to_string(wait.count()) + " ms");
+        } else if (impl_->loop().invoke([this] { return impl_->pendingWithdrawals(); })) {
+            log::warn(kTag, "no answer to the un-SUBSCRIBE or the PUBLISH removal within " +
+                                std::to_string(wait.count()) + " ms");
         }
     }
     impl_->stop();

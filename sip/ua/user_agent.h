@@ -176,7 +176,8 @@ public:
     // when no transport could be opened ("no SIP transport could be started").
     [[nodiscard]] bool start(std::string* error = nullptr);
     // Un-registers every registered line ("un-registering before shutdown"),
-    // waits up to `wait` for the answers, then stops everything.
+    // ends the subscriptions and removes the published presence, waits up
+    // to `wait` for the answers to all of them, then stops everything.
     void shutdown(std::chrono::milliseconds wait = std::chrono::milliseconds(3000));
 
     [[nodiscard]] int addLine(const LineConfig& config);

@@ -74,6 +74,7 @@ public:
     // Stops every timer, lookup and transport; the loop stays to its owner.
     void stop();
     [[nodiscard]] bool pendingUnregisters() const;
+    [[nodiscard]] bool pendingWithdrawals() const;
 
     int addLine(const LineConfig& config);
     bool removeLine(int id);
@@ -148,7 +149,8 @@ private:
     [[nodiscard]] std::string contactFor(const Call& call) const;
     // Calls: what arrives.
     void onInvite(const std::string& key, const SipMessage& request, const SipTarget& source);
-    void onInDialogRequest(Call& call, const std::string& key, const SipMessage& request);
+    void onInDialogRequest(Call& call, const std::string& key, const SipMessage& request, const SipTarget& source);
+    void sendInviteOk(Call& call, const std::string& key, const SipMessage& ok, const SipTarget& target);
     void onAck(const SipMessage& ack);
     void onCancel(const std::string& key, const SipMessage& cancel);
     void respond(const std::string& key, const SipMessage& request, int code, std::string_view reason = {},
