@@ -230,12 +230,7 @@ std::string addressUri(const std::string& value) {
 
 }  // namespace
 
-BaresipPeer::BaresipPeer() = default;
 BaresipPeer::~BaresipPeer() { stop(); }
-
-bool BaresipPeer::supported() { return Process::supported(); }
-
-std::string BaresipPeer::findBinary() { return Process::findProgram("baresip"); }
 
 std::string BaresipPeer::findModules() {
     for (const char* folder : {"/usr/lib/baresip/modules", "/usr/local/lib/baresip/modules",
@@ -245,8 +240,6 @@ std::string BaresipPeer::findModules() {
     }
     return {};
 }
-
-std::string BaresipPeer::hostPort() const { return "127.0.0.1:" + std::to_string(sipPort_); }
 
 std::string BaresipPeer::aor() const {
     return "sip:" + options_.user + "@" + (options_.domain.empty() ? hostPort() : options_.domain);
@@ -264,7 +257,7 @@ std::string BaresipPeer::config(const std::string& modules, const std::filesyste
     // The player is a bridge with no source on the other side: nothing plays,
     // and the sndfile filter in front of it writes what was decoded.
     return "# One interop test's far phone, written by its fixture.\n"
-           "sip_listen 127.0.0.1:" + std::to_string(sipPort_) + "\n"
+           "sip_listen 127.0.0.1:" + std::to_string(port_) + "\n"
            "call_local_timeout 120\n"
            "call_max_calls 4\n"
            "audio_player aubridge,velmora-sink\n"
@@ -307,7 +300,7 @@ std::string BaresipPeer::accountLine() const {
 bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
     std::string ignored;
     if (error == nullptr) error = &ignored;
-    if (findBinary().empty()) {
+    if (!installed("baresip")) {
         *error = "baresip not found: install baresip-core (scripts/setup does)";
         return false;
     }
@@ -342,9 +335,9 @@ bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
     bool connected = false;
     for (int attempt = 0; attempt < 5 && !connected; ++attempt) {
         stop();
-        sipPort_ = freeLoopbackPort();
+        port_ = freeLoopbackPort();
         controlPort_ = freeLoopbackPort();
-        if (sipPort_ == 0 || controlPort_ == 0 || sipPort_ == controlPort_) continue;
+        if (port_ == 0 || controlPort_ == 0 || port_ == controlPort_) continue;
         if (!writeTextFile(dir_.file("config"), config(modules, source))) {
             *error = "cannot write the baresip config";
             return false;

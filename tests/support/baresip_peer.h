@@ -60,8 +60,7 @@
 #include <vector>
 
 #include "sip/net/socket.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
+#include "support/peer_process.h"
 
 namespace kelsip::test {
 
@@ -115,18 +114,11 @@ struct BaresipEvent {
     std::string json;  // the whole event
 };
 
-class BaresipPeer {
+class BaresipPeer : public PeerProcess {
 public:
-    BaresipPeer();
+    BaresipPeer() : PeerProcess("baresip") {}
     // stop().
-    ~BaresipPeer();
-    BaresipPeer(const BaresipPeer&) = delete;
-    BaresipPeer& operator=(const BaresipPeer&) = delete;
-
-    // False where programs cannot be started (Windows, and so Wine).
-    [[nodiscard]] static bool supported();
-    // The baresip program, or empty when it is not installed.
-    [[nodiscard]] static std::string findBinary();
+    ~BaresipPeer() override;
     // The folder holding its modules, or empty when they are not there.
     [[nodiscard]] static std::string findModules();
 
@@ -138,9 +130,6 @@ public:
     // has not ended within two seconds. Safe to call again.
     void stop();
 
-    [[nodiscard]] uint16_t sipPort() const { return sipPort_; }
-    // "127.0.0.1:P".
-    [[nodiscard]] std::string hostPort() const;
     // sip:user@domain, as it registers.
     [[nodiscard]] std::string aor() const;
     // sip:user@127.0.0.1:P, with ;transport=tcp over TCP: where a direct
@@ -195,8 +184,6 @@ public:
 
     // The decoded audio of each call so far, oldest first.
     [[nodiscard]] std::vector<std::filesystem::path> recordings() const;
-    // baresip's output: start-up, SIP trace, warnings.
-    [[nodiscard]] std::string log() const { return process_.log(); }
     // A heading for printing the log: "baresip sip:bob@... on 127.0.0.1:P".
     [[nodiscard]] std::string name() const;
 
@@ -209,10 +196,7 @@ private:
     bool pump(int timeoutMs);
     void take(std::string_view json);
 
-    TempDir dir_{"velmora-baresip"};
-    Process process_;
     BaresipOptions options_;
-    uint16_t sipPort_ = 0;
     uint16_t controlPort_ = 0;
     net::Socket control_;
     std::string received_;

@@ -5,38 +5,17 @@
 #include <string>
 #include <vector>
 
-#include "sip/net/socket_address.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
+#include "support/peer_process.h"
 
 namespace kelsip::test {
 
-class DnsmasqServer {
+class DnsmasqServer : public PeerProcess {
 public:
-    DnsmasqServer();
-    ~DnsmasqServer();
-    DnsmasqServer(const DnsmasqServer&) = delete;
-    DnsmasqServer& operator=(const DnsmasqServer&) = delete;
-
-    // False where dnsmasq cannot run at all (Windows, and so Wine).
-    [[nodiscard]] static bool supported();
-    // The dnsmasq program, or empty when it is not installed.
-    [[nodiscard]] static std::string findBinary();
-
+    DnsmasqServer() : PeerProcess("dnsmasq") {}
     // Writes `configLines` (dnsmasq.conf syntax) beside the fixed options,
     // starts dnsmasq and waits until it answers a query. On failure the
     // reason is in `error` and the program's output in log().
     [[nodiscard]] bool start(const std::vector<std::string>& configLines, std::string* error);
-    // Kills it now; the destructor does the same.
-    void stop();
-
-    [[nodiscard]] net::SocketAddress address() const;
-    [[nodiscard]] std::string log() const;
-
-private:
-    TempDir dir_{"velmora-dnsmasq"};
-    Process process_;
-    uint16_t port_ = 0;
 };
 
 }  // namespace kelsip::test

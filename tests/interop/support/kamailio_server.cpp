@@ -6,8 +6,6 @@
 
 #include "interop/support/sip_probe.h"
 #include "sip/net/socket.h"
-#include "support/free_port.h"
-#include "support/wait.h"
 
 namespace kelsip::test {
 
@@ -35,11 +33,6 @@ bool acceptsTcp(const net::SocketAddress& address) {
 }
 
 }  // namespace
-
-KamailioServer::KamailioServer() = default;
-KamailioServer::~KamailioServer() { stop(); }
-
-std::string KamailioServer::findBinary() { return Process::findProgram("kamailio"); }
 
 std::string KamailioServer::findModules() {
     for (const char* folder : {"/usr/lib/x86_64-linux-gnu/kamailio/modules", "/usr/lib/kamailio/modules",
@@ -107,60 +100,32 @@ std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, cons
 }
 
 bool KamailioServer::start(const KamailioOptions& options, std::string* error) {
-    if (findBinary().empty()) {
-        *error = "kamailio not found: install kamailio (scripts/setup does)";
-        return false;
-    }
     const std::string modules = findModules();
     if (modules.empty()) {
         *error = "Kamailio's modules not found (looked in /usr/lib/x86_64-linux-gnu/kamailio/modules)";
         return false;
     }
-    if (!dir_.valid()) {
-        *error = "cannot create a temporary folder";
-        return false;
-    }
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        stop();
-        port_ = freeLoopbackPort();
-        if (port_ == 0) continue;
+    Launch kamailio;
+    kamailio.program = "kamailio";
+    kamailio.package = "kamailio";
+    kamailio.prepare = [&](ProcessOptions& run, std::string* failure) {
         if (!writeTextFile(dir_.file("kamailio.cfg"), config(options, port_, modules))) {
-            *error = "cannot write kamailio.cfg";
+            *failure = "cannot write kamailio.cfg";
             return false;
         }
-        ProcessOptions run;
-        run.program = "kamailio";
         const std::string dir = dir_.path().string();
         // Foreground (-DD), log to standard error (-E), small memory pools.
         run.arguments = {"-f", dir_.file("kamailio.cfg").string(), "-P", dir_.file("kamailio.pid").string(),
                          "-w", dir, "-Y", dir, "-DD", "-E", "-m", "32", "-M", "4"};
-        run.workingDirectory = dir_.path();
-        run.logFile = dir_.file("kamailio.log");
-        if (!process_.start(run, error)) return false;
-
-        const bool ready = waitFor(
-            [&] {
-                if (!process_.isRunning()) return true;
-                return sendOptions(address(), "sip:" + hostPort(), std::chrono::milliseconds(100)) == 200 &&
-                       acceptsTcp(address());
-            },
-            std::chrono::seconds(10));
-        if (ready && process_.isRunning()) return true;
-        // Lost the port to another program: try a fresh one.
-        if (log().find("Address already in use") == std::string::npos) break;
-    }
-    stop();
-    *error = "Kamailio did not start (its log follows)";
-    return false;
+        return true;
+    };
+    kamailio.ready = [&] {
+        return sendOptions(address(), "sip:" + hostPort(), std::chrono::milliseconds(100)) == 200 &&
+               acceptsTcp(address());
+    };
+    kamailio.lostPort = [&] { return log().find("Address already in use") != std::string::npos; };
+    return launch(kamailio, error);
 }
-
-void KamailioServer::stop() { process_.stop(); }
-
-net::SocketAddress KamailioServer::address() const {
-    return net::SocketAddress::loopback(net::AddressFamily::V4, port_);
-}
-
-std::string KamailioServer::hostPort() const { return address().toString(); }
 
 int KamailioServer::optionsTo(const std::string& user, const std::string& domain,
                               std::chrono::milliseconds timeout) const {

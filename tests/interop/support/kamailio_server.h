@@ -8,9 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "sip/net/socket_address.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
+#include "support/peer_process.h"
 
 namespace kelsip::test {
 
@@ -29,15 +27,9 @@ struct KamailioOptions {
     int nonceExpires = 300;
 };
 
-class KamailioServer {
+class KamailioServer : public PeerProcess {
 public:
-    KamailioServer();
-    ~KamailioServer();
-    KamailioServer(const KamailioServer&) = delete;
-    KamailioServer& operator=(const KamailioServer&) = delete;
-
-    // The kamailio program, or empty when it is not installed.
-    [[nodiscard]] static std::string findBinary();
+    KamailioServer() : PeerProcess("kamailio") {}
     // Where Debian keeps its modules, or empty when they are not there.
     [[nodiscard]] static std::string findModules();
 
@@ -45,13 +37,6 @@ public:
     // it answers an OPTIONS on UDP and accepts a TCP connection. On failure
     // the reason is in `error` and Kamailio's output in log().
     [[nodiscard]] bool start(const KamailioOptions& options, std::string* error);
-    void stop();
-
-    [[nodiscard]] uint16_t port() const { return port_; }
-    [[nodiscard]] net::SocketAddress address() const;
-    // "127.0.0.1:P": the domain of a line registering here.
-    [[nodiscard]] std::string hostPort() const;
-    [[nodiscard]] std::string log() const { return process_.log(); }
 
     // Sends OPTIONS for sip:user@domain (domain: hostPort() when empty)
     // from a fresh UDP socket and returns the final status code, 0 when none
@@ -69,10 +54,6 @@ public:
 private:
     [[nodiscard]] static std::string config(const KamailioOptions& options, uint16_t port, const std::string& modules);
     [[nodiscard]] int count(const std::string& needle) const;
-
-    TempDir dir_{"velmora-kamailio"};
-    Process process_;
-    uint16_t port_ = 0;
 };
 
 }  // namespace kelsip::test

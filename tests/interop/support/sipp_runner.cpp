@@ -6,8 +6,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "support/free_port.h"
-#include "support/wait.h"
 
 namespace kelsip::test {
 
@@ -33,30 +31,15 @@ bool boundOnLoopback(bool tcp, uint16_t port) {
 
 }  // namespace
 
-SippRunner::SippRunner() = default;
-SippRunner::~SippRunner() { stop(); }
-
-std::string SippRunner::findBinary() { return Process::findProgram("sipp"); }
-
 std::string SippRunner::scenarioFolder() { return VELMORA_SIPP_SCENARIOS; }
 
 bool SippRunner::start(const SippOptions& options, std::string* error) {
-    if (findBinary().empty()) {
-        *error = "sipp not found: install sip-tester (scripts/setup does)";
-        return false;
-    }
-    if (!dir_.valid()) {
-        *error = "cannot create a temporary folder";
-        return false;
-    }
     const std::string scenario =
         options.scenario.find('/') == std::string::npos ? scenarioFolder() + "/" + options.scenario : options.scenario;
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        stop();
-        port_ = freeLoopbackPort();
-        if (port_ == 0) continue;
-        ProcessOptions run;
-        run.program = "sipp";
+    Launch sipp;
+    sipp.program = "sipp";
+    sipp.package = "sip-tester";
+    sipp.prepare = [&](ProcessOptions& run, std::string*) {
         run.arguments = {"-sf", scenario, "-i", "127.0.0.1", "-p", std::to_string(port_), "-t",
                          options.tcp ? "t1" : "u1", "-m", std::to_string(options.calls), "-timeout",
                          std::to_string(options.timeout.count()) + "s", "-timeout_error", "-nostdin",
@@ -64,29 +47,14 @@ bool SippRunner::start(const SippOptions& options, std::string* error) {
                          "-error_file", dir_.file("errors.log").string()};
         run.arguments.insert(run.arguments.end(), options.arguments.begin(), options.arguments.end());
         if (!options.remote.empty()) run.arguments.push_back(options.remote);
-        run.workingDirectory = dir_.path();
-        run.logFile = dir_.file("sipp.log");
         run.stopGrace = std::chrono::milliseconds(1000);
-        if (!process_.start(run, error)) return false;
-
-        const bool ready = waitFor([&] { return !process_.isRunning() || boundOnLoopback(options.tcp, port_); },
-                                   std::chrono::seconds(10));
-        if (ready && process_.isRunning()) return true;
-        // 254: SIPp could not bind its socket; the port went to someone else.
-        if (process_.exitCode() != 254) break;
-    }
-    stop();
-    *error = "SIPp did not start (its log follows)";
-    return false;
+        return true;
+    };
+    sipp.ready = [&] { return boundOnLoopback(options.tcp, port_); };
+    // 254: SIPp could not bind its socket; the port went to someone else.
+    sipp.lostPort = [&] { return process_.exitCode() == 254; };
+    return launch(sipp, error);
 }
-
-void SippRunner::stop() { process_.stop(); }
-
-net::SocketAddress SippRunner::address() const {
-    return net::SocketAddress::loopback(net::AddressFamily::V4, port_);
-}
-
-std::string SippRunner::hostPort() const { return address().toString(); }
 
 std::optional<int> SippRunner::waitForExit(std::chrono::milliseconds timeout) {
     return process_.waitForExit(timeout);

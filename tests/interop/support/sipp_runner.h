@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "sip/net/socket_address.h"
-#include "support/process.h"
-#include "support/temp_dir.h"
+#include "support/peer_process.h"
 
 namespace kelsip::test {
 
@@ -28,25 +27,15 @@ struct SippOptions {
     std::vector<std::string> arguments;
 };
 
-class SippRunner {
+class SippRunner : public PeerProcess {
 public:
-    SippRunner();
-    ~SippRunner();
-    SippRunner(const SippRunner&) = delete;
-    SippRunner& operator=(const SippRunner&) = delete;
-
-    [[nodiscard]] static std::string findBinary();
+    SippRunner() : PeerProcess("sipp") {}
     // The folder of the scenario files.
     [[nodiscard]] static std::string scenarioFolder();
 
     // Starts SIPp and waits until it listens on its port. On failure the
     // reason is in `error` and SIPp's output in log().
     [[nodiscard]] bool start(const SippOptions& options, std::string* error);
-    void stop();
-
-    [[nodiscard]] uint16_t port() const { return port_; }
-    [[nodiscard]] net::SocketAddress address() const;
-    [[nodiscard]] std::string hostPort() const;
 
     // SIPp's exit status once it ended: 0 when every call went as the
     // scenario says, 1 when one failed (a check, a time-out), 255 or 254 on
@@ -58,11 +47,6 @@ public:
     [[nodiscard]] std::string messages() const;
     // SIPp's own output, its error trace and its message trace together.
     [[nodiscard]] std::string log() const;
-
-private:
-    TempDir dir_{"velmora-sipp"};
-    Process process_;
-    uint16_t port_ = 0;
 };
 
 }  // namespace kelsip::test

@@ -20,7 +20,7 @@ protected:
         if (!DnsmasqServer::supported()) {
             GTEST_SKIP() << "dnsmasq does not run on Windows or under Wine; these tests run natively";
         }
-        ASSERT_FALSE(DnsmasqServer::findBinary().empty())
+        ASSERT_TRUE(DnsmasqServer::installed("dnsmasq"))
             << "dnsmasq not found: install dnsmasq-base (scripts/setup does)";
     }
 
