@@ -3,8 +3,10 @@
 // publication (entity tags through refresh, modify, 412 and removal).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <set>
+#include <thread>
 
 #include "support/virtual_user_agent.h"
 
@@ -234,6 +236,43 @@ TEST_F(PresenceTest, APublishNobodyAnswersIsLoggedAsATimeout) {
     ASSERT_TRUE(peer.expect("PUBLISH", pump));
     advance(33s);
     EXPECT_TRUE(logs.waitForLine("line " + std::to_string(line) + ": PUBLISH failed with timeout"));
+}
+
+// Shutdown takes back what the server was told and waits, within its bound,
+// for the answers: here the PUBLISH removal, held back by the server until
+// after the check that shutdown has not yet returned.
+TEST(ShutdownTest, WaitsForTheAnswerToThePublishRemoval) {
+    test::ScriptedPeer peer;
+    const test::ScriptedPeer::Pump idle = [] {};
+    UserAgentConfig config;
+    config.bindAddress = "127.0.0.1";
+    config.udpPort = 0;
+    config.tcpPort = -1;
+    UserAgent ua(config);
+    ASSERT_TRUE(ua.start());
+    LineConfig line;
+    line.user = "alice";
+    line.domain = peer.hostPort();
+    const int id = ua.addLine(line);
+    ASSERT_TRUE(ua.setPresence(id, PresenceStatus{true, "", "", ""}));
+    const auto publish = peer.expect("PUBLISH", idle);
+    ASSERT_TRUE(publish);
+    peer.answer(*publish, 200, "SIP-ETag: e1\r\nExpires: 3600\r\n");
+
+    std::atomic<bool> returned{false};
+    std::thread stopping([&] {
+        ua.shutdown(std::chrono::milliseconds(3000));
+        returned = true;
+    });
+    const auto removal = peer.expect("PUBLISH", idle);
+    ASSERT_TRUE(removal);
+    EXPECT_EQ(removal->expires(), 0);
+    EXPECT_EQ(removal->header("SIP-If-Match"), "e1");
+    EXPECT_FALSE(peer.expect("PUBLISH", idle, 200ms));  // nothing else, and shutdown still waits
+    EXPECT_FALSE(returned);
+    peer.answer(*removal, 200);
+    stopping.join();
+    EXPECT_TRUE(returned);
 }
 
 }  // namespace
