@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "interop/support/interop_test.h"
+#include "interop/support/sipp_trace.h"
 #include "sip/ua/user_agent.h"
 #include "support/wait.h"
 
@@ -68,6 +69,25 @@ private:
     std::map<int, CallInfo> last_;
     std::map<int, std::vector<CallInfo>> infos_;
 };
+
+using Trace = std::vector<Traced>;
+
+inline Trace requests(const Trace& trace, bool received, std::string_view method) {
+    return select(trace, [&](const Traced& m) { return m.received == received && m.isRequest(method); });
+}
+inline Trace responses(const Trace& trace, bool received, int code, std::string_view cseq) {
+    return select(trace, [&](const Traced& m) { return m.received == received && m.isResponse(code, cseq); });
+}
+// The tag parameter of a From or To value.
+inline std::string tagOf(const std::string& value) {
+    const auto at = value.find(";tag=");
+    return at == std::string::npos ? "" : value.substr(at + 5, value.find(';', at + 5) - (at + 5));
+}
+// A sipfrag body as the trace keeps it, without the blank lines after it.
+inline std::string trimmed(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    return text;
+}
 
 class CallSippFixture : public InteropTest {
 protected:
