@@ -112,10 +112,11 @@ TEST(RtpIoServiceTest, RemoveWaitsForARunningCallAndNoCallFollowsIt) {
 TEST(RtpIoServiceTest, RemovingAndAddingFromInsideACallbackDoesNotDeadlock) {
     FakeHandler self, neighbour, newcomer;  // the neighbour comes next in the same round
     RtpIoService io({16, 10});
+    std::atomic<bool> armed{false};  // both added: the worker may poll self before the neighbour is in
     std::atomic<bool> done{false};
     std::atomic<int> neighbourCallsAfterRemoval{0};
     self.hook = [&] {
-        if (done) return;
+        if (!armed || done) return;
         io.remove(1);
         io.remove(2);
         EXPECT_EQ(io.add(3, newcomer), Added::Added);
@@ -124,6 +125,7 @@ TEST(RtpIoServiceTest, RemovingAndAddingFromInsideACallbackDoesNotDeadlock) {
     neighbour.hook = [&] { neighbourCallsAfterRemoval += done ? 1 : 0; };  // same thread: exact
     ASSERT_EQ(io.add(1, self), Added::Added);
     ASSERT_EQ(io.add(2, neighbour), Added::Added);
+    armed = true;
     ASSERT_TRUE(test::waitFor([&] { return done.load(); }, test::kDeadline));
     const int selfPolls = self.polls;
     ASSERT_TRUE(test::waitFor([&] { return newcomer.polls >= 3; }, test::kDeadline));
