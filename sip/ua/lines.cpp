@@ -2,7 +2,7 @@
 // failed over, retried and withdrawn.
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/lines.h"
 
 namespace kelsip {
 
@@ -24,45 +24,40 @@ std::string quoted(std::string_view text) {
 
 }  // namespace
 
-Line* UserAgent::Impl::findLine(int id) {
+Line* Lines::find(int id) {
     const auto it = lines_.find(id);
     return it == lines_.end() ? nullptr : &it->second;
 }
 
-const Line* UserAgent::Impl::findLine(int id) const {
+const Line* Lines::find(int id) const {
     const auto it = lines_.find(id);
     return it == lines_.end() ? nullptr : &it->second;
 }
 
-int UserAgent::Impl::addLine(const LineConfig& config) {
+int Lines::add(const LineConfig& config) {
     const int id = nextLineId_++;
     Line& line = lines_[id];
     line.id = id;
     line.config = config;
     line.expires = config.expires;
-    line.callId = randomToken(20);
-    line.fromTag = randomToken(10);
+    line.callId = ctx_.randomToken(20);
+    line.fromTag = ctx_.randomToken(10);
     return id;
 }
 
-bool UserAgent::Impl::removeLine(int id) {
-    Line* line = findLine(id);
-    if (line == nullptr) return false;
-    if (line->state == RegistrationState::Registered) {
+void Lines::withdraw(Line& line) {
+    if (line.state == RegistrationState::Registered) {
         // Withdraw the binding; the answer finds no line and is dropped.
-        line->unregistering = true;
-        sendRegister(*line);
+        line.unregistering = true;
+        sendRegister(line);
     }
-    cancelTimers(*line);
-    if (line->locating != 0 && locator_) locator_->cancel(line->locating);
-    withdrawPresence(*line);
-    lines_.erase(id);
-    return true;
+    cancelTimers(line);
+    if (line.locating != 0 && ctx_.locator) ctx_.locator->cancel(line.locating);
 }
 
-bool UserAgent::Impl::registerLine(int id) {
-    Line* line = findLine(id);
-    if (line == nullptr || !started_) return false;
+bool Lines::registerLine(int id) {
+    Line* line = find(id);
+    if (line == nullptr || !ctx_.started) return false;
     if (line->config.domain.empty()) {
         log::info(kTag, linePrefix(*line) + ": no registrar (peer to peer)");
         return false;
@@ -79,9 +74,9 @@ bool UserAgent::Impl::registerLine(int id) {
     return true;
 }
 
-bool UserAgent::Impl::unregisterLine(int id) {
-    Line* line = findLine(id);
-    if (line == nullptr || !started_) return false;
+bool Lines::unregisterLine(int id) {
+    Line* line = find(id);
+    if (line == nullptr || !ctx_.started) return false;
     cancelTimers(*line);
     if (line->state != RegistrationState::Registered && line->state != RegistrationState::Registering) {
         setState(*line, RegistrationState::Unregistered, 0, "");
@@ -89,7 +84,7 @@ bool UserAgent::Impl::unregisterLine(int id) {
     }
     if (line->targets.empty()) {
         // Nothing was ever sent: there is no binding to withdraw.
-        if (line->locating != 0 && locator_) locator_->cancel(line->locating);
+        if (line->locating != 0 && ctx_.locator) ctx_.locator->cancel(line->locating);
         line->locating = 0;
         setState(*line, RegistrationState::Unregistered, 0, "");
         return true;
@@ -101,26 +96,26 @@ bool UserAgent::Impl::unregisterLine(int id) {
     return true;
 }
 
-RegistrationState UserAgent::Impl::registrationState(int id) const {
-    const Line* line = findLine(id);
+RegistrationState Lines::state(int id) const {
+    const Line* line = find(id);
     return line != nullptr ? line->state : RegistrationState::Unregistered;
 }
 
-std::optional<LineInfo> UserAgent::Impl::lineInfo(int id) const {
-    const Line* line = findLine(id);
+std::optional<LineInfo> Lines::info(int id) const {
+    const Line* line = find(id);
     if (line == nullptr) return std::nullopt;
     return LineInfo{line->id, line->state, line->statusCode, line->reason,
                     line->state == RegistrationState::Registered ? line->granted : line->expires, line->push};
 }
 
-std::vector<int> UserAgent::Impl::lineIds() const {
+std::vector<int> Lines::ids() const {
     std::vector<int> ids;
     for (const auto& [id, line] : lines_) ids.push_back(id);
     return ids;
 }
 
-bool UserAgent::Impl::setPush(int id, const PushParams& push) {
-    Line* line = findLine(id);
+bool Lines::setPush(int id, const PushParams& push) {
+    Line* line = find(id);
     if (line == nullptr) return false;
     line->config.push = push;
     // A registered line tells the registrar at once.
@@ -131,65 +126,57 @@ bool UserAgent::Impl::setPush(int id, const PushParams& push) {
     return true;
 }
 
-PushSupport UserAgent::Impl::pushSupport(int id) const {
-    const Line* line = findLine(id);
+PushSupport Lines::pushSupport(int id) const {
+    const Line* line = find(id);
     return line != nullptr ? line->push : PushSupport{};
 }
 
-size_t UserAgent::Impl::shutdown() {
-    if (!started_) return 0;
-    // What we told servers about ourselves is taken back: subscriptions end
-    // with an un-SUBSCRIBE, the published presence with a removal, lines
-    // with an un-REGISTER. The caller waits for the answers to all of them.
-    std::vector<int> subscriptions;
-    for (const auto& [id, s] : subscriptions_) subscriptions.push_back(id);
-    for (const int id : subscriptions) (void)unsubscribe(id);
-    for (auto& [id, line] : lines_) withdrawPresence(line);
+Line* Lines::forRequest(const SipMessage& request) {
+    for (auto& [id, line] : lines_) {
+        if (escapeUriUser(line.config.user) == request.requestUri.user) return &line;
+    }
+    // A peer may dial our address without our user name: the first line takes it.
+    return lines_.empty() ? nullptr : &lines_.begin()->second;
+}
+
+size_t Lines::unregisterAll() {
     size_t sent = 0;
     for (auto& [id, line] : lines_) {
         if (line.state != RegistrationState::Registered) continue;
         log::info(kTag, linePrefix(line) + ": un-registering before shutdown");
         if (unregisterLine(id)) ++sent;
     }
-    for (const auto& [id, s] : subscriptions_) sent += s.unsubscribing && (s.outgoing != 0 || !s.refreshKey.empty());
-    for (const auto& [id, line] : lines_) sent += line.presence.outgoing != 0;
     return sent;
 }
 
-bool UserAgent::Impl::pendingUnregisters() const {
+void Lines::stop() {
+    for (auto& [id, line] : lines_) cancelTimers(line);
+}
+
+bool Lines::pendingUnregisters() const {
     for (const auto& [id, line] : lines_) {
         if (line.state == RegistrationState::Unregistering) return true;
     }
     return false;
 }
 
-bool UserAgent::Impl::pendingWithdrawals() const {
-    for (const auto& [id, s] : subscriptions_) {
-        if (s.unsubscribing && (s.outgoing != 0 || !s.refreshKey.empty())) return true;
-    }
-    for (const auto& [id, line] : lines_) {
-        if (line.presence.outgoing != 0) return true;
-    }
-    return pendingUnregisters();
-}
-
-void UserAgent::Impl::cancelTimers(Line& line) {
-    loop_->cancel(line.refreshTimer);
-    loop_->cancel(line.retryTimer);
+void Lines::cancelTimers(Line& line) {
+    ctx_.loop->cancel(line.refreshTimer);
+    ctx_.loop->cancel(line.retryTimer);
     line.refreshTimer = line.retryTimer = 0;
 }
 
-void UserAgent::Impl::setState(Line& line, RegistrationState state, int code, const std::string& reason) {
+void Lines::setState(Line& line, RegistrationState state, int code, const std::string& reason) {
     const bool changed = line.state != state;
     line.state = state;
     line.statusCode = code;
     line.reason = reason;
     if (!changed) return;
     log::info(kTag, linePrefix(line) + " registration " + std::string(toString(state)));
-    if (listener_) listener_->onRegistrationState(line.id, state, code, reason);
+    if (ctx_.listener) ctx_.listener->onRegistrationState(line.id, state, code, reason);
 }
 
-void UserAgent::Impl::resolveAndRegister(Line& line) {
+void Lines::resolveAndRegister(Line& line) {
     auto uri = line.config.outboundProxy.empty() ? SipUri::parse("sip:" + line.config.domain)
                                                  : SipUri::parse(line.config.outboundProxy);
     if (!uri) {
@@ -199,8 +186,8 @@ void UserAgent::Impl::resolveAndRegister(Line& line) {
     // The account's transport is the user's choice: the lookup honours it.
     if (!uri->hasParam("transport")) uri->setParam("transport", line.config.transport == TransportKind::Tcp ? "tcp" : "udp");
     const int id = line.id;
-    line.locating = locator_->locate(*uri, [this, id](dns::LocateResult result) {
-        Line* l = findLine(id);
+    line.locating = ctx_.locator->locate(*uri, [this, id](dns::LocateResult result) {
+        Line* l = find(id);
         if (l == nullptr) return;
         l->locating = 0;
         if (result.targets.empty()) {
@@ -214,7 +201,7 @@ void UserAgent::Impl::resolveAndRegister(Line& line) {
     });
 }
 
-SipMessage UserAgent::Impl::buildRegister(Line& line) {
+SipMessage Lines::buildRegister(Line& line) {
     const SipTarget& target = line.targets[line.targetIndex];
     const LineConfig& c = line.config;
     const std::string aor = "sip:" + escapeUriUser(c.user) + "@" + c.domain;
@@ -222,7 +209,7 @@ SipMessage UserAgent::Impl::buildRegister(Line& line) {
     m.isRequest = true;
     m.method = "REGISTER";
     m.requestUri = *SipUri::parse("sip:" + c.domain);
-    m.addHeader("Via", viaFor(target));
+    m.addHeader("Via", ctx_.viaFor(target));
     m.addHeader("Max-Forwards", "70");
     if (!c.outboundProxy.empty()) {
         auto route = SipUri::parse(c.outboundProxy);
@@ -235,35 +222,35 @@ SipMessage UserAgent::Impl::buildRegister(Line& line) {
     m.addHeader("Call-ID", line.callId);
     m.addHeader("CSeq", std::to_string(++line.cseq) + " REGISTER");
 
-    std::string contact = "<sip:" + escapeUriUser(c.user) + "@" + contactHost(target);
+    std::string contact = "<sip:" + escapeUriUser(c.user) + "@" + ctx_.contactHost(target);
     if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
     if (c.push.set()) {
         contact += ";pn-provider=" + c.push.provider;
         if (!c.push.param.empty()) contact += ";pn-param=" + c.push.param;
         contact += ";pn-prid=" + c.push.prid;
     }
-    contact += ">;+sip.instance=\"<" + config_.instanceId + ">\"";
+    contact += ">;+sip.instance=\"<" + ctx_.config.instanceId + ">\"";
     if (c.push.set()) contact += ";+sip.pnsreg";
     m.addHeader("Contact", contact);
     m.addHeader("Expires", std::to_string(line.unregistering ? 0 : line.expires));
     m.addHeader("Allow", kUserAgentAllow);
-    m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
-    m.addHeader("User-Agent", config_.userAgent);
+    m.addHeader("Supported", ctx_.config.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
+    m.addHeader("User-Agent", ctx_.config.userAgent);
     if (c.push.set()) m.addHeader("Feature-Caps", "*;+sip.pns=\"" + c.push.provider + "\"");
-    if (line.challenge) addCredentials(m, c, *line.challenge, line.digest);
+    if (line.challenge) ctx_.addCredentials(m, c, *line.challenge, line.digest);
     return m;
 }
 
-void UserAgent::Impl::sendRegister(Line& line) {
-    if (line.targets.empty() || !transactions_) return;
+void Lines::sendRegister(Line& line) {
+    if (line.targets.empty() || !ctx_.transactions) return;
     const int id = line.id;
-    line.transaction = transactions_->sendRequest(buildRegister(line), line.targets[line.targetIndex],
+    line.transaction = ctx_.transactions->sendRequest(buildRegister(line), line.targets[line.targetIndex],
                                                   [this, id](const SipMessage* r) { onRegisterAnswer(id, r); });
     if (line.transaction.empty()) registrationFailed(line, 0, "cannot send REGISTER");
 }
 
-void UserAgent::Impl::onRegisterAnswer(int id, const SipMessage* response) {
-    Line* found = findLine(id);
+void Lines::onRegisterAnswer(int id, const SipMessage* response) {
+    Line* found = find(id);
     if (found == nullptr) return;
     Line& line = *found;
     if (response != nullptr && response->statusCode < 200) return;
@@ -304,7 +291,7 @@ void UserAgent::Impl::onRegisterAnswer(int id, const SipMessage* response) {
     registrationFailed(line, code, reason);
 }
 
-void UserAgent::Impl::onRegistered(Line& line, const SipMessage& response) {
+void Lines::onRegistered(Line& line, const SipMessage& response) {
     line.attempts = 0;
     if (line.unregistering) {
         line.unregistering = false;
@@ -320,10 +307,10 @@ void UserAgent::Impl::onRegistered(Line& line, const SipMessage& response) {
         const auto na = NameAddr::parse(value);
         if (!na || na->wildcard) continue;
         const auto instance = na->param("+sip.instance");
-        const bool ours = (instance && instance->find(config_.instanceId) != std::string::npos) ||
+        const bool ours = (instance && instance->find(ctx_.config.instanceId) != std::string::npos) ||
                           (na->uri.user == escapeUriUser(line.config.user) &&
                            na->uri.host + ":" + std::to_string(na->uri.port) ==
-                               contactHost(line.targets[line.targetIndex]));
+                               ctx_.contactHost(line.targets[line.targetIndex]));
         const auto expires = na->param("expires");
         if (ours && expires) {
             if (const auto n = parseHeaderInteger(*expires)) {
@@ -365,19 +352,19 @@ void UserAgent::Impl::onRegistered(Line& line, const SipMessage& response) {
     scheduleRefresh(line);
 }
 
-void UserAgent::Impl::scheduleRefresh(Line& line) {
-    loop_->cancel(line.refreshTimer);
+void Lines::scheduleRefresh(Line& line) {
+    ctx_.loop->cancel(line.refreshTimer);
     if (line.granted <= 0) return;
     const int id = line.id;
-    line.refreshTimer = transactions_->schedule(refreshAfterSeconds(line.granted) * 1000, [this, id] {
-        Line* l = findLine(id);
+    line.refreshTimer = ctx_.transactions->schedule(refreshAfterSeconds(line.granted) * 1000, [this, id] {
+        Line* l = find(id);
         if (l == nullptr) return;
         l->refreshTimer = 0;
         sendRegister(*l);
     });
 }
 
-void UserAgent::Impl::registrationFailed(Line& line, int code, const std::string& reason) {
+void Lines::registrationFailed(Line& line, int code, const std::string& reason) {
     cancelTimers(line);
     setState(line, RegistrationState::Failed, code, reason);
     if (line.unregistering) {
@@ -386,8 +373,8 @@ void UserAgent::Impl::registrationFailed(Line& line, int code, const std::string
     }
     if (line.expires < 1 || !line.config.reregisterOnFailure) return;
     const int id = line.id;
-    line.retryTimer = transactions_->schedule(kRetryAfterFailureMs, [this, id] {
-        Line* l = findLine(id);
+    line.retryTimer = ctx_.transactions->schedule(kRetryAfterFailureMs, [this, id] {
+        Line* l = find(id);
         if (l == nullptr) return;
         l->retryTimer = 0;
         l->attempts = 0;

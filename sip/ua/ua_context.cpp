@@ -1,0 +1,147 @@
+// The user agent's shared context: the instance and random tokens, the
+// addresses we name, and the requests and answers every part builds.
+#include "sip/ua/ua_context.h"
+
+#include "sip/core/system.h"
+#include "sip/syntax/address.h"
+#include "sip/syntax/text.h"
+
+namespace kelsip {
+
+namespace {
+
+std::string makeInstanceId() {
+    uint8_t b[16];
+    if (!platform::secureRandom(b, sizeof b)) std::fill(std::begin(b), std::end(b), uint8_t{0x5a});
+    b[6] = static_cast<uint8_t>((b[6] & 0x0F) | 0x40);  // RFC 4122 version 4
+    b[8] = static_cast<uint8_t>((b[8] & 0x3F) | 0x80);
+    char text[64];
+    std::snprintf(text, sizeof text, "urn:uuid:%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
+                  b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+    return text;
+}
+
+}  // namespace
+
+UaContext::UaContext(UserAgentConfig c) : config(std::move(c)), loop(std::make_unique<EventLoop>(config.clock)) {
+    uint32_t seed = 0;
+    if (!platform::secureRandom(&seed, sizeof seed)) seed = static_cast<uint32_t>(std::random_device{}());
+    random.seed(seed);
+    if (config.instanceId.empty()) config.instanceId = makeInstanceId();
+}
+
+net::SocketAddress UaContext::localAddress(TransportKind kind) const {
+    if (kind == TransportKind::Udp && udp) return udp->localAddress();
+    if (kind == TransportKind::Tcp && tcp) return tcp->localAddress();
+    return {};
+}
+
+bool UaContext::sendText(std::string_view text, const SipTarget& target) {
+    SipTransport* transport = nullptr;
+    if (target.kind == TransportKind::Udp) transport = udp.get();
+    if (target.kind == TransportKind::Tcp) transport = tcp.get();
+    return transport != nullptr && transport->send(text, target);
+}
+
+std::string UaContext::randomToken(size_t length) {
+    static constexpr std::string_view kAlphabet = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::uniform_int_distribution<size_t> pick(0, kAlphabet.size() - 1);
+    std::string out;
+    for (size_t i = 0; i < length; ++i) out += kAlphabet[pick(random)];
+    return out;
+}
+
+void UaContext::addCredentials(SipMessage& request, const LineConfig& account, const DigestChallenge& challenge,
+                                     DigestRequest& digest) {
+    digest.username = account.authUser.empty() ? account.user : account.authUser;
+    digest.password = account.password;
+    digest.method = request.method;
+    digest.uri = request.requestUri.toString();
+    ++digest.nonceCount;
+    request.addHeader(authorizationHeaderName(challenge), buildAuthorization(challenge, digest));
+}
+
+std::string UaContext::contactHost(const SipTarget& target) const {
+    // The address the system would send from towards this target, with the
+    // port our transport of that kind listens on.
+    net::SocketAddress local = localAddress(target.kind);
+    if (local.isAny()) {
+        if (const auto toward = net::localAddressToward(target.address)) {
+            const uint16_t port = local.port();
+            local = *toward;
+            local.setPort(port);
+        }
+    }
+    return local.host() + ":" + std::to_string(local.port());
+}
+
+std::string UaContext::viaFor(const SipTarget& target) const {
+    return "SIP/2.0/" + std::string(transportName(target.kind)) + " " + contactHost(target) + ";rport";
+}
+
+SipTarget UaContext::dialogTarget(const Dialog& dialog, const SipTarget& fallback) {
+    // The first route, else the remote target, when it names an address
+    // directly; otherwise where the request that made the dialog went.
+    std::optional<SipUri> next;
+    if (!dialog.routeSet.empty()) {
+        if (const auto na = NameAddr::parse(dialog.routeSet.front())) next = na->uri;
+    } else {
+        next = dialog.remoteTarget;
+    }
+    if (next) {
+        if (const auto address = net::SocketAddress::parse(next->host, next->port ? next->port : 5060)) {
+            const auto transport = next->param("transport");
+            const bool tcp = transport && text::iequals(*transport, "tcp");
+            return SipTarget{tcp ? TransportKind::Tcp : TransportKind::Udp, *address, 0};
+        }
+    }
+    return fallback;
+}
+
+SipMessage UaContext::buildDialogRequest(Dialog& dialog, std::string_view method, const SipTarget& target) {
+    SipMessage m;
+    m.isRequest = true;
+    m.method = std::string(method);
+    m.requestUri = dialog.remoteTarget;
+    m.addHeader("Via", viaFor(target));
+    m.addHeader("Max-Forwards", "70");
+    for (const std::string& route : dialog.routeSet) m.addHeader("Route", route);
+    m.addHeader("From", dialog.localUri + ";tag=" + dialog.localTag);
+    m.addHeader("To", dialog.remoteUri + (dialog.remoteTag.empty() ? "" : ";tag=" + dialog.remoteTag));
+    m.addHeader("Call-ID", dialog.callId);
+    // ACK keeps the INVITE's number; everything else takes the next one.
+    const uint32_t cseq = method == "ACK" ? dialog.localCseq : ++dialog.localCseq;
+    m.addHeader("CSeq", std::to_string(cseq) + " " + std::string(method));
+    return m;
+}
+
+std::string UaContext::contactUri(const Line* line, const SipTarget& target) const {
+    const std::string user = line != nullptr ? escapeUriUser(line->config.user) : "kelsip";
+    std::string contact = "<sip:" + user + "@" + contactHost(target);
+    if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
+    return contact + ">";
+}
+
+std::string UaContext::addressOfRecord(const Line& line, const SipTarget& toward) const {
+    // A line without a domain (peer to peer) is known by where it listens.
+    const std::string host = line.config.domain.empty() ? contactHost(toward) : line.config.domain;
+    return "sip:" + escapeUriUser(line.config.user) + "@" + host;
+}
+
+void UaContext::respond(const std::string& key, const SipMessage& request, int code, std::string_view reason,
+                              const std::vector<std::pair<std::string, std::string>>& extra) {
+    SipMessage answer = makeResponse(request, code, reason, request.toTag().empty() ? randomToken(10) : "");
+    for (const auto& [name, value] : extra) answer.addHeader(name, value);
+    answer.addHeader("Server", config.userAgent);
+    (void)transactions->sendResponse(key, answer);
+}
+
+std::optional<SipUri> UaContext::completeTarget(const Line& line, const std::string& target) {
+    std::string text = target;
+    if (text.rfind("sip:", 0) != 0 && text.rfind("sips:", 0) != 0 && text.rfind("tel:", 0) != 0) {
+        text = "sip:" + (text.find('@') == std::string::npos ? escapeUriUser(text) + "@" + line.config.domain : text);
+    }
+    return SipUri::parse(text);
+}
+
+}  // namespace kelsip

@@ -1,0 +1,78 @@
+// What every part of the user agent shares: configuration, loop, transports,
+// transactions, DNS, the listener, and the helpers that build and send.
+#pragma once
+
+#include <memory>
+#include <random>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "media/rtp/rtp_io_service.h"
+#include "media/rtp/rtp_port_allocator.h"
+#include "sip/auth/digest.h"
+#include "sip/core/event_loop.h"
+#include "sip/dns/dns_client.h"
+#include "sip/dns/server_location.h"
+#include "sip/transaction/transaction.h"
+#include "sip/transport/stream_transport.h"
+#include "sip/transport/udp_transport.h"
+#include "sip/ua/dialog.h"
+#include "sip/ua/line.h"
+#include "sip/ua/user_agent.h"
+
+namespace kelsip {
+
+// The methods we take, as Allow headers list them.
+inline constexpr std::string_view kUserAgentAllow =
+    "INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE";
+
+// Seconds after a granted expiry at which a registration, subscription or
+// publication is refreshed: 30 s ahead, or halfway for short ones.
+inline int64_t refreshAfterSeconds(int64_t granted) {
+    if (granted >= 61) return granted - 30;
+    const int64_t half = granted / 2;
+    return half < 2 ? 1 : half;
+}
+
+// Owned by UserAgent::Impl and touched only on the loop thread; every part
+// of the user agent holds a reference to it.
+class UaContext {
+public:
+    explicit UaContext(UserAgentConfig config);
+
+    [[nodiscard]] net::SocketAddress localAddress(TransportKind kind) const;
+    bool sendText(std::string_view text, const SipTarget& target);
+    [[nodiscard]] std::string viaFor(const SipTarget& target) const;
+    [[nodiscard]] std::string contactHost(const SipTarget& target) const;
+    [[nodiscard]] std::string randomToken(size_t length);
+    // Signs `request` with the account's credentials for `challenge`; each
+    // signed request counts one more use of the nonce.
+    static void addCredentials(SipMessage& request, const LineConfig& account, const DigestChallenge& challenge,
+                               DigestRequest& digest);
+    // Requests within any dialog, a call's or a subscription's.
+    [[nodiscard]] SipMessage buildDialogRequest(Dialog& dialog, std::string_view method, const SipTarget& target);
+    [[nodiscard]] static SipTarget dialogTarget(const Dialog& dialog, const SipTarget& fallback);
+    [[nodiscard]] std::string contactUri(const Line* line, const SipTarget& target) const;
+    [[nodiscard]] std::string addressOfRecord(const Line& line, const SipTarget& toward) const;
+    // A bare user within the line's domain; "user@host" gets the scheme.
+    [[nodiscard]] static std::optional<SipUri> completeTarget(const Line& line, const std::string& target);
+    void respond(const std::string& key, const SipMessage& request, int code, std::string_view reason = {},
+                 const std::vector<std::pair<std::string, std::string>>& extra = {});
+
+    UserAgentConfig config;
+    std::unique_ptr<EventLoop> loop;
+    std::unique_ptr<UdpTransport> udp;
+    std::unique_ptr<StreamTransport> tcp;
+    std::unique_ptr<SipTransactionLayer> transactions;
+    std::unique_ptr<dns::DnsClient> dns;
+    std::unique_ptr<dns::ServerLocator> locator;
+    std::shared_ptr<RtpIoService> rtpIo;
+    std::unique_ptr<RtpPortAllocator> rtpPorts;
+    std::shared_ptr<UserAgentListener> listener;
+    std::mt19937 random;
+    bool started = false;
+};
+
+}  // namespace kelsip
