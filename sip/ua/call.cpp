@@ -7,7 +7,7 @@
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
 #include "sip/syntax/text.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/calls.h"
 
 namespace kelsip {
 
@@ -31,17 +31,17 @@ std::string_view toString(CallState state) {
     return "Terminated";
 }
 
-Call* UserAgent::Impl::findCall(int id) {
+Call* Calls::findCall(int id) {
     const auto it = calls_.find(id);
     return it == calls_.end() ? nullptr : it->second.get();
 }
 
-const Call* UserAgent::Impl::findCall(int id) const {
+const Call* Calls::findCall(int id) const {
     const auto it = calls_.find(id);
     return it == calls_.end() ? nullptr : it->second.get();
 }
 
-Call* UserAgent::Impl::findCallByDialog(const SipMessage& message, bool weAreUac) {
+Call* Calls::findCallByDialog(const SipMessage& message, bool weAreUac) {
     const std::string callId = message.callId();
     // In a request to us the far end's tag is in From and ours in To; in a
     // response to us it is the other way round.
@@ -56,7 +56,7 @@ Call* UserAgent::Impl::findCallByDialog(const SipMessage& message, bool weAreUac
     return nullptr;
 }
 
-CallInfo UserAgent::Impl::infoOf(const Call& call) {
+CallInfo Calls::infoOf(const Call& call) {
     CallInfo info;
     info.id = call.id;
     info.line = call.line;
@@ -71,24 +71,32 @@ CallInfo UserAgent::Impl::infoOf(const Call& call) {
     return info;
 }
 
-std::vector<CallInfo> UserAgent::Impl::callInfos() const {
+std::vector<CallInfo> Calls::callInfos() const {
     std::vector<CallInfo> out;
     for (const auto& [id, call] : calls_) out.push_back(infoOf(*call));
     return out;
 }
 
-std::optional<CallInfo> UserAgent::Impl::callInfo(int id) const {
+std::optional<CallInfo> Calls::callInfo(int id) const {
     const Call* call = findCall(id);
     if (call == nullptr) return std::nullopt;
     return infoOf(*call);
 }
 
-std::shared_ptr<MediaSession> UserAgent::Impl::callMedia(int id) const {
+void Calls::stop() {
+    for (auto& [id, call] : calls_) {
+        if (call->media) call->media->close();
+        if (call->rtp) call->rtp->close({});
+    }
+    calls_.clear();
+}
+
+std::shared_ptr<MediaSession> Calls::callMedia(int id) const {
     const Call* call = findCall(id);
     return call != nullptr ? call->media : nullptr;
 }
 
-void UserAgent::Impl::setCallState(Call& call, CallState state, int code, const std::string& reason) {
+void Calls::setCallState(Call& call, CallState state, int code, const std::string& reason) {
     if (call.state == state) return;
     call.state = state;
     if (code != 0) {
@@ -96,7 +104,7 @@ void UserAgent::Impl::setCallState(Call& call, CallState state, int code, const 
         call.reason = reason;
     }
     log::info(kTag, callPrefix(call) + " -> " + std::string(toString(state)));
-    if (listener_) listener_->onCallState(infoOf(call));
+    if (ctx_.listener) ctx_.listener->onCallState(infoOf(call));
     // A call made for a REFER tells the one who asked how it went.
     if (Call* referrer = call.referredBy ? findCall(call.referredBy) : nullptr) {
         if (state == CallState::Connected) {
@@ -112,11 +120,11 @@ void UserAgent::Impl::setCallState(Call& call, CallState state, int code, const 
     }
 }
 
-void UserAgent::Impl::endCall(Call& call, int code, const std::string& reason) {
-    loop_->cancel(call.okTimer);
-    loop_->cancel(call.noAnswerTimer);
-    loop_->cancel(call.reliableTimer);
-    loop_->cancel(call.sessionTimer);
+void Calls::endCall(Call& call, int code, const std::string& reason) {
+    ctx_.loop->cancel(call.okTimer);
+    ctx_.loop->cancel(call.noAnswerTimer);
+    ctx_.loop->cancel(call.reliableTimer);
+    ctx_.loop->cancel(call.sessionTimer);
     call.okTimer = call.noAnswerTimer = call.reliableTimer = call.sessionTimer = 0;
     if (call.media) call.media->close();
     if (call.rtp) call.rtp->close({});
@@ -124,20 +132,20 @@ void UserAgent::Impl::endCall(Call& call, int code, const std::string& reason) {
     setCallState(call, CallState::Terminated, code, reason);
     // Reported once, then gone. Removal waits for the loop's next turn, so
     // whoever is still holding a reference to the call finishes first.
-    loop_->post([this, id] { calls_.erase(id); });
+    ctx_.loop->post([this, id] { calls_.erase(id); });
 }
 
-int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
-    Line* line = findLine(lineId);
-    if (line == nullptr || !started_) return 0;
+int Calls::makeCall(int lineId, const std::string& target) {
+    const Line* line = lines_.find(lineId);
+    if (line == nullptr || !ctx_.started) return 0;
     int active = 0;
     for (const auto& [id, c] : calls_) active += c->state != CallState::Terminated;
-    if (active >= config_.maxCalls) {
+    if (active >= ctx_.config.maxCalls) {
         log::warn(kTag, "maxCalls reached");
         return 0;
     }
     // A bare user calls within the line's domain; "user@host" gets the scheme.
-    auto uri = completeTarget(*line, target);
+    auto uri = UaContext::completeTarget(*line, target);
     const int id = nextCallId_++;
     auto owned = std::make_unique<Call>();
     Call& call = *owned;
@@ -146,9 +154,9 @@ int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
     call.incoming = false;
     call.remoteUri = uri ? uri->toString() : target;
     const LineConfig& c = line->config;
-    const std::string host = c.domain.empty() ? contactHost(SipTarget{}) : c.domain;
-    call.dialog.callId = randomToken(24);
-    call.dialog.localTag = randomToken(10);
+    const std::string host = c.domain.empty() ? ctx_.contactHost(SipTarget{}) : c.domain;
+    call.dialog.callId = ctx_.randomToken(24);
+    call.dialog.localTag = ctx_.randomToken(10);
     call.dialog.localUri = "<sip:" + escapeUriUser(c.user) + "@" + host + ">";
     if (!c.displayName.empty()) call.dialog.localUri = "\"" + c.displayName + "\" " + call.dialog.localUri;
     call.dialog.remoteUri = "<" + call.remoteUri + ">";
@@ -156,7 +164,7 @@ int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
     calls_[id] = std::move(owned);
     // The first state is announced as it is entered, not as a change.
     log::info(kTag, callPrefix(call) + " -> " + std::string(toString(call.state)));
-    if (listener_) listener_->onCallState(infoOf(call));
+    if (ctx_.listener) ctx_.listener->onCallState(infoOf(call));
     if (!uri) {
         endCall(call, 0, "Cannot resolve destination");
         return id;
@@ -165,7 +173,7 @@ int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
     // Requests go to the outbound proxy when there is one, else to the URI.
     auto next = c.outboundProxy.empty() ? *uri : SipUri::parse(c.outboundProxy).value_or(*uri);
     if (!next.hasParam("transport") && c.transport == TransportKind::Tcp) next.setParam("transport", "tcp");
-    locator_->locate(next, [this, id](dns::LocateResult result) {
+    ctx_.locator->locate(next, [this, id](dns::LocateResult result) {
         Call* found = findCall(id);
         if (found == nullptr || found->state == CallState::Terminated) return;
         if (result.targets.empty()) {
@@ -184,12 +192,12 @@ int UserAgent::Impl::makeCall(int lineId, const std::string& target) {
     return id;
 }
 
-std::string UserAgent::Impl::contactFor(const Call& call) const {
-    return contactUri(findLine(call.line), call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
+std::string Calls::contactFor(const Call& call) const {
+    return ctx_.contactUri(lines_.find(call.line), call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
 }
 
-void UserAgent::Impl::sendInvite(Call& call) {
-    const Line* line = findLine(call.line);
+void Calls::sendInvite(Call& call) {
+    const Line* line = lines_.find(call.line);
     if (line == nullptr) {
         endCall(call, 0, "line removed");
         return;
@@ -200,7 +208,7 @@ void UserAgent::Impl::sendInvite(Call& call) {
     m.method = "INVITE";
     m.requestUri = call.dialog.remoteTarget;
     // Our own branch, so that a CANCEL can name this very transaction.
-    m.addHeader("Via", viaFor(target) + ";branch=" + transactions_->newBranch());
+    m.addHeader("Via", ctx_.viaFor(target) + ";branch=" + ctx_.transactions->newBranch());
     m.addHeader("Max-Forwards", "70");
     if (!line->config.outboundProxy.empty()) {
         auto route = SipUri::parse(line->config.outboundProxy);
@@ -213,23 +221,23 @@ void UserAgent::Impl::sendInvite(Call& call) {
     m.addHeader("CSeq", std::to_string(++call.dialog.localCseq) + " INVITE");
     m.addHeader("Contact", contactFor(call));
     m.addHeader("Allow", kUserAgentAllow);
-    m.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
-    m.addHeader("User-Agent", config_.userAgent);
+    m.addHeader("Supported", ctx_.config.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
+    m.addHeader("User-Agent", ctx_.config.userAgent);
     addSessionHeaders(call, m);
     for (const auto& [name, value] : call.extraHeaders) m.addHeader(name, value);
-    if (call.challenge) addCredentials(m, line->config, *call.challenge, call.digest);
+    if (call.challenge) ctx_.addCredentials(m, line->config, *call.challenge, call.digest);
     m.addHeader("Content-Type", "application/sdp");
     m.body = buildOffer(call, MediaDirection::SendRecv);
     call.invite = m;
     call.provisionalSeen = false;
     const int id = call.id;
-    call.inviteKey = transactions_->sendRequest(m, target, [this, id](const SipMessage* r) { onInviteResponse(id, r); });
+    call.inviteKey = ctx_.transactions->sendRequest(m, target, [this, id](const SipMessage* r) { onInviteResponse(id, r); });
     if (call.inviteKey.empty()) {
         endCall(call, 503, "Service Unavailable");
         return;
     }
-    if (call.noAnswerTimer == 0 && config_.noAnswerTimeoutMs > 0) {
-        call.noAnswerTimer = transactions_->schedule(config_.noAnswerTimeoutMs, [this, id] {
+    if (call.noAnswerTimer == 0 && ctx_.config.noAnswerTimeoutMs > 0) {
+        call.noAnswerTimer = ctx_.transactions->schedule(ctx_.config.noAnswerTimeoutMs, [this, id] {
             Call* c = findCall(id);
             if (c == nullptr) return;
             c->noAnswerTimer = 0;
@@ -241,7 +249,7 @@ void UserAgent::Impl::sendInvite(Call& call) {
     }
 }
 
-void UserAgent::Impl::onInviteResponse(int id, const SipMessage* response) {
+void Calls::onInviteResponse(int id, const SipMessage* response) {
     Call* found = findCall(id);
     if (found == nullptr) return;
     Call& call = *found;
@@ -313,13 +321,13 @@ void UserAgent::Impl::onInviteResponse(int id, const SipMessage* response) {
     endCall(call, code, reason);
 }
 
-void UserAgent::Impl::onInvite2xx(Call& call, const SipMessage& response) {
+void Calls::onInvite2xx(Call& call, const SipMessage& response) {
     if (call.state == CallState::Connected || call.state == CallState::Disconnecting ||
         call.state == CallState::Terminated) {
         // A retransmission of the 2xx we took: the same ACK again. One from
         // another fork would open a second dialog, which we end at once.
         if (response.toTag() == call.dialog.remoteTag) {
-            if (call.ackText) (void)sendText(*call.ackText, dialogTarget(call));
+            if (call.ackText) (void)ctx_.sendText(*call.ackText, dialogTarget(call));
         } else {
             Call stray;
             stray.id = call.id;
@@ -336,7 +344,7 @@ void UserAgent::Impl::onInvite2xx(Call& call, const SipMessage& response) {
         }
         return;
     }
-    loop_->cancel(call.noAnswerTimer);
+    ctx_.loop->cancel(call.noAnswerTimer);
     call.noAnswerTimer = 0;
     call.dialog.remoteTag = response.toTag();
     if (const auto contact = response.header("Contact")) {
@@ -363,18 +371,18 @@ void UserAgent::Impl::onInvite2xx(Call& call, const SipMessage& response) {
     readSessionTimer(call, response, true);
 }
 
-SipTarget UserAgent::Impl::dialogTarget(const Call& call) const {
-    return dialogTarget(call.dialog, call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
+SipTarget Calls::dialogTarget(const Call& call) const {
+    return UaContext::dialogTarget(call.dialog, call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
 }
 
-SipMessage UserAgent::Impl::buildInDialogRequest(Call& call, std::string_view method) {
-    SipMessage m = buildDialogRequest(call.dialog, method, dialogTarget(call));
+SipMessage Calls::buildInDialogRequest(Call& call, std::string_view method) {
+    SipMessage m = ctx_.buildDialogRequest(call.dialog, method, dialogTarget(call));
     if (method == "INVITE" || method == "UPDATE") m.addHeader("Contact", contactFor(call));
-    m.addHeader("User-Agent", config_.userAgent);
+    m.addHeader("User-Agent", ctx_.config.userAgent);
     return m;
 }
 
-void UserAgent::Impl::sendPrack(Call& call, const SipMessage& provisional) {
+void Calls::sendPrack(Call& call, const SipMessage& provisional) {
     bool reliable = false;
     for (const std::string& value : provisional.headers("Require")) {
         reliable = reliable || value.find("100rel") != std::string::npos;
@@ -400,25 +408,25 @@ void UserAgent::Impl::sendPrack(Call& call, const SipMessage& provisional) {
     call.dialog = saved;
     call.dialog.localCseq = used;
     prack.addHeader("RAck", std::to_string(*rseq) + " " + std::to_string(cseq->number) + " INVITE");
-    (void)transactions_->sendRequest(prack, target, [](const SipMessage*) {});
+    (void)ctx_.transactions->sendRequest(prack, target, [](const SipMessage*) {});
 }
 
-void UserAgent::Impl::sendAck(Call& call, const SipMessage& response) {
+void Calls::sendAck(Call& call, const SipMessage& response) {
     SipMessage ack = buildInDialogRequest(call, "ACK");
     if (const auto cseq = response.cseq()) ack.setHeader("CSeq", std::to_string(cseq->number) + " ACK");
     // An ACK for a 2xx is a transaction of its own: a fresh branch.
-    ack.setHeader("Via", viaFor(dialogTarget(call)) + ";branch=" + transactions_->newBranch());
+    ack.setHeader("Via", ctx_.viaFor(dialogTarget(call)) + ";branch=" + ctx_.transactions->newBranch());
     call.ackText = ack.toString();
-    (void)sendText(*call.ackText, dialogTarget(call));
+    (void)ctx_.sendText(*call.ackText, dialogTarget(call));
 }
 
-void UserAgent::Impl::onStray2xx(const SipMessage& response, const SipTarget&) {
+void Calls::onStray2xx(const SipMessage& response, const SipTarget&) {
     if (Call* call = findCallByDialog(response, true)) {
         onInvite2xx(*call, response);
     }
 }
 
-void UserAgent::Impl::sendCancel(Call& call) {
+void Calls::sendCancel(Call& call) {
     const SipMessage& invite = call.invite;
     SipMessage cancel;
     cancel.isRequest = true;
@@ -431,15 +439,15 @@ void UserAgent::Impl::sendCancel(Call& call) {
     cancel.addHeader("To", invite.header("To").value_or(""));
     cancel.addHeader("Call-ID", invite.callId());
     cancel.addHeader("CSeq", std::to_string(invite.cseq() ? invite.cseq()->number : 1) + " CANCEL");
-    cancel.addHeader("User-Agent", config_.userAgent);
-    (void)transactions_->sendRequest(cancel, call.targets[call.targetIndex], [](const SipMessage*) {});
+    cancel.addHeader("User-Agent", ctx_.config.userAgent);
+    (void)ctx_.transactions->sendRequest(cancel, call.targets[call.targetIndex], [](const SipMessage*) {});
 }
 
-void UserAgent::Impl::sendBye(Call& call) {
+void Calls::sendBye(Call& call) {
     const int id = call.id;
     if (call.state != CallState::Terminated) setCallState(call, CallState::Disconnecting);
     SipMessage bye = buildInDialogRequest(call, "BYE");
-    (void)transactions_->sendRequest(bye, dialogTarget(call), [this, id](const SipMessage* r) {
+    (void)ctx_.transactions->sendRequest(bye, dialogTarget(call), [this, id](const SipMessage* r) {
         if (r != nullptr && r->statusCode < 200) return;
         Call* c = findCall(id);
         if (c == nullptr || c->state == CallState::Terminated) return;
@@ -449,7 +457,7 @@ void UserAgent::Impl::sendBye(Call& call) {
     if (call.media) call.media->close();
 }
 
-bool UserAgent::Impl::hangupCall(int id) {
+bool Calls::hangupCall(int id) {
     Call* call = findCall(id);
     if (call == nullptr) return false;
     switch (call->state) {
@@ -473,7 +481,7 @@ bool UserAgent::Impl::hangupCall(int id) {
     return false;
 }
 
-bool UserAgent::Impl::holdCall(int id, bool hold) {
+bool Calls::holdCall(int id, bool hold) {
     Call* call = findCall(id);
     if (call == nullptr || call->state != CallState::Connected || !call->reofferKey.empty()) return false;
     if (call->localHold == hold) return true;
@@ -482,7 +490,7 @@ bool UserAgent::Impl::holdCall(int id, bool hold) {
     return true;
 }
 
-bool UserAgent::Impl::sendDtmf(int id, const std::string& digits, DtmfMethod method) {
+bool Calls::sendDtmf(int id, const std::string& digits, DtmfMethod method) {
     Call* call = findCall(id);
     if (call == nullptr || call->state != CallState::Connected) return false;
     for (const char d : digits) {
@@ -502,7 +510,7 @@ bool UserAgent::Impl::sendDtmf(int id, const std::string& digits, DtmfMethod met
     return true;
 }
 
-void UserAgent::Impl::sendNextInfoDigit(Call& call) {
+void Calls::sendNextInfoDigit(Call& call) {
     if (call.infoDigits.empty() || call.state != CallState::Connected) {
         call.infoInFlight = false;
         return;
@@ -514,7 +522,7 @@ void UserAgent::Impl::sendNextInfoDigit(Call& call) {
     info.addHeader("Content-Type", "application/dtmf-relay");
     info.body = std::string("Signal=") + digit + "\r\nDuration=160\r\n";
     const int id = call.id;
-    (void)transactions_->sendRequest(info, dialogTarget(call), [this, id](const SipMessage* r) {
+    (void)ctx_.transactions->sendRequest(info, dialogTarget(call), [this, id](const SipMessage* r) {
         if (r != nullptr && r->statusCode < 200) return;
         if (Call* c = findCall(id)) sendNextInfoDigit(*c);
     });

@@ -5,7 +5,7 @@
 
 #include "media/codec/negotiation.h"
 #include "sip/core/log.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/calls.h"
 
 namespace kelsip {
 
@@ -38,12 +38,12 @@ std::optional<net::SocketAddress> remoteMediaAddress(const SessionDescription& s
 
 }  // namespace
 
-bool UserAgent::Impl::openRtp(Call& call, const SipTarget& toward) {
-    if (!rtpIo_) rtpIo_ = std::make_shared<RtpIoService>();
-    if (!rtpPorts_) rtpPorts_ = std::make_unique<RtpPortAllocator>(config_.rtpPortMin, config_.rtpPortMax);
+bool Calls::openRtp(Call& call, const SipTarget& toward) {
+    if (!ctx_.rtpIo) ctx_.rtpIo = std::make_shared<RtpIoService>();
+    if (!ctx_.rtpPorts) ctx_.rtpPorts = std::make_unique<RtpPortAllocator>(ctx_.config.rtpPortMin, ctx_.config.rtpPortMax);
     // Media goes from the address the system uses toward the far end.
     net::SocketAddress local = net::SocketAddress::any(toward.address.family());
-    const auto bind = net::SocketAddress::parse(config_.bindAddress);
+    const auto bind = net::SocketAddress::parse(ctx_.config.bindAddress);
     if (bind && !bind->isAny()) local = *bind;
     std::string advertised = local.host();
     if (local.isAny()) {
@@ -51,19 +51,19 @@ bool UserAgent::Impl::openRtp(Call& call, const SipTarget& toward) {
     }
     RtpSessionOptions options;
     options.local = local;
-    auto rtp = std::make_unique<RtpSession>(rtpIo_, options);
-    if (!rtp->open(rtpPorts_->pool())) return false;
+    auto rtp = std::make_unique<RtpSession>(ctx_.rtpIo, options);
+    if (!rtp->open(ctx_.rtpPorts->pool())) return false;
     call.rtpPort = rtp->localPort();
     call.mediaAddress = advertised;
     call.rtp = std::move(rtp);
     return true;
 }
 
-std::string UserAgent::Impl::buildOffer(Call& call, MediaDirection direction) {
+std::string Calls::buildOffer(Call& call, MediaDirection direction) {
     SessionDescription sdp = buildLocalSession(call.origin, call.mediaAddress);
     OfferOptions options;
     options.port = call.rtpPort;
-    options.telephoneEvent = config_.telephoneEvent;
+    options.telephoneEvent = ctx_.config.telephoneEvent;
     options.current = call.codec;
     MediaDescription audio = buildOfferMedia(options);
     TransportAttributes transport;
@@ -73,7 +73,7 @@ std::string UserAgent::Impl::buildOffer(Call& call, MediaDirection direction) {
     return sdp.toString();
 }
 
-std::string UserAgent::Impl::buildAnswer(Call& call, MediaDirection direction) {
+std::string Calls::buildAnswer(Call& call, MediaDirection direction) {
     SessionDescription sdp = buildLocalSession(call.origin, call.mediaAddress);
     MediaDescription audio = buildAnswerMedia(*call.codec, {call.rtpPort, "RTP/AVP"});
     TransportAttributes transport;
@@ -83,12 +83,12 @@ std::string UserAgent::Impl::buildAnswer(Call& call, MediaDirection direction) {
     return sdp.toString();
 }
 
-bool UserAgent::Impl::takeAnswer(Call& call, const std::string& body) {
+bool Calls::takeAnswer(Call& call, const std::string& body) {
     auto answer = SessionDescription::parse(body);
     if (!answer) return false;
     MatchOptions options;
     options.call = call.id;
-    options.telephoneEvent = config_.telephoneEvent;
+    options.telephoneEvent = ctx_.config.telephoneEvent;
     options.localHold = call.localHold;
     auto match = matchAnswer(*answer, options);
     if (!match) return false;
@@ -104,7 +104,7 @@ bool UserAgent::Impl::takeAnswer(Call& call, const std::string& body) {
     return true;
 }
 
-void UserAgent::Impl::startMedia(Call& call, const SessionDescription& remote, MediaDirection ours) {
+void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirection ours) {
     const auto address = remoteMediaAddress(remote);
     if (call.media) {
         if (address && call.rtpView) call.rtpView->setRemote(*address);
@@ -125,34 +125,34 @@ void UserAgent::Impl::startMedia(Call& call, const SessionDescription& remote, M
     if (!media) {
         call.rtpView = nullptr;
         log::warn(kTag, callPrefix(call) + ": media failed: " + error);
-        if (listener_) listener_->onCallMedia(call.id, CallMediaEvent::Failed, error);
+        if (ctx_.listener) ctx_.listener->onCallMedia(call.id, CallMediaEvent::Failed, error);
         return;
     }
     const int id = call.id;
-    call.mediaListener = std::make_shared<CallMediaListener>(*loop_, [this, id](char digit) {
-        if (findCall(id) != nullptr && listener_) listener_->onDtmf(id, digit, DtmfMethod::Rfc4733);
+    call.mediaListener = std::make_shared<CallMediaListener>(*ctx_.loop, [this, id](char digit) {
+        if (findCall(id) != nullptr && ctx_.listener) ctx_.listener->onDtmf(id, digit, DtmfMethod::Rfc4733);
     });
     media->setListener(call.mediaListener);
     call.media = std::move(media);
-    if (listener_) {
-        listener_->onCallMedia(call.id, CallMediaEvent::Started,
+    if (ctx_.listener) {
+        ctx_.listener->onCallMedia(call.id, CallMediaEvent::Started,
                                call.codec->name + "/" + std::to_string(call.codec->clockRate));
     }
 }
 
-void UserAgent::Impl::sendReoffer(Call& call) {
+void Calls::sendReoffer(Call& call) {
     // An UPDATE where the dialog allows it (no ACK, no ringing to wait
     // for), else a re-INVITE.
     const bool update = call.peerAllowsUpdate;
     SipMessage invite = buildInDialogRequest(call, update ? "UPDATE" : "INVITE");
     // A proxy that challenged an INVITE of this call may challenge each
     // re-INVITE too: the credentials it took last time go along.
-    const Line* line = findLine(call.line);
-    if (call.challenge && line != nullptr) addCredentials(invite, line->config, *call.challenge, call.digest);
+    const Line* line = lines_.find(call.line);
+    if (call.challenge && line != nullptr) ctx_.addCredentials(invite, line->config, *call.challenge, call.digest);
     invite.addHeader("Content-Type", "application/sdp");
     invite.body = buildOffer(call, call.localHold ? MediaDirection::SendOnly : MediaDirection::SendRecv);
     const int id = call.id;
-    call.reofferKey = transactions_->sendRequest(invite, dialogTarget(call), [this, id, update](const SipMessage* r) {
+    call.reofferKey = ctx_.transactions->sendRequest(invite, dialogTarget(call), [this, id, update](const SipMessage* r) {
         Call* c = findCall(id);
         if (c == nullptr || (r != nullptr && r->statusCode < 200)) return;
         if (r != nullptr && r->statusCode < 300) {
@@ -160,7 +160,7 @@ void UserAgent::Impl::sendReoffer(Call& call) {
             c->authAttempts = 0;
             if (!update) sendAck(*c, *r);
             if (!takeAnswer(*c, r->body)) log::warn(kTag, callPrefix(*c) + ": unusable answer SDP to the re-offer");
-            if (listener_) listener_->onCallInfo(infoOf(*c));
+            if (ctx_.listener) ctx_.listener->onCallInfo(infoOf(*c));
             return;
         }
         if (c->reofferKey.empty()) return;  // a 2xx retransmission after we finished
@@ -179,7 +179,7 @@ void UserAgent::Impl::sendReoffer(Call& call) {
             // Glare (RFC 3261 14.1): the owner of the Call-ID waits 2.1-4 s,
             // the other side 0-2 s, then tries again.
             std::uniform_int_distribution<int64_t> wait(c->incoming ? 0 : 2100, c->incoming ? 2000 : 4000);
-            transactions_->schedule(wait(random_), [this, id] {
+            ctx_.transactions->schedule(wait(ctx_.random), [this, id] {
                 Call* again = findCall(id);
                 if (again != nullptr && again->state == CallState::Connected && again->reofferKey.empty()) {
                     sendReoffer(*again);
@@ -189,7 +189,7 @@ void UserAgent::Impl::sendReoffer(Call& call) {
         }
         // The previous media state stays.
         c->localHold = !c->localHold;
-        if (listener_) listener_->onCallInfo(infoOf(*c));
+        if (ctx_.listener) ctx_.listener->onCallInfo(infoOf(*c));
     });
 }
 

@@ -8,7 +8,7 @@
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
 #include "sip/syntax/text.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/calls.h"
 
 namespace kelsip {
 
@@ -83,19 +83,11 @@ std::optional<ReplacesTarget> parseReplaces(std::string_view value) {
 
 }  // namespace
 
-void UserAgent::Impl::respond(const std::string& key, const SipMessage& request, int code, std::string_view reason,
-                              const std::vector<std::pair<std::string, std::string>>& extra) {
-    SipMessage answer = makeResponse(request, code, reason, request.toTag().empty() ? randomToken(10) : "");
-    for (const auto& [name, value] : extra) answer.addHeader(name, value);
-    answer.addHeader("Server", config_.userAgent);
-    (void)transactions_->sendResponse(key, answer);
-}
-
-void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request, const SipTarget& source) {
+void Calls::onInvite(const std::string& key, const SipMessage& request, const SipTarget& source) {
     int active = 0;
     for (const auto& [id, c] : calls_) active += c->state != CallState::Terminated;
-    if (active >= config_.maxCalls || lines_.empty()) {
-        respond(key, request, 486);
+    if (active >= ctx_.config.maxCalls || lines_.first() == nullptr) {
+        ctx_.respond(key, request, 486);
         return;
     }
     std::string unsupported;
@@ -104,7 +96,7 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
         unsupported += (unsupported.empty() ? "" : ", ") + tag;
     }
     if (!unsupported.empty()) {
-        respond(key, request, 420, {}, {{"Unsupported", unsupported}});
+        ctx_.respond(key, request, 420, {}, {{"Unsupported", unsupported}});
         return;
     }
     int replacedCall = 0;
@@ -120,32 +112,32 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
             }
         }
         if (found == nullptr) {
-            respond(key, request, 481);
+            ctx_.respond(key, request, 481);
             return;
         }
         if (target->earlyOnly && found->state == CallState::Connected) {
-            respond(key, request, 486);
+            ctx_.respond(key, request, 486);
             return;
         }
         replacedCall = found->id;
     }
     if (const auto se = request.header("Session-Expires")) {
         const auto seconds = parseHeaderInteger(se->substr(0, se->find(';')));
-        if (seconds && *seconds < config_.minSessionExpires) {
-            respond(key, request, 422, {}, {{"Min-SE", std::to_string(config_.minSessionExpires)}});
+        if (seconds && *seconds < ctx_.config.minSessionExpires) {
+            ctx_.respond(key, request, 422, {}, {{"Min-SE", std::to_string(ctx_.config.minSessionExpires)}});
             return;
         }
     }
     const std::string type = request.header("Content-Type").value_or("");
     if (!request.body.empty() && !text::iequals(text::trim(type.substr(0, type.find(';'))), "application/sdp")) {
-        respond(key, request, 415, {}, {{"Accept", "application/sdp"}});
+        ctx_.respond(key, request, 415, {}, {{"Accept", "application/sdp"}});
         return;
     }
 
     auto owned = std::make_unique<Call>();
     Call& call = *owned;
     call.id = nextCallId_++;
-    call.line = lines_.begin()->first;
+    call.line = lines_.first()->id;
     call.incoming = true;
     call.state = CallState::Incoming;
     call.invite = request;
@@ -158,7 +150,7 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
     }
     Dialog& d = call.dialog;
     d.callId = request.callId();
-    d.localTag = randomToken(10);
+    d.localTag = ctx_.randomToken(10);
     d.remoteTag = request.fromTag();
     d.remoteCseq = request.cseq() ? std::optional<uint32_t>(request.cseq()->number) : std::nullopt;
     {
@@ -178,7 +170,7 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
 
     if (!openRtp(call, source)) {
         log::warn(kTag, "no RTP port available");
-        respond(key, request, 503);
+        ctx_.respond(key, request, 503);
         return;
     }
     if (request.body.empty()) {
@@ -187,11 +179,11 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
         std::string error;
         auto offer = SessionDescription::parse(request.body, &error);
         AnswerOptions options;
-        options.telephoneEvent = config_.telephoneEvent;
+        options.telephoneEvent = ctx_.config.telephoneEvent;
         auto codec = offer ? chooseFromOffer(*offer, options, &error) : std::nullopt;
         if (!codec) {
             call.rtp->close({});
-            respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
+            ctx_.respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
             return;
         }
         call.remoteOffer = std::move(offer);
@@ -200,40 +192,40 @@ void UserAgent::Impl::onInvite(const std::string& key, const SipMessage& request
     const int id = call.id;
     calls_[id] = std::move(owned);
     log::info(kTag, callPrefix(call) + " -> " + std::string(toString(call.state)));
-    if (listener_) listener_->onCallState(infoOf(call));
+    if (ctx_.listener) ctx_.listener->onCallState(infoOf(call));
     // The 180 already carries the dialog's tag: the answer must carry the same.
     SipMessage ringing = makeResponse(request, 180, "", call.dialog.localTag);
     ringing.addHeader("Contact", contactFor(call));
-    ringing.addHeader("Server", config_.userAgent);
+    ringing.addHeader("Server", ctx_.config.userAgent);
     // Reliably when the caller can PRACK and we offer 100rel, or when the
     // caller insists on it.
     bool callerSupports = false;
     bool callerRequires = false;
     for (const std::string& v : request.headers("Supported")) callerSupports |= v.find("100rel") != std::string::npos;
     for (const std::string& tag : requiredTags(request)) callerRequires |= tag == "100rel";
-    if (callerRequires || (callerSupports && config_.enable100rel)) {
+    if (callerRequires || (callerSupports && ctx_.config.enable100rel)) {
         std::uniform_int_distribution<uint32_t> start(1, 9999);
-        call.rseq = start(random_);
+        call.rseq = start(ctx_.random);
         ringing.addHeader("Require", "100rel");
         ringing.addHeader("RSeq", std::to_string(call.rseq));
         call.reliableText = ringing.toString();
-        call.reliableRepeats.start(transactions_->timers().t1Ms);
+        call.reliableRepeats.start(ctx_.transactions->timers().t1Ms);
         call.reliableTimer =
-            transactions_->schedule(call.reliableRepeats.intervalMs, [this, id] { retransmitReliable1xx(id); });
+            ctx_.transactions->schedule(call.reliableRepeats.intervalMs, [this, id] { retransmitReliable1xx(id); });
     }
-    (void)transactions_->sendResponse(key, ringing);
-    if (listener_) listener_->onIncomingCall(infoOf(call));
+    (void)ctx_.transactions->sendResponse(key, ringing);
+    if (ctx_.listener) ctx_.listener->onIncomingCall(infoOf(call));
 }
 
-bool UserAgent::Impl::answerCall(int id) {
+bool Calls::answerCall(int id) {
     Call* found = findCall(id);
     if (found == nullptr || found->state != CallState::Incoming) return false;
     Call& call = *found;
     SipMessage ok = makeResponse(call.invite, 200, "", call.dialog.localTag);
     ok.addHeader("Contact", contactFor(call));
     ok.addHeader("Allow", kUserAgentAllow);
-    ok.addHeader("Supported", config_.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
-    ok.addHeader("Server", config_.userAgent);
+    ok.addHeader("Supported", ctx_.config.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
+    ok.addHeader("Server", ctx_.config.userAgent);
     for (const std::string& allow : call.invite.headers("Allow")) {
         call.peerAllowsUpdate = call.peerAllowsUpdate || allow.find("UPDATE") != std::string::npos;
     }
@@ -255,8 +247,8 @@ bool UserAgent::Impl::answerCall(int id) {
         ok.body = buildAnswer(call, ours);
         startMedia(call, *call.remoteOffer, ours);
     }
-    if (!transactions_->sendResponse(call.inviteKey, ok)) return false;
-    loop_->cancel(call.reliableTimer);  // the 2xx settles the ringing
+    if (!ctx_.transactions->sendResponse(call.inviteKey, ok)) return false;
+    ctx_.loop->cancel(call.reliableTimer);  // the 2xx settles the ringing
     call.reliableTimer = 0;
     call.reliableText.clear();
     sendInviteOk(call, {}, ok, call.targets.front());
@@ -276,20 +268,20 @@ bool UserAgent::Impl::answerCall(int id) {
 
 // The transaction forwards a 2xx to an INVITE once; we repeat it until the
 // ACK (a re-INVITE's as well as the first). An empty key: already sent.
-void UserAgent::Impl::sendInviteOk(Call& call, const std::string& key, const SipMessage& ok, const SipTarget& target) {
-    if (!key.empty()) (void)transactions_->sendResponse(key, ok);
-    loop_->cancel(call.okTimer);
+void Calls::sendInviteOk(Call& call, const std::string& key, const SipMessage& ok, const SipTarget& target) {
+    if (!key.empty()) (void)ctx_.transactions->sendResponse(key, ok);
+    ctx_.loop->cancel(call.okTimer);
     call.okText = ok.toString();
     call.okTarget = target;
-    call.okRepeats.start(transactions_->timers().t1Ms);
+    call.okRepeats.start(ctx_.transactions->timers().t1Ms);
     const int id = call.id;
-    call.okTimer = transactions_->schedule(call.okRepeats.intervalMs, [this, id] { retransmit2xx(id); });
+    call.okTimer = ctx_.transactions->schedule(call.okRepeats.intervalMs, [this, id] { retransmit2xx(id); });
 }
 
-void UserAgent::Impl::retransmit2xx(int id) {
+void Calls::retransmit2xx(int id) {
     Call* call = findCall(id);
     if (call == nullptr || call->okText.empty()) return;
-    const int64_t limit = 64 * transactions_->timers().t1Ms;
+    const int64_t limit = 64 * ctx_.transactions->timers().t1Ms;
     if (call->okRepeats.waited(limit)) {
         call->okTimer = 0;
         log::warn(kTag, callPrefix(*call) + ": no ACK for 2xx, terminating");
@@ -297,46 +289,46 @@ void UserAgent::Impl::retransmit2xx(int id) {
         sendBye(*call);
         return;
     }
-    (void)sendText(call->okText, call->okTarget);
-    const int64_t wait = call->okRepeats.next(transactions_->timers().t2Ms, limit);
-    call->okTimer = transactions_->schedule(wait, [this, id] { retransmit2xx(id); });
+    (void)ctx_.sendText(call->okText, call->okTarget);
+    const int64_t wait = call->okRepeats.next(ctx_.transactions->timers().t2Ms, limit);
+    call->okTimer = ctx_.transactions->schedule(wait, [this, id] { retransmit2xx(id); });
 }
 
-void UserAgent::Impl::retransmitReliable1xx(int id) {
+void Calls::retransmitReliable1xx(int id) {
     Call* call = findCall(id);
     if (call == nullptr || call->reliableText.empty()) return;
-    const int64_t limit = 64 * transactions_->timers().t1Ms;
+    const int64_t limit = 64 * ctx_.transactions->timers().t1Ms;
     if (call->reliableRepeats.waited(limit)) {
         call->reliableTimer = 0;
         call->reliableText.clear();
         log::warn(kTag, callPrefix(*call) + ": no PRACK received");
         if (call->state == CallState::Incoming) {
             SipMessage failure = makeResponse(call->invite, 504, "", call->dialog.localTag);
-            (void)transactions_->sendResponse(call->inviteKey, failure);
+            (void)ctx_.transactions->sendResponse(call->inviteKey, failure);
             endCall(*call, 504, "no PRACK received");
         }
         return;
     }
-    if (auto again = SipMessage::parse(call->reliableText)) (void)transactions_->sendResponse(call->inviteKey, *again);
+    if (auto again = SipMessage::parse(call->reliableText)) (void)ctx_.transactions->sendResponse(call->inviteKey, *again);
     // RFC 3262: the interval doubles without the T2 cap.
     const int64_t wait = call->reliableRepeats.next(limit, limit);
-    call->reliableTimer = transactions_->schedule(wait, [this, id] { retransmitReliable1xx(id); });
+    call->reliableTimer = ctx_.transactions->schedule(wait, [this, id] { retransmitReliable1xx(id); });
 }
 
-bool UserAgent::Impl::rejectCall(int id, int statusCode) {
+bool Calls::rejectCall(int id, int statusCode) {
     Call* call = findCall(id);
     if (call == nullptr || call->state != CallState::Incoming || statusCode < 300 || statusCode > 699) return false;
     SipMessage answer = makeResponse(call->invite, statusCode, "", call->dialog.localTag);
-    answer.addHeader("Server", config_.userAgent);
-    (void)transactions_->sendResponse(call->inviteKey, answer);
+    answer.addHeader("Server", ctx_.config.userAgent);
+    (void)ctx_.transactions->sendResponse(call->inviteKey, answer);
     endCall(*call, statusCode, answer.reason);
     return true;
 }
 
-void UserAgent::Impl::onAck(const SipMessage& ack) {
+void Calls::onAck(const SipMessage& ack) {
     Call* call = findCallByDialog(ack, false);
     if (call == nullptr) return;
-    loop_->cancel(call->okTimer);
+    ctx_.loop->cancel(call->okTimer);
     call->okTimer = 0;
     call->okText.clear();
     const bool answerDue = (call->lateOffer && call->codec == std::nullopt) || call->answerInAck;
@@ -347,37 +339,37 @@ void UserAgent::Impl::onAck(const SipMessage& ack) {
         sendBye(*call);
         return;
     }
-    if (call->state == CallState::Connected && listener_) listener_->onCallInfo(infoOf(*call));
+    if (call->state == CallState::Connected && ctx_.listener) ctx_.listener->onCallInfo(infoOf(*call));
 }
 
-void UserAgent::Impl::onCancel(const std::string& key, const SipMessage& cancel) {
-    const auto inviteKey = transactions_->inviteKeyForCancel(cancel);
+void Calls::onCancel(const std::string& key, const SipMessage& cancel) {
+    const auto inviteKey = ctx_.transactions->inviteKeyForCancel(cancel);
     Call* target = nullptr;
     for (auto& [id, c] : calls_) {
         if (inviteKey && c->incoming && c->inviteKey == *inviteKey) target = c.get();
     }
     if (target == nullptr) {
-        respond(key, cancel, 481);
+        ctx_.respond(key, cancel, 481);
         return;
     }
     // The same To tag as the INVITE's answers: a peer that takes the tag of
     // the latest response must still name our dialog (RFC 3261 9.2).
     SipMessage ok = makeResponse(cancel, 200, "", target->dialog.localTag);
-    ok.addHeader("Server", config_.userAgent);
-    (void)transactions_->sendResponse(key, ok);
+    ok.addHeader("Server", ctx_.config.userAgent);
+    (void)ctx_.transactions->sendResponse(key, ok);
     // Once answered, a CANCEL changes nothing.
     if (target->state != CallState::Incoming) return;
     SipMessage terminated = makeResponse(target->invite, 487, "", target->dialog.localTag);
-    (void)transactions_->sendResponse(target->inviteKey, terminated);
+    (void)ctx_.transactions->sendResponse(target->inviteKey, terminated);
     endCall(*target, 487, "Cancelled");
 }
 
-void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, const SipMessage& request,
+void Calls::onInDialogRequest(Call& call, const std::string& key, const SipMessage& request,
                                          const SipTarget& source) {
     const std::string& method = request.method;
     if (const auto cseq = request.cseq()) {
         if (call.dialog.remoteCseq && cseq->number < *call.dialog.remoteCseq && method != "ACK") {
-            respond(key, request, 500, "Out of order");
+            ctx_.respond(key, request, 500, "Out of order");
             return;
         }
         call.dialog.remoteCseq = cseq->number;
@@ -386,17 +378,17 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         const std::string rack = request.header("RAck").value_or("");
         const auto rseq = parseHeaderInteger(rack.substr(0, rack.find(' ')));
         if (call.reliableText.empty() || !rseq || static_cast<uint32_t>(*rseq) != call.rseq) {
-            respond(key, request, 481);
+            ctx_.respond(key, request, 481);
             return;
         }
-        loop_->cancel(call.reliableTimer);
+        ctx_.loop->cancel(call.reliableTimer);
         call.reliableTimer = 0;
         call.reliableText.clear();
-        respond(key, request, 200);
+        ctx_.respond(key, request, 200);
         return;
     }
     if (method == "BYE") {
-        respond(key, request, 200);
+        ctx_.respond(key, request, 200);
         endCall(call, call.statusCode, "Remote hangup");
         return;
     }
@@ -405,7 +397,7 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         return;
     }
     if (method == "NOTIFY") {
-        respond(key, request, 200);
+        ctx_.respond(key, request, 200);
         const std::string event = request.header("Event").value_or("");
         if (event.rfind("refer", 0) != 0) return;
         // "SIP/2.0 180 Ringing": the transferred call's progress.
@@ -416,14 +408,14 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
                                                                : body.find_first_of("\r\n") - 8);
             const auto code = parseHeaderInteger(line.substr(0, line.find(' ')));
             const std::string reason = line.find(' ') == std::string_view::npos ? "" : std::string(line.substr(line.find(' ') + 1));
-            if (code && listener_) listener_->onTransferProgress(call.id, static_cast<int>(*code), reason);
+            if (code && ctx_.listener) ctx_.listener->onTransferProgress(call.id, static_cast<int>(*code), reason);
         }
         return;
     }
     if (method == "INFO") {
         const auto digit = infoDigit(request);
-        respond(key, request, 200);
-        if (digit && listener_) listener_->onDtmf(call.id, *digit, DtmfMethod::Info);
+        ctx_.respond(key, request, 200);
+        if (digit && ctx_.listener) ctx_.listener->onDtmf(call.id, *digit, DtmfMethod::Info);
         return;
     }
     if (method == "INVITE" || method == "UPDATE") {
@@ -432,20 +424,20 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         // is open, theirs is glare.
         const bool exchange = method == "INVITE" || !request.body.empty();
         if (exchange && (!call.reofferKey.empty() || call.answerInAck)) {
-            respond(key, request, 491);
+            ctx_.respond(key, request, 491);
             return;
         }
         const bool refresh = request.hasHeader("Session-Expires");
         if (refresh) readSessionTimer(call, request, false);
         SipMessage ok = makeResponse(request, 200, "", "");
         ok.addHeader("Contact", contactFor(call));
-        ok.addHeader("Server", config_.userAgent);
+        ok.addHeader("Server", ctx_.config.userAgent);
         if (refresh) {
             addSessionHeaders(call, ok);
             ok.addHeader("Require", "timer");
         }
         if (request.body.empty() && method == "UPDATE") {
-            (void)transactions_->sendResponse(key, ok);  // a refresh, no offer
+            (void)ctx_.transactions->sendResponse(key, ok);  // a refresh, no offer
             return;
         }
         if (request.body.empty()) {
@@ -459,10 +451,10 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         }
         auto offer = SessionDescription::parse(request.body);
         AnswerOptions options;
-        options.telephoneEvent = config_.telephoneEvent;
+        options.telephoneEvent = ctx_.config.telephoneEvent;
         auto codec = offer ? chooseFromOffer(*offer, options) : std::nullopt;
         if (!codec) {
-            respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
+            ctx_.respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
             return;
         }
         const MediaDirection theirs = offer->media.front().direction();
@@ -478,17 +470,17 @@ void UserAgent::Impl::onInDialogRequest(Call& call, const std::string& key, cons
         if (method == "INVITE") {
             sendInviteOk(call, key, ok, source);
         } else {
-            (void)transactions_->sendResponse(key, ok);
+            (void)ctx_.transactions->sendResponse(key, ok);
         }
         startMedia(call, *offer, ours);
-        if (listener_) listener_->onCallInfo(infoOf(call));
+        if (ctx_.listener) ctx_.listener->onCallInfo(infoOf(call));
         return;
     }
     if (method == "OPTIONS") {
-        respond(key, request, 200, {}, {{"Allow", std::string(kUserAgentAllow)}});
+        ctx_.respond(key, request, 200, {}, {{"Allow", std::string(kUserAgentAllow)}});
         return;
     }
-    respond(key, request, 405, {}, {{"Allow", std::string(kUserAgentAllow)}});
+    ctx_.respond(key, request, 405, {}, {{"Allow", std::string(kUserAgentAllow)}});
 }
 
 }  // namespace kelsip

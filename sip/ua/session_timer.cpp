@@ -5,7 +5,7 @@
 
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/calls.h"
 
 namespace kelsip {
 
@@ -16,7 +16,7 @@ constexpr std::string_view kTag = "ua";
 
 }  // namespace
 
-void UserAgent::Impl::addSessionHeaders(const Call& call, SipMessage& message) const {
+void Calls::addSessionHeaders(const Call& call, SipMessage& message) const {
     if (call.sessionInterval > 0) {
         // Who refreshes, named from the side of whoever sends this request:
         // as the refresher we are its client ("uac").
@@ -27,12 +27,12 @@ void UserAgent::Impl::addSessionHeaders(const Call& call, SipMessage& message) c
                           std::to_string(call.sessionInterval) + ";refresher=" + (refresherIsUac ? "uac" : "uas"));
     } else if (message.isRequest) {
         message.addHeader("Session-Expires", std::to_string(call.requestedInterval > 0 ? call.requestedInterval
-                                                                                        : config_.sessionExpires));
+                                                                                        : ctx_.config.sessionExpires));
     }
-    message.addHeader("Min-SE", std::to_string(config_.minSessionExpires));
+    message.addHeader("Min-SE", std::to_string(ctx_.config.minSessionExpires));
 }
 
-void UserAgent::Impl::readSessionTimer(Call& call, const SipMessage& message, bool weSentTheRequest) {
+void Calls::readSessionTimer(Call& call, const SipMessage& message, bool weSentTheRequest) {
     const auto header = message.header("Session-Expires");
     if (!header) {
         call.sessionInterval = 0;
@@ -56,13 +56,13 @@ void UserAgent::Impl::readSessionTimer(Call& call, const SipMessage& message, bo
     armSessionTimer(call);
 }
 
-void UserAgent::Impl::armSessionTimer(Call& call) {
-    loop_->cancel(call.sessionTimer);
+void Calls::armSessionTimer(Call& call) {
+    ctx_.loop->cancel(call.sessionTimer);
     call.sessionTimer = 0;
     if (call.sessionInterval < 1 || call.state != CallState::Connected) return;
     const int id = call.id;
     if (call.localRefresher) {
-        call.sessionTimer = transactions_->schedule(int64_t{call.sessionInterval} * 500, [this, id] {
+        call.sessionTimer = ctx_.transactions->schedule(int64_t{call.sessionInterval} * 500, [this, id] {
             Call* c = findCall(id);
             if (c == nullptr) return;
             c->sessionTimer = 0;
@@ -72,7 +72,7 @@ void UserAgent::Impl::armSessionTimer(Call& call) {
     }
     const int64_t interval = call.sessionInterval;
     const int64_t guard = std::max<int64_t>(1, interval - std::min<int64_t>(interval / 3, 32));
-    call.sessionTimer = transactions_->schedule(guard * 1000, [this, id] {
+    call.sessionTimer = ctx_.transactions->schedule(guard * 1000, [this, id] {
         Call* c = findCall(id);
         if (c == nullptr || c->state != CallState::Connected) return;
         c->sessionTimer = 0;
@@ -82,7 +82,7 @@ void UserAgent::Impl::armSessionTimer(Call& call) {
     });
 }
 
-void UserAgent::Impl::sendSessionRefresh(Call& call) {
+void Calls::sendSessionRefresh(Call& call) {
     if (call.state != CallState::Connected) return;
     const int id = call.id;
     if (!call.peerAllowsUpdate) {
@@ -92,7 +92,7 @@ void UserAgent::Impl::sendSessionRefresh(Call& call) {
     }
     SipMessage update = buildInDialogRequest(call, "UPDATE");
     addSessionHeaders(call, update);
-    (void)transactions_->sendRequest(update, dialogTarget(call), [this, id](const SipMessage* r) {
+    (void)ctx_.transactions->sendRequest(update, dialogTarget(call), [this, id](const SipMessage* r) {
         Call* c = findCall(id);
         if (c == nullptr || (r != nullptr && r->statusCode < 200)) return;
         if (r != nullptr && r->statusCode < 300) {

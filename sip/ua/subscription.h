@@ -1,45 +1,19 @@
-// What the user agent keeps for requests outside calls: pending
-// out-of-dialog requests, our subscriptions, the watchers of our presence
-// and each line's presence publication.
+// What the user agent keeps for subscriptions: ours, and the watchers of
+// our presence.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "sip/ua/dialog.h"
 #include "sip/auth/digest.h"
-#include "sip/dns/server_location.h"
 #include "sip/core/event_loop.h"
 #include "sip/syntax/message.h"
-#include "sip/ua/body/presence.h"
 #include "sip/transport/sip_target.h"
 
 namespace kelsip {
-
-struct Outgoing;
-// How an out-of-dialog request ended: its final answer, or none (code 408
-// after the last target timed out; code 0 when the target did not resolve).
-using OutgoingDone = std::function<void(Outgoing& request, int code, const std::string& reason,
-                                        const SipMessage* response)>;
-
-// One out-of-dialog request until its final answer: failover over the
-// resolved targets and its own digest answers.
-struct Outgoing {
-    int id = 0;
-    int line = 0;
-    SipMessage request;
-    std::vector<SipTarget> targets;
-    size_t targetIndex = 0;
-    uint32_t attempts = 0;           // 401/407 answers so far
-    std::optional<DigestChallenge> challenge;
-    DigestRequest digest;            // this request's own nonce count
-    dns::ServerLocator::LocateId locating = 0;
-    std::string transaction;
-    OutgoingDone done;
-};
 
 // Terminated: the notifier ended it for good, or it failed; Unsubscribed:
 // we ended it.
@@ -89,18 +63,6 @@ struct Watcher {
     SipTarget source;                // where its SUBSCRIBE came from
     int64_t expiresAtMs = 0;         // on the loop's clock
     EventLoop::TimerId expiryTimer = 0;
-};
-
-// A line's presence publication (RFC 3903).
-struct Publication {
-    PresenceStatus status;
-    std::string etag;                // from the last 2xx; empty: none
-    int expires = 3600;
-    int outgoing = 0;                // the PUBLISH in flight
-    bool again = false;              // the status changed while one was in flight
-    bool conditionalFailed = false;  // one 412 answered with a fresh publication
-    uint32_t minExpiresRetries = 0;
-    EventLoop::TimerId refreshTimer = 0;
 };
 
 }  // namespace kelsip

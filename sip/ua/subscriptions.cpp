@@ -4,7 +4,7 @@
 #include "sip/core/log.h"
 #include "sip/ua/body/message_summary.h"
 #include "sip/syntax/text.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/subscriptions.h"
 
 namespace kelsip {
 
@@ -65,12 +65,12 @@ std::string_view toString(SubscriptionState state) {
     return "terminated";
 }
 
-Subscription* UserAgent::Impl::findSubscription(int id) {
+Subscription* Subscriptions::find(int id) {
     const auto it = subscriptions_.find(id);
     return it == subscriptions_.end() ? nullptr : &it->second;
 }
 
-Subscription* UserAgent::Impl::findSubscriptionByDialog(const SipMessage& request, bool& sameDialogOtherFork) {
+Subscription* Subscriptions::findByDialog(const SipMessage& request, bool& sameDialogOtherFork) {
     const std::string callId = request.callId();
     const std::string ours = request.toTag();
     const std::string theirs = request.fromTag();
@@ -82,7 +82,7 @@ Subscription* UserAgent::Impl::findSubscriptionByDialog(const SipMessage& reques
     return nullptr;
 }
 
-SubscriptionInfo UserAgent::Impl::infoOf(const Subscription& s) {
+SubscriptionInfo Subscriptions::infoOf(const Subscription& s) {
     SubscriptionInfo info;
     info.id = s.id;
     info.line = s.line;
@@ -95,16 +95,16 @@ SubscriptionInfo UserAgent::Impl::infoOf(const Subscription& s) {
     return info;
 }
 
-std::optional<SubscriptionInfo> UserAgent::Impl::subscriptionInfo(int id) const {
+std::optional<SubscriptionInfo> Subscriptions::info(int id) const {
     const auto it = subscriptions_.find(id);
     if (it == subscriptions_.end()) return std::nullopt;
     return infoOf(it->second);
 }
 
-int UserAgent::Impl::subscribe(int lineId, const std::string& target, const std::string& event, int expires) {
-    const Line* line = findLine(lineId);
-    if (line == nullptr || !started_ || event.empty()) return 0;
-    const auto uri = completeTarget(*line, target);
+int Subscriptions::subscribe(int lineId, const std::string& target, const std::string& event, int expires) {
+    const Line* line = lines_.find(lineId);
+    if (line == nullptr || !ctx_.started || event.empty()) return 0;
+    const auto uri = UaContext::completeTarget(*line, target);
     if (!uri) return 0;
     const int id = nextSubscriptionId_++;
     Subscription& s = subscriptions_[id];
@@ -115,18 +115,18 @@ int UserAgent::Impl::subscribe(int lineId, const std::string& target, const std:
     s.expires = expires > 0 ? expires : kDefaultExpires;
     log::info(kTag, subscriptionPrefix(s) + ": " + event + " of " + s.target.toString());
     // The first state is announced as it is entered.
-    if (listener_) listener_->onSubscriptionState(infoOf(s));
-    startSubscription(s);
+    if (ctx_.listener) ctx_.listener->onSubscriptionState(infoOf(s));
+    start(s);
     return id;
 }
 
-void UserAgent::Impl::startSubscription(Subscription& s) {
-    const Line* line = findLine(s.line);
+void Subscriptions::start(Subscription& s) {
+    const Line* line = lines_.find(s.line);
     if (line == nullptr) {
-        finishSubscription(s, SubscriptionState::Terminated, 0, "line removed");
+        finish(s, SubscriptionState::Terminated, 0, "line removed");
         return;
     }
-    SipMessage m = buildOutOfDialogRequest(*line, "SUBSCRIBE", s.target);
+    SipMessage m = outgoing_.build(*line, "SUBSCRIBE", s.target);
     // A new dialog each time: its identity is the request's.
     s.dialog = Dialog{};
     s.dialog.callId = m.callId();
@@ -139,17 +139,17 @@ void UserAgent::Impl::startSubscription(Subscription& s) {
     s.challenge.reset();
     s.authAttempts = 0;
     s.granted = 0;
-    m.addHeader("Contact", contactUri(line, SipTarget{}));
+    m.addHeader("Contact", ctx_.contactUri(line, SipTarget{}));
     m.addHeader("Event", s.event);
     m.addHeader("Expires", std::to_string(s.expires));
     if (const auto accept = acceptFor(s.event); !accept.empty()) m.addHeader("Accept", accept);
     m.addHeader("Allow", kUserAgentAllow);
     m.addHeader("Allow-Events", "presence");
-    m.addHeader("User-Agent", config_.userAgent);
+    m.addHeader("User-Agent", ctx_.config.userAgent);
     const int id = s.id;
-    s.outgoing = sendOutgoing(*line, std::move(m), [this, id](Outgoing& o, int code, const std::string& reason,
+    s.outgoing = outgoing_.send(*line, std::move(m), [this, id](Outgoing& o, int code, const std::string& reason,
                                                               const SipMessage* response) {
-        Subscription* found = findSubscription(id);
+        Subscription* found = find(id);
         if (found == nullptr || found->outgoing != o.id) return;
         found->outgoing = 0;
         // Digest answers raised the CSeq; the dialog goes on from there.
@@ -160,8 +160,8 @@ void UserAgent::Impl::startSubscription(Subscription& s) {
     });
 }
 
-void UserAgent::Impl::onFirstSubscribeAnswer(int id, int code, const std::string& reason, const SipMessage* response) {
-    Subscription* found = findSubscription(id);
+void Subscriptions::onFirstSubscribeAnswer(int id, int code, const std::string& reason, const SipMessage* response) {
+    Subscription* found = find(id);
     if (found == nullptr) return;
     Subscription& s = *found;
     if (code >= 200 && code < 300 && response != nullptr) {
@@ -178,22 +178,22 @@ void UserAgent::Impl::onFirstSubscribeAnswer(int id, int code, const std::string
             sendSubscribeInDialog(s, 0);
             return;
         }
-        grantSubscription(s, static_cast<int>(std::clamp<int64_t>(response->expires().value_or(s.expires), 0, INT32_MAX)));
+        grant(s, static_cast<int>(std::clamp<int64_t>(response->expires().value_or(s.expires), 0, INT32_MAX)));
         if (s.state == SubscriptionState::Subscribing) {
             // The notifier owes us a NOTIFY at once; none within 64*T1
             // means the subscription did not take.
-            s.notifyTimer = transactions_->schedule(64 * config_.timers.t1Ms, [this, id] {
-                Subscription* again = findSubscription(id);
+            s.notifyTimer = ctx_.transactions->schedule(64 * ctx_.config.timers.t1Ms, [this, id] {
+                Subscription* again = find(id);
                 if (again == nullptr) return;
                 again->notifyTimer = 0;
                 log::warn(kTag, subscriptionPrefix(*again) + ": no NOTIFY after the SUBSCRIBE was accepted");
-                subscriptionTerminated(*again, "timeout", -1);
+                terminated(*again, "timeout", -1);
             });
         }
         return;
     }
     if (s.unsubscribing) {
-        finishSubscription(s, SubscriptionState::Unsubscribed, code, reason);
+        finish(s, SubscriptionState::Unsubscribed, code, reason);
         return;
     }
     if (code == 423 && response != nullptr && s.minExpiresRetries < 3) {
@@ -202,55 +202,55 @@ void UserAgent::Impl::onFirstSubscribeAnswer(int id, int code, const std::string
             ++s.minExpiresRetries;
             s.expires = static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
             log::info(kTag, subscriptionPrefix(s) + ": expiry raised to " + std::to_string(s.expires) + " s");
-            startSubscription(s);
+            start(s);
             return;
         }
     }
     log::warn(kTag, subscriptionPrefix(s) + ": SUBSCRIBE failed with " + std::to_string(code));
-    finishSubscription(s, SubscriptionState::Terminated, code, code == 489 ? "bad-event" : reason);
+    finish(s, SubscriptionState::Terminated, code, code == 489 ? "bad-event" : reason);
 }
 
-void UserAgent::Impl::grantSubscription(Subscription& s, int seconds) {
+void Subscriptions::grant(Subscription& s, int seconds) {
     s.granted = seconds;
-    loop_->cancel(s.refreshTimer);
-    loop_->cancel(s.expiryTimer);
+    ctx_.loop->cancel(s.refreshTimer);
+    ctx_.loop->cancel(s.expiryTimer);
     s.refreshTimer = s.expiryTimer = 0;
     if (seconds <= 0) return;
     const int id = s.id;
-    s.refreshTimer = transactions_->schedule(refreshAfterSeconds(seconds) * 1000, [this, id] {
-        Subscription* found = findSubscription(id);
+    s.refreshTimer = ctx_.transactions->schedule(refreshAfterSeconds(seconds) * 1000, [this, id] {
+        Subscription* found = find(id);
         if (found == nullptr) return;
         found->refreshTimer = 0;
         sendSubscribeInDialog(*found, found->expires);
     });
-    s.expiryTimer = transactions_->schedule(int64_t{seconds} * 1000, [this, id] {
-        Subscription* found = findSubscription(id);
+    s.expiryTimer = ctx_.transactions->schedule(int64_t{seconds} * 1000, [this, id] {
+        Subscription* found = find(id);
         if (found == nullptr) return;
         found->expiryTimer = 0;
         log::info(kTag, subscriptionPrefix(*found) + " expired without a refresh");
-        subscriptionTerminated(*found, "timeout", -1);
+        terminated(*found, "timeout", -1);
     });
 }
 
-void UserAgent::Impl::sendSubscribeInDialog(Subscription& s, int expires) {
+void Subscriptions::sendSubscribeInDialog(Subscription& s, int expires) {
     // One at a time; the answer to the one in flight sends what is wanted next.
     if (!s.refreshKey.empty()) return;
-    const Line* line = findLine(s.line);
-    const SipTarget target = dialogTarget(s.dialog, s.targets.empty() ? SipTarget{} : s.targets[s.targetIndex]);
-    SipMessage m = buildDialogRequest(s.dialog, "SUBSCRIBE", target);
-    m.addHeader("Contact", contactUri(line, target));
+    const Line* line = lines_.find(s.line);
+    const SipTarget target = UaContext::dialogTarget(s.dialog, s.targets.empty() ? SipTarget{} : s.targets[s.targetIndex]);
+    SipMessage m = ctx_.buildDialogRequest(s.dialog, "SUBSCRIBE", target);
+    m.addHeader("Contact", ctx_.contactUri(line, target));
     m.addHeader("Event", s.event);
     m.addHeader("Expires", std::to_string(expires));
     if (const auto accept = acceptFor(s.event); !accept.empty()) m.addHeader("Accept", accept);
-    m.addHeader("User-Agent", config_.userAgent);
-    if (s.challenge && line != nullptr) addCredentials(m, line->config, *s.challenge, s.digest);
+    m.addHeader("User-Agent", ctx_.config.userAgent);
+    if (s.challenge && line != nullptr) ctx_.addCredentials(m, line->config, *s.challenge, s.digest);
     const int id = s.id;
-    s.refreshKey = transactions_->sendRequest(
+    s.refreshKey = ctx_.transactions->sendRequest(
         m, target, [this, id, expires](const SipMessage* r) { onSubscribeRefreshAnswer(id, r, expires); });
 }
 
-void UserAgent::Impl::onSubscribeRefreshAnswer(int id, const SipMessage* response, int expiresAsked) {
-    Subscription* found = findSubscription(id);
+void Subscriptions::onSubscribeRefreshAnswer(int id, const SipMessage* response, int expiresAsked) {
+    Subscription* found = find(id);
     if (found == nullptr) return;
     Subscription& s = *found;
     if (response != nullptr && response->statusCode < 200) return;
@@ -268,24 +268,24 @@ void UserAgent::Impl::onSubscribeRefreshAnswer(int id, const SipMessage* respons
     if (s.unsubscribing) {
         if (code >= 200 && code < 300 && expiresAsked == 0) {
             // The notifier's last NOTIFY ends it; if none comes, we do.
-            loop_->cancel(s.notifyTimer);
-            s.notifyTimer = transactions_->schedule(64 * config_.timers.t1Ms, [this, id] {
-                if (Subscription* again = findSubscription(id)) {
+            ctx_.loop->cancel(s.notifyTimer);
+            s.notifyTimer = ctx_.transactions->schedule(64 * ctx_.config.timers.t1Ms, [this, id] {
+                if (Subscription* again = find(id)) {
                     again->notifyTimer = 0;
-                    finishSubscription(*again, SubscriptionState::Unsubscribed, 0, "");
+                    finish(*again, SubscriptionState::Unsubscribed, 0, "");
                 }
             });
         } else if (code >= 200 && code < 300) {
             sendSubscribeInDialog(s, 0);  // a refresh crossed the unsubscribe
         } else {
-            finishSubscription(s, SubscriptionState::Unsubscribed, code, response != nullptr ? response->reason : "");
+            finish(s, SubscriptionState::Unsubscribed, code, response != nullptr ? response->reason : "");
         }
         return;
     }
     if (code >= 200 && code < 300) {
         s.renewals = 0;
         s.minExpiresRetries = 0;
-        grantSubscription(s, static_cast<int>(std::clamp<int64_t>(response->expires().value_or(expiresAsked), 0, INT32_MAX)));
+        grant(s, static_cast<int>(std::clamp<int64_t>(response->expires().value_or(expiresAsked), 0, INT32_MAX)));
         return;
     }
     if (code == 423 && s.minExpiresRetries < 3) {
@@ -301,30 +301,30 @@ void UserAgent::Impl::onSubscribeRefreshAnswer(int id, const SipMessage* respons
         // The notifier has forgotten the dialog: a new one.
         log::info(kTag, subscriptionPrefix(s) + ": refresh answered 481, subscribing again");
         s.reason = "";
-        renewSubscription(s, 0);
+        renew(s, 0);
         return;
     }
     if (code == 489) {
-        finishSubscription(s, SubscriptionState::Terminated, 489, "bad-event");
+        finish(s, SubscriptionState::Terminated, 489, "bad-event");
         return;
     }
     // The subscription holds until it expires; the expiry renews it.
     log::warn(kTag, subscriptionPrefix(s) + ": refresh failed with " + std::to_string(code));
 }
 
-void UserAgent::Impl::onSubscriptionNotify(Subscription& s, const std::string& key, const SipMessage& request) {
+void Subscriptions::onNotify(Subscription& s, const std::string& key, const SipMessage& request) {
     if (eventPackage(request) != s.event) {
-        respond(key, request, 489, {}, {{"Allow-Events", "presence"}});
+        ctx_.respond(key, request, 489, {}, {{"Allow-Events", "presence"}});
         return;
     }
     const auto stateHeader = request.header("Subscription-State");
     if (!stateHeader) {
-        respond(key, request, 400, "Missing Subscription-State");
+        ctx_.respond(key, request, 400, "Missing Subscription-State");
         return;
     }
     const auto cseq = request.cseq();
     if (cseq && s.dialog.remoteCseq && cseq->number < *s.dialog.remoteCseq) {
-        respond(key, request, 500, "Out of Order");
+        ctx_.respond(key, request, 500, "Out of Order");
         return;
     }
     if (cseq) s.dialog.remoteCseq = cseq->number;
@@ -337,59 +337,59 @@ void UserAgent::Impl::onSubscriptionNotify(Subscription& s, const std::string& k
         }
         s.dialog.routeSet = request.recordRoutes();
     }
-    respond(key, request, 200);
-    loop_->cancel(s.notifyTimer);
+    ctx_.respond(key, request, 200);
+    ctx_.loop->cancel(s.notifyTimer);
     s.notifyTimer = 0;
 
     const int id = s.id;
     const SubscriptionStateValue state = parseSubscriptionState(*stateHeader);
-    if (listener_) listener_->onNotifyState(id, *stateHeader);
+    if (ctx_.listener) ctx_.listener->onNotifyState(id, *stateHeader);
     if (!request.body.empty()) {
         const std::string type = request.contentType().value_or("");
-        if (listener_) listener_->onNotifyContent(id, type, request.body);
+        if (ctx_.listener) ctx_.listener->onNotifyContent(id, type, request.body);
         std::string error;
         if (s.event == "message-summary" && !parseMessageSummary(request.body, &error)) {
             log::warn(kTag, subscriptionPrefix(s) + ": unreadable message summary: " + error);
-        } else if (listener_) {
-            listener_->onSubscriptionBody(id, s.event, request.body);
+        } else if (ctx_.listener) {
+            ctx_.listener->onSubscriptionBody(id, s.event, request.body);
         }
     }
     // The listener may have unsubscribed.
-    Subscription* again = findSubscription(id);
+    Subscription* again = find(id);
     if (again == nullptr) return;
     if (again->unsubscribing) {
-        if (state.state == "terminated") finishSubscription(*again, SubscriptionState::Unsubscribed, 0, "");
+        if (state.state == "terminated") finish(*again, SubscriptionState::Unsubscribed, 0, "");
         return;
     }
     if (state.state == "active" || state.state == "pending") {
-        if (state.expires > 0) grantSubscription(*again, static_cast<int>(std::min<int64_t>(state.expires, INT32_MAX)));
-        setSubscriptionState(*again, state.state == "active" ? SubscriptionState::Active : SubscriptionState::Pending);
+        if (state.expires > 0) grant(*again, static_cast<int>(std::min<int64_t>(state.expires, INT32_MAX)));
+        setState(*again, state.state == "active" ? SubscriptionState::Active : SubscriptionState::Pending);
     } else if (state.state == "terminated") {
-        subscriptionTerminated(*again, state.reason,
+        terminated(*again, state.reason,
                                static_cast<int>(std::clamp<int64_t>(state.retryAfter, -1, INT32_MAX)));
     }
 }
 
-void UserAgent::Impl::onUnsolicitedNotify(const std::string& key, const SipMessage& request) {
+void Subscriptions::onUnsolicitedNotify(const std::string& key, const SipMessage& request) {
     // Message waiting comes from many registrars without a SUBSCRIBE; any
     // other package outside a subscription of ours names nothing we know.
     if (eventPackage(request) != "message-summary") {
-        respond(key, request, 481);
+        ctx_.respond(key, request, 481);
         return;
     }
-    respond(key, request, 200);
+    ctx_.respond(key, request, 200);
     std::string error;
     if (!parseMessageSummary(request.body, &error)) {
         log::warn(kTag, "unsolicited message summary dropped: " + error);
         return;
     }
     log::info(kTag, "unsolicited message summary from " + request.header("From").value_or(""));
-    if (!listener_) return;
-    listener_->onNotifyContent(0, request.contentType().value_or(""), request.body);
-    listener_->onSubscriptionBody(0, "message-summary", request.body);
+    if (!ctx_.listener) return;
+    ctx_.listener->onNotifyContent(0, request.contentType().value_or(""), request.body);
+    ctx_.listener->onSubscriptionBody(0, "message-summary", request.body);
 }
 
-void UserAgent::Impl::subscriptionTerminated(Subscription& s, const std::string& reason, int retryAfterSeconds) {
+void Subscriptions::terminated(Subscription& s, const std::string& reason, int retryAfterSeconds) {
     log::info(kTag, subscriptionPrefix(s) + " terminated" + (reason.empty() ? "" : ": " + reason));
     s.reason = reason;
     // RFC 6665: a new subscription at once after "deactivated" or
@@ -397,84 +397,96 @@ void UserAgent::Impl::subscriptionTerminated(Subscription& s, const std::string&
     // "noresource", "giveup" or "invariant". Without a reason (or with one
     // we do not know) we try again later.
     if (reason == "deactivated" || reason == "timeout") {
-        renewSubscription(s, 0);
+        renew(s, 0);
     } else if (reason == "rejected" || reason == "noresource" || reason == "giveup" || reason == "invariant") {
-        finishSubscription(s, SubscriptionState::Terminated, 0, reason);
+        finish(s, SubscriptionState::Terminated, 0, reason);
     } else {
-        renewSubscription(s, retryAfterSeconds >= 0 ? int64_t{retryAfterSeconds} * 1000 : kRenewDelayMs);
+        renew(s, retryAfterSeconds >= 0 ? int64_t{retryAfterSeconds} * 1000 : kRenewDelayMs);
     }
 }
 
-void UserAgent::Impl::renewSubscription(Subscription& s, int64_t afterMs) {
-    clearSubscriptionTimers(s);
-    if (s.outgoing != 0) abandonOutgoing(s.outgoing);
+void Subscriptions::renew(Subscription& s, int64_t afterMs) {
+    clearTimers(s);
+    if (s.outgoing != 0) outgoing_.abandon(s.outgoing);
     s.outgoing = 0;
     s.refreshKey.clear();
     if (s.renewals >= kMaxRenewals) {
         log::warn(kTag, subscriptionPrefix(s) + ": given up after " + std::to_string(kMaxRenewals) + " new subscriptions");
-        finishSubscription(s, SubscriptionState::Terminated, 0, s.reason);
+        finish(s, SubscriptionState::Terminated, 0, s.reason);
         return;
     }
     ++s.renewals;
-    setSubscriptionState(s, SubscriptionState::Subscribing);
+    setState(s, SubscriptionState::Subscribing);
     if (afterMs <= 0) {
-        startSubscription(s);
+        start(s);
         return;
     }
     const int id = s.id;
-    s.retryTimer = transactions_->schedule(afterMs, [this, id] {
-        Subscription* found = findSubscription(id);
+    s.retryTimer = ctx_.transactions->schedule(afterMs, [this, id] {
+        Subscription* found = find(id);
         if (found == nullptr) return;
         found->retryTimer = 0;
-        startSubscription(*found);
+        start(*found);
     });
 }
 
-void UserAgent::Impl::setSubscriptionState(Subscription& s, SubscriptionState state) {
+void Subscriptions::setState(Subscription& s, SubscriptionState state) {
     if (s.state == state) return;
     s.state = state;
     log::info(kTag, subscriptionPrefix(s) + " -> " + std::string(toString(state)));
-    if (listener_) listener_->onSubscriptionState(infoOf(s));
+    if (ctx_.listener) ctx_.listener->onSubscriptionState(infoOf(s));
 }
 
-void UserAgent::Impl::finishSubscription(Subscription& s, SubscriptionState state, int code, const std::string& reason) {
-    clearSubscriptionTimers(s);
-    if (s.outgoing != 0) abandonOutgoing(s.outgoing);
+void Subscriptions::finish(Subscription& s, SubscriptionState state, int code, const std::string& reason) {
+    clearTimers(s);
+    if (s.outgoing != 0) outgoing_.abandon(s.outgoing);
     s.outgoing = 0;
     s.statusCode = code;
     s.reason = reason;
     s.granted = 0;
-    setSubscriptionState(s, state);
+    setState(s, state);
     // Reported once, then gone, after whoever holds it now has finished.
     const int id = s.id;
-    loop_->post([this, id] { subscriptions_.erase(id); });
+    ctx_.loop->post([this, id] { subscriptions_.erase(id); });
 }
 
-void UserAgent::Impl::clearSubscriptionTimers(Subscription& s) {
+void Subscriptions::clearTimers(Subscription& s) {
     for (EventLoop::TimerId* timer : {&s.refreshTimer, &s.expiryTimer, &s.retryTimer, &s.notifyTimer}) {
-        loop_->cancel(*timer);
+        ctx_.loop->cancel(*timer);
         *timer = 0;
     }
 }
 
-bool UserAgent::Impl::unsubscribe(int id) {
-    Subscription* found = findSubscription(id);
+bool Subscriptions::unsubscribe(int id) {
+    Subscription* found = find(id);
     if (found == nullptr || found->unsubscribing || found->state == SubscriptionState::Terminated ||
         found->state == SubscriptionState::Unsubscribed) {
         return false;
     }
     Subscription& s = *found;
     s.unsubscribing = true;
-    clearSubscriptionTimers(s);
+    clearTimers(s);
     log::info(kTag, subscriptionPrefix(s) + ": unsubscribing");
     if (s.outgoing != 0) return true;  // the answer to the first SUBSCRIBE decides
     if (s.dialog.remoteTag.empty()) {
         // Nothing is established (a renewal is waiting): nothing to withdraw.
-        finishSubscription(s, SubscriptionState::Unsubscribed, 0, "");
+        finish(s, SubscriptionState::Unsubscribed, 0, "");
         return true;
     }
     sendSubscribeInDialog(s, 0);
     return true;
+}
+
+void Subscriptions::unsubscribeAll() {
+    std::vector<int> ids;
+    for (const auto& [id, s] : subscriptions_) ids.push_back(id);
+    for (const int id : ids) (void)unsubscribe(id);
+}
+
+size_t Subscriptions::pendingWithdrawals() const {
+    size_t pending = 0;
+    for (const auto& [id, s] : subscriptions_) pending += s.unsubscribing && (s.outgoing != 0 || !s.refreshKey.empty());
+    return pending;
 }
 
 }  // namespace kelsip

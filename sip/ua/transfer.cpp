@@ -6,7 +6,7 @@
 
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
-#include "sip/ua/user_agent_impl.h"
+#include "sip/ua/calls.h"
 
 namespace kelsip {
 
@@ -50,40 +50,32 @@ std::string unescape(std::string_view text) {
 
 }  // namespace
 
-std::optional<SipUri> UserAgent::Impl::completeTarget(const Line& line, const std::string& target) const {
-    std::string text = target;
-    if (text.rfind("sip:", 0) != 0 && text.rfind("sips:", 0) != 0 && text.rfind("tel:", 0) != 0) {
-        text = "sip:" + (text.find('@') == std::string::npos ? escapeUriUser(text) + "@" + line.config.domain : text);
-    }
-    return SipUri::parse(text);
-}
-
-bool UserAgent::Impl::sendRefer(Call& call, const std::string& referTo) {
+bool Calls::sendRefer(Call& call, const std::string& referTo) {
     SipMessage refer = buildInDialogRequest(call, "REFER");
     refer.addHeader("Refer-To", "<" + referTo + ">");
     refer.addHeader("Referred-By", call.dialog.localUri);
     const int id = call.id;
-    const std::string key = transactions_->sendRequest(refer, dialogTarget(call), [this, id](const SipMessage* r) {
+    const std::string key = ctx_.transactions->sendRequest(refer, dialogTarget(call), [this, id](const SipMessage* r) {
         if (r != nullptr && r->statusCode < 300) return;  // 202: the NOTIFYs tell the rest
         // A refused REFER is reported as the transfer's outcome.
         const int code = r != nullptr ? r->statusCode : 408;
-        if (findCall(id) != nullptr && listener_) {
-            listener_->onTransferProgress(id, code, r != nullptr ? r->reason : "Request Timeout");
+        if (findCall(id) != nullptr && ctx_.listener) {
+            ctx_.listener->onTransferProgress(id, code, r != nullptr ? r->reason : "Request Timeout");
         }
     });
     return !key.empty();
 }
 
-bool UserAgent::Impl::transferCall(int id, const std::string& target) {
+bool Calls::transferCall(int id, const std::string& target) {
     Call* call = findCall(id);
-    const Line* line = call != nullptr ? findLine(call->line) : nullptr;
+    const Line* line = call != nullptr ? lines_.find(call->line) : nullptr;
     if (call == nullptr || line == nullptr || call->state != CallState::Connected) return false;
-    const auto uri = completeTarget(*line, target);
+    const auto uri = UaContext::completeTarget(*line, target);
     if (!uri) return false;
     return sendRefer(*call, uri->toString());
 }
 
-bool UserAgent::Impl::transferCallAttended(int id, int otherId) {
+bool Calls::transferCallAttended(int id, int otherId) {
     Call* call = findCall(id);
     const Call* other = findCall(otherId);
     if (call == nullptr || other == nullptr || call->state != CallState::Connected || id == otherId) return false;
@@ -96,13 +88,13 @@ bool UserAgent::Impl::transferCallAttended(int id, int otherId) {
     return sendRefer(*call, uri);
 }
 
-void UserAgent::Impl::onRefer(Call& call, const std::string& key, const SipMessage& request) {
+void Calls::onRefer(Call& call, const std::string& key, const SipMessage& request) {
     const auto referTo = NameAddr::parse(request.header("Refer-To").value_or(""));
     if (!referTo || referTo->uri.host.empty()) {
-        respond(key, request, 400, "Missing or bad Refer-To");
+        ctx_.respond(key, request, 400, "Missing or bad Refer-To");
         return;
     }
-    respond(key, request, 202);
+    ctx_.respond(key, request, 202);
     notifyReferrer(call, 100, "Trying", false);
 
     // The URI's headers (?Replaces=...) go into the new INVITE; the URI
@@ -131,14 +123,14 @@ void UserAgent::Impl::onRefer(Call& call, const std::string& key, const SipMessa
     log::info(kTag, callPrefix(call) + ": transferred to " + uri.toString() + " as call " + std::to_string(newId));
 }
 
-void UserAgent::Impl::notifyReferrer(Call& call, int code, const std::string& reason, bool final) {
+void Calls::notifyReferrer(Call& call, int code, const std::string& reason, bool final) {
     if (call.state == CallState::Terminated) return;
     SipMessage notify = buildInDialogRequest(call, "NOTIFY");
     notify.addHeader("Event", "refer");
     notify.addHeader("Subscription-State", final ? "terminated;reason=noresource" : "active;expires=60");
     notify.addHeader("Content-Type", "message/sipfrag;version=2.0");
     notify.body = "SIP/2.0 " + std::to_string(code) + " " + reason;
-    (void)transactions_->sendRequest(notify, dialogTarget(call), [](const SipMessage*) {});
+    (void)ctx_.transactions->sendRequest(notify, dialogTarget(call), [](const SipMessage*) {});
 }
 
 }  // namespace kelsip

@@ -144,4 +144,8 @@ std::optional<SipUri> UaContext::completeTarget(const Line& line, const std::str
     return SipUri::parse(text);
 }
 
+std::string UaContext::presenceDocument(const Line& line, const SipTarget& toward) const {
+    return buildPresenceDocument(addressOfRecord(line, toward), line.presence);
+}
+
 }  // namespace kelsip

@@ -56,6 +56,8 @@ public:
     [[nodiscard]] static SipTarget dialogTarget(const Dialog& dialog, const SipTarget& fallback);
     [[nodiscard]] std::string contactUri(const Line* line, const SipTarget& target) const;
     [[nodiscard]] std::string addressOfRecord(const Line& line, const SipTarget& toward) const;
+    // The PIDF document of a line's presence, its entity as seen from `toward`.
+    [[nodiscard]] std::string presenceDocument(const Line& line, const SipTarget& toward) const;
     // A bare user within the line's domain; "user@host" gets the scheme.
     [[nodiscard]] static std::optional<SipUri> completeTarget(const Line& line, const std::string& target);
     void respond(const std::string& key, const SipMessage& request, int code, std::string_view reason = {},
