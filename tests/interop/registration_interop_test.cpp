@@ -1,76 +1,39 @@
 // Registration against real registrars: Kamailio over UDP and TCP (digest,
-// refresh, un-registering, a wrong password), Kamailio found through DNS SRV
-// behind a dead server, and SIPp for the answers Kamailio will not give on
-// demand (423, 503, push support).
+// refresh, stale nonce, un-registering, a wrong password, two devices,
+// shutdown), SRV failover with dnsmasq, and SIPp for the answers Kamailio
+// will not give on demand (423, 503, push support).
 #include <gtest/gtest.h>
-
-#include <mutex>
 
 #include "interop/support/interop_test.h"
 #include "sip/net/socket.h"
-#include "sip/ua/user_agent.h"
-#include "support/wait.h"
 
 namespace kelsip {
 
-// Test names and failure messages show the transport by name.
 static void PrintTo(TransportKind kind, std::ostream* out) { *out << transportName(kind); }
 
 namespace {
 
 using namespace std::chrono_literals;
 using test::KamailioOptions;
-
-class StateRecorder : public UserAgentListener {
-public:
-    void onRegistrationState(int, RegistrationState state, int code, const std::string&) override {
-        std::lock_guard lock(mutex_);
-        states_.push_back(std::string(toString(state)) + " " + std::to_string(code));
-    }
-    std::vector<std::string> states() {
-        std::lock_guard lock(mutex_);
-        return states_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> states_;
-};
+using test::waitFor;
 
 class RegistrationInteropTest : public test::InteropTest {
 protected:
-    // A user agent on loopback in real time; `t1Ms` shortens UDP time-outs
-    // (64 x T1) where a test waits for one.
-    void startUserAgent(int64_t t1Ms = 500, std::vector<net::SocketAddress> dns = {}) {
+    void startAlice(int64_t t1Ms = 500, std::vector<net::SocketAddress> dns = {}) {
         UserAgentConfig config = loopbackConfig(true, t1Ms);
         config.dnsServers = std::move(dns);
-        ua = startLoopbackUserAgent(config, recorder);
+        ua = startUserAgent(config);
         ASSERT_TRUE(ua);
     }
-
-    int addLine(const std::string& domain, TransportKind transport = TransportKind::Udp, int expires = 3600,
-                const std::string& password = "secret") {
-        LineConfig line;
-        line.user = "alice";
-        line.password = password;
-        line.domain = domain;
-        line.transport = transport;
-        line.expires = expires;
-        line.reregisterOnFailure = false;
-        return ua->addLine(line);
-    }
-
     bool reaches(int line, RegistrationState state, std::chrono::milliseconds timeout = 5s) {
-        return test::waitFor([&] { return ua->registrationState(line) == state; }, timeout);
+        return waitFor([&] { return ua->registrationState(line) == state; }, timeout);
     }
+    std::vector<std::string> registrations() { return events->now().registrations; }
 
-    std::shared_ptr<StateRecorder> recorder = std::make_shared<StateRecorder>();
     std::unique_ptr<UserAgent> ua;
 };
 
-// Kamailio over each transport the line can choose.
-class KamailioRegistrationTest : public RegistrationInteropTest,
-                                 public ::testing::WithParamInterface<TransportKind> {};
+class KamailioRegistrationTest : public RegistrationInteropTest, public ::testing::WithParamInterface<TransportKind> {};
 
 INSTANTIATE_TEST_SUITE_P(Transports, KamailioRegistrationTest, ::testing::Values(TransportKind::Udp, TransportKind::Tcp),
                          [](const auto& p) { return std::string(transportName(p.param)); });
@@ -80,48 +43,40 @@ TEST_P(KamailioRegistrationTest, RegistersWithDigestRefreshesAndUnregisters) {
     options.minExpires = 2;
     auto* kamailio = startKamailio(options);
     ASSERT_TRUE(kamailio);
-    startUserAgent();
-    const int line = addLine(kamailio->hostPort(), GetParam(), 4);
+    startAlice();
+    const int line = addAlice(*ua, kamailio->hostPort(), GetParam(), 4);
     ASSERT_TRUE(ua->registerLine(line));
 
     ASSERT_TRUE(reaches(line, RegistrationState::Registered));
     EXPECT_EQ(ua->lineInfo(line)->expires, 4);
-    // Kamailio logs the binding after it has answered.
-    EXPECT_TRUE(test::waitFor([&] { return kamailio->bindingsSaved("alice") == 1; }, 2s));
-    // Kamailio challenged first: the binding needed the digest.
+    // Challenged first; Kamailio logs the binding after it has answered.
+    EXPECT_TRUE(waitFor([&] { return kamailio->bindingsSaved("alice") == 1; }, 2s));
     EXPECT_EQ(kamailio->requestsSeen("REGISTER", "alice"), 2);
     EXPECT_EQ(kamailio->optionsTo("alice"), 200) << "Kamailio holds no binding that reaches the user agent";
-
-    // A 4 s binding is refreshed every 2 s; two refreshes carry it past the
-    // first expiry, and the line never leaves Registered on the way.
-    ASSERT_TRUE(test::waitFor([&] { return kamailio->bindingsSaved("alice") >= 3; }, 7s))
-        << kamailio->bindingsSaved("alice") << " bindings saved";
+    // Refreshed every 2 s past the first expiry, never leaving Registered.
+    ASSERT_TRUE(waitFor([&] { return kamailio->bindingsSaved("alice") >= 3; }, 7s));
     EXPECT_EQ(kamailio->optionsTo("alice"), 200) << "the binding lapsed despite the refreshes";
-    EXPECT_EQ(ua->registrationState(line), RegistrationState::Registered);
 
     ASSERT_TRUE(ua->unregisterLine(line));
     ASSERT_TRUE(reaches(line, RegistrationState::Unregistered));
     EXPECT_EQ(kamailio->optionsTo("alice"), 404) << "the binding is still there after un-registering";
-    EXPECT_EQ(recorder->states(), (std::vector<std::string>{"Registering 0", "Registered 200", "Unregistering 0",
-                                                            "Unregistered 200"}));
+    EXPECT_EQ(registrations(),
+              (std::vector<std::string>{"Registering 0", "Registered 200", "Unregistering 0", "Unregistered 200"}));
 }
 
 TEST_P(KamailioRegistrationTest, AWrongPasswordFailsWithoutHammeringTheRegistrar) {
     auto* kamailio = startKamailio();
     ASSERT_TRUE(kamailio);
-    startUserAgent();
-    const int line = addLine(kamailio->hostPort(), GetParam(), 3600, "not-the-password");
+    startAlice();
+    const int line = addAlice(*ua, kamailio->hostPort(), GetParam(), 3600, "not-the-password");
     ASSERT_TRUE(ua->registerLine(line));
 
     ASSERT_TRUE(reaches(line, RegistrationState::Failed));
-    const int code = ua->lineInfo(line)->statusCode;
-    EXPECT_TRUE(code == 401 || code == 403) << code;
+    EXPECT_TRUE(ua->lineInfo(line)->statusCode == 401 || ua->lineInfo(line)->statusCode == 403);
     const int seen = kamailio->requestsSeen("REGISTER", "alice");
     EXPECT_GE(seen, 2);
     EXPECT_LE(seen, 3);
-    // Nothing more follows the failure.
-    EXPECT_FALSE(test::waitFor([&] { return kamailio->requestsSeen("REGISTER", "alice") > seen; }, 1s));
-    EXPECT_EQ(kamailio->bindingsSaved("alice"), 0);
+    EXPECT_FALSE(waitFor([&] { return kamailio->requestsSeen("REGISTER", "alice") > seen; }, 1s));
     EXPECT_EQ(kamailio->optionsTo("alice"), 404);
 }
 
@@ -131,163 +86,119 @@ TEST_F(RegistrationInteropTest, ARefreshAnswersTheChallengeOfAnExpiredNonce) {
     options.nonceExpires = 1;
     auto* kamailio = startKamailio(options);
     ASSERT_TRUE(kamailio);
-    startUserAgent();
-    const int line = addLine(kamailio->hostPort(), TransportKind::Udp, 4);
+    startAlice();
+    const int line = addAlice(*ua, kamailio->hostPort(), TransportKind::Udp, 4);
     ASSERT_TRUE(ua->registerLine(line));
     ASSERT_TRUE(reaches(line, RegistrationState::Registered));
 
-    // Each refresh comes after the nonce has expired: Kamailio challenges
-    // it as stale and the line answers at once.
-    ASSERT_TRUE(test::waitFor([&] { return kamailio->bindingsSaved("alice") >= 3; }, 7s))
-        << kamailio->bindingsSaved("alice") << " bindings saved";
+    // Each refresh is challenged as stale and answered at once.
+    ASSERT_TRUE(waitFor([&] { return kamailio->bindingsSaved("alice") >= 3; }, 7s));
     EXPECT_GE(kamailio->requestsSeen("REGISTER", "alice"), 6);
-    EXPECT_EQ(recorder->states(), (std::vector<std::string>{"Registering 0", "Registered 200"}));
+    EXPECT_EQ(registrations(), (std::vector<std::string>{"Registering 0", "Registered 200"}));
     EXPECT_EQ(kamailio->optionsTo("alice"), 200);
-    ASSERT_TRUE(ua->unregisterLine(line));
-    ASSERT_TRUE(reaches(line, RegistrationState::Unregistered));
 }
 
-TEST_F(RegistrationInteropTest, ShutdownWithdrawsTheBindingAndWaitsForTheAnswer) {
+TEST_F(RegistrationInteropTest, TwoDevicesKeepTheirOwnExpiryAndShutdownWithdrawsOnlyItsOwn) {
     auto* kamailio = startKamailio();
     ASSERT_TRUE(kamailio);
-    startUserAgent();
-    const int line = addLine(kamailio->hostPort(), TransportKind::Udp, 3600);
-    ASSERT_TRUE(ua->registerLine(line));
-    ASSERT_TRUE(reaches(line, RegistrationState::Registered));
-    // The answer to the un-REGISTER races the shutdown itself: run under the
-    // thread sanitizer, this is what keeps the two apart.
-    ua->shutdown(3s);
-    EXPECT_TRUE(logs().has("line " + std::to_string(line) + ": un-registering before shutdown"));
-    EXPECT_FALSE(logs().has("no answer to the un-REGISTER within"));
-    EXPECT_EQ(kamailio->optionsTo("alice"), 404);
-}
-
-TEST_F(RegistrationInteropTest, TwoDevicesOnOneAccountEachKeepTheirOwnExpiry) {
-    auto* kamailio = startKamailio();
-    ASSERT_TRUE(kamailio);
-    startUserAgent();
-    const int first = addLine(kamailio->hostPort(), TransportKind::Udp, 3600);
+    startAlice();
+    const int first = addAlice(*ua, kamailio->hostPort());
     ASSERT_TRUE(ua->registerLine(first));
     ASSERT_TRUE(reaches(first, RegistrationState::Registered));
 
-    UserAgentConfig config;
-    config.bindAddress = "127.0.0.1";
-    config.udpPort = 0;
-    config.tcpPort = -1;
-    UserAgent other(config);
+    UserAgent other(loopbackConfig(false));
     ASSERT_TRUE(other.start());
-    LineConfig c;
-    c.user = "alice";
-    c.password = "secret";
-    c.domain = kamailio->hostPort();
-    c.expires = 120;
-    const int second = other.addLine(c);
+    const int second = addAlice(other, kamailio->hostPort(), TransportKind::Udp, 120);
     ASSERT_TRUE(other.registerLine(second));
-    ASSERT_TRUE(test::waitFor([&] { return other.registrationState(second) == RegistrationState::Registered; }, 5s));
-
-    // Kamailio's 200 lists both bindings, the other device's first; each
-    // device reads its own.
+    ASSERT_TRUE(waitFor([&] { return other.registrationState(second) == RegistrationState::Registered; }, 5s));
+    // Kamailio's 200 lists both bindings, the other device's first.
     EXPECT_EQ(other.lineInfo(second)->expires, 120);
     EXPECT_EQ(ua->lineInfo(first)->expires, 3600);
+
+    // Shutdown withdraws the binding and waits for the answer, which races
+    // the shutdown itself (the thread sanitizer watches this).
+    ua->shutdown(3s);
+    EXPECT_TRUE(logs().has("line " + std::to_string(first) + ": un-registering before shutdown"));
+    EXPECT_FALSE(logs().has("no answer to the un-REGISTER within"));
+    EXPECT_EQ(kamailio->optionsTo("alice"), 200) << "the other device's binding went too";
     ASSERT_TRUE(other.unregisterLine(second));
-    ASSERT_TRUE(test::waitFor([&] { return other.registrationState(second) == RegistrationState::Unregistered; }, 5s));
-    // Withdrawing one device's binding leaves the other's.
-    EXPECT_EQ(kamailio->optionsTo("alice"), 200);
-    ASSERT_TRUE(ua->unregisterLine(first));
-    ASSERT_TRUE(reaches(first, RegistrationState::Unregistered));
+    ASSERT_TRUE(waitFor([&] { return other.registrationState(second) == RegistrationState::Unregistered; }, 5s));
+    EXPECT_EQ(kamailio->optionsTo("alice"), 404);
 }
 
 TEST_F(RegistrationInteropTest, FailsOverToTheNextSrvTargetWhenTheFirstNeverAnswers) {
-    // The first target is a socket that swallows everything.
-    net::Socket deadServer = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
-    ASSERT_TRUE(deadServer.bind(net::SocketAddress::loopback(net::AddressFamily::V4)));
-    ASSERT_TRUE(deadServer.setNonBlocking(true));
-    const uint16_t deadPort = deadServer.localAddress()->port();
-
+    net::Socket dead = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+    ASSERT_TRUE(dead.bind(net::SocketAddress::loopback(net::AddressFamily::V4)));
+    ASSERT_TRUE(dead.setNonBlocking(true));
     KamailioOptions options;
     options.domains = {"reg.test"};
     auto* kamailio = startKamailio(options);
     ASSERT_TRUE(kamailio);
-    auto* dns = startDnsmasq({
-        "srv-host=_sip._udp.reg.test,dead.reg.test," + std::to_string(deadPort) + ",10,0",
-        "srv-host=_sip._udp.reg.test,kamailio.reg.test," + std::to_string(kamailio->port()) + ",20,0",
-        "host-record=dead.reg.test,127.0.0.1",
-        "host-record=kamailio.reg.test,127.0.0.1",
-    });
+    auto* dns = startSrv("reg.test", {dead.localAddress()->port(), kamailio->port()});
     ASSERT_TRUE(dns);
-    // REGISTER times out after 64 x 50 ms = 3.2 s at the dead server.
-    startUserAgent(50, {dns->address()});
-    const int line = addLine("reg.test");
+    startAlice(50, {dns->address()});  // gives up on the dead server after 3.2 s
+    const int line = addAlice(*ua, "reg.test");
     ASSERT_TRUE(ua->registerLine(line));
 
-    ASSERT_TRUE(logs().waitForLine("line " + std::to_string(line) + ": trying next server UDP " +
-                                       kamailio->hostPort(), 6s));
+    ASSERT_TRUE(logs().waitForLine("line " + std::to_string(line) + ": trying next server UDP " + kamailio->hostPort(), 6s));
     ASSERT_TRUE(reaches(line, RegistrationState::Registered));
     char buffer[4096];
     net::SocketAddress from;
-    const auto swallowed = deadServer.receiveFrom(buffer, sizeof buffer, from);
+    const auto swallowed = dead.receiveFrom(buffer, sizeof buffer, from);
     ASSERT_TRUE(swallowed.ok()) << "the dead server was never tried";
-    EXPECT_EQ(std::string_view(buffer, swallowed.bytes).substr(0, 21), "REGISTER sip:reg.test");
+    EXPECT_TRUE(std::string_view(buffer, swallowed.bytes).starts_with("REGISTER sip:reg.test"));
     EXPECT_EQ(kamailio->optionsTo("alice", "reg.test"), 200);
-
-    // The binding is withdrawn where it was made.
+    // Withdrawn where it was made.
     ASSERT_TRUE(ua->unregisterLine(line));
     ASSERT_TRUE(reaches(line, RegistrationState::Unregistered));
     EXPECT_EQ(kamailio->optionsTo("alice", "reg.test"), 404);
 }
 
-TEST_F(RegistrationInteropTest, FollowsMinExpiresFromA423) {
-    auto* sipp = startSipp("register_423_then_200.xml");
-    ASSERT_TRUE(sipp);
-    startUserAgent();
-    const int line = addLine(sipp->hostPort(), TransportKind::Udp, 600);
-    ASSERT_TRUE(ua->registerLine(line));
+TEST_F(RegistrationInteropTest, FollowsA423AndFailsOverAfterA503AndReadsPushSupport) {
+    // Each SIPp registrar fails its call unless the REGISTER carried what it checks.
+    struct Case {
+        const char* what;
+        std::vector<const char*> scenarios;  // SRV targets in priority order, or one registrar
+        int expires;
+    };
+    const Case cases[] = {
+        {"423: asks again for the Min-Expires", {"register_423_then_200.xml"}, 1800},
+        {"503: the next SRV target at once", {"register_503.xml", "register_200.xml"}, 300},
+        {"push parameters and the registrar's push support", {"register_push.xml"}, 600},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<test::SippRunner*> sipps;
+        std::vector<uint16_t> ports;
+        for (const char* scenario : c.scenarios) {
+            sipps.push_back(startSipp(scenario));
+            ASSERT_TRUE(sipps.back());
+            ports.push_back(sipps.back()->port());
+        }
+        auto* dns = sipps.size() > 1 ? startSrv("reg.test", ports) : nullptr;
+        startAlice(500, dns ? std::vector{dns->address()} : std::vector<net::SocketAddress>{});
+        const int line = addAlice(*ua, dns ? "reg.test" : sipps[0]->hostPort(), TransportKind::Udp, 600);
+        const bool push = std::string_view(c.scenarios[0]) == "register_push.xml";
+        if (push) {
+            ASSERT_TRUE(ua->setPush(line, PushParams{"apns", "", "device-token-0001"}));
+        }
+        ASSERT_TRUE(ua->registerLine(line));
 
-    ASSERT_TRUE(reaches(line, RegistrationState::Registered));
-    EXPECT_EQ(ua->lineInfo(line)->expires, 1800);
-    // SIPp fails the call unless the second REGISTER asked for 1800 s.
-    EXPECT_EQ(sipp->waitForExit(5s), 0);
-    EXPECT_EQ(recorder->states(), (std::vector<std::string>{"Registering 0", "Registered 200"}));
-}
-
-TEST_F(RegistrationInteropTest, FailsOverToTheNextSrvTargetAfterA503) {
-    auto* unavailable = startSipp("register_503.xml");
-    auto* available = startSipp("register_200.xml");
-    ASSERT_TRUE(unavailable && available);
-    auto* dns = startDnsmasq({
-        "srv-host=_sip._udp.reg.test,busy.reg.test," + std::to_string(unavailable->port()) + ",10,0",
-        "srv-host=_sip._udp.reg.test,spare.reg.test," + std::to_string(available->port()) + ",20,0",
-        "host-record=busy.reg.test,127.0.0.1",
-        "host-record=spare.reg.test,127.0.0.1",
-    });
-    ASSERT_TRUE(dns);
-    startUserAgent(500, {dns->address()});
-    const int line = addLine("reg.test");
-    ASSERT_TRUE(ua->registerLine(line));
-
-    ASSERT_TRUE(reaches(line, RegistrationState::Registered));
-    EXPECT_TRUE(logs().has("line " + std::to_string(line) + ": trying next server UDP " + available->hostPort()));
-    EXPECT_EQ(ua->lineInfo(line)->expires, 300);
-    EXPECT_EQ(unavailable->waitForExit(5s), 0);
-    EXPECT_EQ(available->waitForExit(5s), 0);
-}
-
-TEST_F(RegistrationInteropTest, RegistersPushParametersAndReadsTheRegistrarsPushSupport) {
-    auto* sipp = startSipp("register_push.xml");
-    ASSERT_TRUE(sipp);
-    startUserAgent();
-    const int line = addLine(sipp->hostPort());
-    ASSERT_TRUE(ua->setPush(line, PushParams{"apns", "", "device-token-0001"}));
-    ASSERT_TRUE(ua->registerLine(line));
-
-    ASSERT_TRUE(reaches(line, RegistrationState::Registered));
-    const PushSupport push = ua->pushSupport(line);
-    EXPECT_TRUE(push.announced);
-    EXPECT_EQ(push.providers, "apns");
-    EXPECT_EQ(push.refreshBeforeExpiry, 121);
-    // SIPp fails the call unless the REGISTER carried the push parameters.
-    EXPECT_EQ(sipp->waitForExit(5s), 0);
-    EXPECT_NE(sipp->messages().find(";pn-prid=device-token-0001"), std::string::npos);
+        ASSERT_TRUE(reaches(line, RegistrationState::Registered));
+        EXPECT_EQ(ua->lineInfo(line)->expires, c.expires);
+        for (auto* sipp : sipps) EXPECT_EQ(sipp->waitForExit(5s), 0);
+        if (dns) {
+            EXPECT_TRUE(logs().has("line " + std::to_string(line) + ": trying next server UDP " + sipps[1]->hostPort()));
+        }
+        if (push) {
+            EXPECT_TRUE(ua->pushSupport(line).announced);
+            EXPECT_EQ(ua->pushSupport(line).providers, "apns");
+            EXPECT_EQ(ua->pushSupport(line).refreshBeforeExpiry, 121);
+            EXPECT_NE(sipps[0]->messages().find(";pn-prid=device-token-0001"), std::string::npos);
+        }
+        ua->shutdown(0ms);
+        ua.reset();
+    }
 }
 
 }  // namespace

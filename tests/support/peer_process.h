@@ -35,7 +35,7 @@ public:
     // Stops the program; the destructor does too.
     void stop() { process_.stop(); }
     // What the program has written so far.
-    [[nodiscard]] std::string log() const { return process_.log(); }
+    [[nodiscard]] virtual std::string log() const { return process_.log(); }
 
 protected:
     struct Launch {

@@ -1,5 +1,5 @@
-// The peers the tests start (Kamailio, SIPp, dnsmasq) are Linux programs and
-// do not run under Wine: on Windows the runner only says so.
+// The peers the tests start are Linux programs and do not run under Wine:
+// on Windows the runner only says so.
 #include "support/process.h"
 
 #include "support/temp_dir.h"
@@ -12,15 +12,13 @@ struct Process::State {
 
 Process::Process() : state_(std::make_unique<State>()) {}
 Process::~Process() = default;
-Process::Process(Process&&) noexcept = default;
-Process& Process::operator=(Process&&) noexcept = default;
 
 bool Process::supported() { return false; }
 std::string Process::findProgram(std::string_view) { return {}; }
 
 bool Process::start(const ProcessOptions& options, std::string* error) {
     state_->options = options;
-    if (error != nullptr) *error = "starting programs is not supported on Windows";
+    *error = "starting programs is not supported on Windows";
     return false;
 }
 
@@ -28,10 +26,6 @@ bool Process::isRunning() { return false; }
 std::optional<int> Process::exitCode() { return std::nullopt; }
 std::optional<int> Process::waitForExit(std::chrono::milliseconds) { return std::nullopt; }
 void Process::stop() {}
-int Process::pid() const { return -1; }
-
-std::string Process::log() const {
-    return state_->options.logFile.empty() ? std::string() : readTextFile(state_->options.logFile);
-}
+std::string Process::log() const { return readTextFile(state_->options.logFile); }
 
 }  // namespace kelsip::test

@@ -1,12 +1,18 @@
 // Base fixture of the interop tests: starts the peers a test asks for, keeps
 // them until it ends, and on failure prints every peer's log and the
-// stack's own log lines.
+// stack's own log lines. Also what the tests share: a listener that keeps
+// everything the user agent reports, and SIPp's message trace read back.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,76 +21,233 @@
 #include "sip/ua/user_agent.h"
 #include "support/dnsmasq_server.h"
 #include "support/log_capture.h"
-#include "support/process.h"
 #include "support/wait.h"
 
 namespace kelsip::test {
+
+using namespace std::chrono_literals;
+
+// What the user agent reported so far.
+struct Seen {
+    std::vector<std::string> registrations;  // "Registered 200"
+    std::vector<CallInfo> incoming;
+    std::map<int, std::vector<std::string>> callStates;
+    std::map<int, CallInfo> lastCall;
+    std::map<int, std::vector<CallInfo>> callInfos;  // hold changes
+    std::map<DtmfMethod, std::string> digits;
+    std::vector<int> transfer;  // NOTIFY statuses of a REFER we sent
+    std::map<int, std::vector<std::string>> subscriptionStates;
+    std::map<int, SubscriptionInfo> lastSubscription;
+    std::map<int, std::vector<std::string>> notifyStates;
+    struct Body {
+        int subscription;
+        std::string event, body;
+    };
+    std::vector<Body> bodies;
+    std::vector<WatcherRequest> watchers;
+    struct Message {
+        int line;
+        std::string from, contentType, body;
+    };
+    std::vector<Message> messages;
+    std::map<int, std::vector<std::pair<int, std::string>>> results;  // by message: status, reason
+
+    [[nodiscard]] std::string callState(int call) const {
+        const auto it = callStates.find(call);
+        return it == callStates.end() || it->second.empty() ? "" : it->second.back();
+    }
+};
+
+class Recorder final : public UserAgentListener {
+public:
+    [[nodiscard]] Seen now() const {
+        const std::lock_guard lock(mutex_);
+        return seen_;
+    }
+    // Watchers whose address holds this text are refused.
+    void refuse(const std::string& text) { record([&](Seen&) { refused_ = text; }); }
+
+    void onRegistrationState(int, RegistrationState state, int code, const std::string&) override {
+        record([&](Seen& s) { s.registrations.push_back(std::string(toString(state)) + " " + std::to_string(code)); });
+    }
+    void onIncomingCall(const CallInfo& call) override { record([&](Seen& s) { s.incoming.push_back(call); }); }
+    void onCallState(const CallInfo& call) override {
+        record([&](Seen& s) {
+            s.callStates[call.id].push_back(call.state);
+            s.lastCall[call.id] = call;
+        });
+    }
+    void onCallInfo(const CallInfo& call) override { record([&](Seen& s) { s.callInfos[call.id].push_back(call); }); }
+    void onDtmf(int, char digit, DtmfMethod method) override { record([&](Seen& s) { s.digits[method] += digit; }); }
+    void onTransferProgress(int, int code, const std::string&) override {
+        record([&](Seen& s) { s.transfer.push_back(code); });
+    }
+    void onSubscriptionState(const SubscriptionInfo& info) override {
+        record([&](Seen& s) {
+            s.subscriptionStates[info.id].push_back(info.state);
+            s.lastSubscription[info.id] = info;
+        });
+    }
+    void onNotifyState(int id, const std::string& state) override {
+        record([&](Seen& s) { s.notifyStates[id].push_back(state); });
+    }
+    void onSubscriptionBody(int id, const std::string& event, const std::string& body) override {
+        record([&](Seen& s) { s.bodies.push_back({id, event, body}); });
+    }
+    void onWatcherRequest(WatcherRequest& request) override {
+        record([&](Seen& s) {
+            request.accept = request.watcher.find(refused_) == std::string::npos;
+            s.watchers.push_back(request);
+        });
+    }
+    void onMessage(int line, const std::string& from, const std::string& type, const std::string& body) override {
+        record([&](Seen& s) { s.messages.push_back({line, from, type, body}); });
+    }
+    void onMessageResult(int id, int code, const std::string& reason) override {
+        record([&](Seen& s) { s.results[id].emplace_back(code, reason); });
+    }
+
+private:
+    template <typename F>
+    void record(F&& change) {
+        const std::lock_guard lock(mutex_);
+        change(seen_);
+    }
+    mutable std::mutex mutex_;
+    Seen seen_;
+    std::string refused_ = "\n";  // no address holds a line break
+};
+
+// One message of SIPp's trace (-trace_msg): when, which way, its text.
+struct Traced {
+    std::chrono::microseconds at{};
+    bool received = false;
+    std::string text;
+
+    [[nodiscard]] std::string startLine() const { return text.substr(0, text.find('\n')); }
+    // The first value of the header, empty when it is absent.
+    [[nodiscard]] std::string header(std::string name) const {
+        std::string lower = text.substr(0, text.find("\n\n"));
+        for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        const size_t found = lower.find("\n" + name + ":");
+        if (found == std::string::npos) return "";
+        const size_t start = text.find_first_not_of(' ', found + name.size() + 2);
+        return text.substr(start, text.find('\n', start) - start);
+    }
+    [[nodiscard]] std::string body() const {
+        const auto end = text.find("\n\n");
+        return end == std::string::npos ? "" : text.substr(end + 2);
+    }
+    [[nodiscard]] bool isRequest(std::string_view method) const {
+        return text.starts_with(std::string(method) + " ");
+    }
+    [[nodiscard]] int status() const { return text.starts_with("SIP/2.0 ") ? std::atoi(text.c_str() + 8) : 0; }
+    // A response with this status to a request with this CSeq ("1 INVITE").
+    [[nodiscard]] bool isResponse(int code, std::string_view cseq) const {
+        return status() == code && header("CSeq") == cseq;
+    }
+    [[nodiscard]] std::string toTag() const { return param(header("To"), ";tag="); }
+    [[nodiscard]] std::string branch() const { return param(header("Via"), ";branch="); }
+    static std::string param(const std::string& value, const std::string& name) {
+        const auto found = value.find(name);
+        if (found == std::string::npos) return "";
+        const auto start = found + name.size();
+        return value.substr(start, value.find(';', start) - start);
+    }
+};
+using Trace = std::vector<Traced>;
+
+// Each message follows a line of dashes with the time and a line saying
+// whether it was sent or received; blank lines follow it.
+inline Trace readTrace(const std::string& log) {
+    Trace out;
+    std::istringstream lines(log);
+    bool heading = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        int y, mo, d, h, mi, s, us;
+        const auto stamp = line.find_first_not_of("- ");
+        if (line.starts_with("-----") && stamp != std::string::npos &&
+            std::sscanf(line.c_str() + stamp, "%d-%d-%d %d:%d:%d.%d", &y, &mo, &d, &h, &mi, &s, &us) == 7) {
+            const std::chrono::sys_days day{std::chrono::year(y) / mo / d};
+            out.push_back({day.time_since_epoch() + std::chrono::hours(h) + std::chrono::minutes(mi) +
+                               std::chrono::seconds(s) + std::chrono::microseconds(us),
+                           false, ""});
+            heading = true;
+        } else if (heading) {
+            out.back().received = out.back().received || line.find("message received") != std::string::npos;
+            heading = !line.empty();
+        } else if (!out.empty()) {
+            out.back().text += line + "\n";
+        }
+    }
+    for (Traced& m : out) {
+        while (m.text.ends_with("\n\n") && m.text.find("\n\n") != m.text.size() - 2) m.text.pop_back();
+    }
+    return out;
+}
+template <typename F>
+Trace select(const Trace& trace, F wanted) {
+    Trace out;
+    for (const Traced& m : trace) {
+        if (wanted(m)) out.push_back(m);
+    }
+    return out;
+}
+inline Trace requests(const Trace& trace, bool received, std::string_view method) {
+    return select(trace, [&](const Traced& m) { return m.received == received && m.isRequest(method); });
+}
+inline Trace responses(const Trace& trace, bool received, int code, std::string_view cseq) {
+    return select(trace, [&](const Traced& m) { return m.received == received && m.isResponse(code, cseq); });
+}
 
 class InteropTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!Process::supported()) GTEST_SKIP() << "the peers of the interop tests run on Linux only";
     }
-
     void TearDown() override {
         if (!HasFailure()) return;
-        for (const auto& k : kamailios_) {
-            std::cerr << "---- Kamailio on " << k->hostPort() << " ----\n" << k->log() << "----\n";
-        }
-        for (const auto& s : sipps_) {
-            std::cerr << "---- SIPp on " << s->hostPort() << " ----\n" << s->log() << "----\n";
-        }
-        for (const auto& d : dnsmasqs_) {
-            std::cerr << "---- dnsmasq on " << d->address().toString() << " ----\n" << d->log() << "----\n";
-        }
+        for (const auto& p : peers_) std::cerr << "---- peer on " << p->hostPort() << " ----\n" << p->log() << "\n";
         std::cerr << "---- the stack's log ----\n";
         for (const std::string& line : logs_.lines()) std::cerr << line << '\n';
-        std::cerr << "----\n";
     }
 
-    // Each start records a failure and returns null when the peer did not
-    // come up; the peer lives until the test ends.
-    KamailioServer* startKamailio(const KamailioOptions& options = {}) {
-        auto server = std::make_unique<KamailioServer>();
+    // Null, with a failure recorded, when the peer did not come up; it
+    // lives until the test ends.
+    template <typename Peer, typename Options>
+    Peer* start(const Options& options) {
+        auto peer = std::make_unique<Peer>();
         std::string error;
-        const bool started = server->start(options, &error);
-        kamailios_.push_back(std::move(server));
-        if (!started) {
-            ADD_FAILURE() << error;
-            return nullptr;
-        }
-        return kamailios_.back().get();
+        const bool started = peer->start(options, &error);
+        Peer* raw = peer.get();
+        peers_.push_back(std::move(peer));
+        if (started) return raw;
+        ADD_FAILURE() << error;
+        return nullptr;
     }
-
-    SippRunner* startSipp(const SippOptions& options) {
-        auto sipp = std::make_unique<SippRunner>();
-        std::string error;
-        const bool started = sipp->start(options, &error);
-        sipps_.push_back(std::move(sipp));
-        if (!started) {
-            ADD_FAILURE() << error;
-            return nullptr;
-        }
-        return sipps_.back().get();
+    KamailioServer* startKamailio(const KamailioOptions& options = {}) { return start<KamailioServer>(options); }
+    DnsmasqServer* startDnsmasq(const std::vector<std::string>& config) { return start<DnsmasqServer>(config); }
+    // SIPp answering with `scenario` for `calls` calls.
+    SippRunner* startSipp(const std::string& scenario, int calls = 1) {
+        return start<SippRunner>(SippOptions{scenario, "", false, calls, 15s, {}});
     }
-
-    // A server scenario with the default limits.
-    SippRunner* startSipp(const std::string& scenario) {
-        SippOptions options;
-        options.scenario = scenario;
-        return startSipp(options);
+    // SIPp sending `scenario` to the user agent; `arguments` such as "-key", "name", "value".
+    SippRunner* sippTo(UserAgent& ua, const std::string& scenario, std::vector<std::string> arguments = {}) {
+        return start<SippRunner>(
+            SippOptions{scenario, ua.localAddress(TransportKind::Udp).toString(), false, 1, 10s, std::move(arguments)});
     }
-
-    DnsmasqServer* startDnsmasq(const std::vector<std::string>& config) {
-        auto server = std::make_unique<DnsmasqServer>();
-        std::string error;
-        const bool started = server->start(config, &error);
-        dnsmasqs_.push_back(std::move(server));
-        if (!started) {
-            ADD_FAILURE() << "dnsmasq: " << error;
-            return nullptr;
+    // SRV records of `domain` for the ports in priority order, each at 127.0.0.1.
+    DnsmasqServer* startSrv(const std::string& domain, const std::vector<uint16_t>& ports) {
+        std::vector<std::string> config;
+        for (size_t i = 0; i < ports.size(); ++i) {
+            const std::string host = "t" + std::to_string(i) + "." + domain;
+            config.push_back("srv-host=_sip._udp." + domain + "," + host + "," + std::to_string(ports[i]) + "," +
+                             std::to_string(10 * (i + 1)) + ",0");
+            config.push_back("host-record=" + host + ",127.0.0.1");
         }
-        return dnsmasqs_.back().get();
+        return startDnsmasq(config);
     }
 
     [[nodiscard]] LogCapture& logs() { return logs_; }
@@ -99,17 +262,28 @@ protected:
         config.timers.t1Ms = t1Ms;
         return config;
     }
-    // Started, with its listener set; null after a recorded failure.
-    static std::unique_ptr<UserAgent> startLoopbackUserAgent(const UserAgentConfig& config,
-                                                             std::shared_ptr<UserAgentListener> listener) {
+    // Started, reporting to `events`; null after a recorded failure.
+    std::unique_ptr<UserAgent> startUserAgent(const UserAgentConfig& config) {
         auto ua = std::make_unique<UserAgent>(config);
         std::string error;
         if (!ua->start(&error)) {
             ADD_FAILURE() << error;
             return nullptr;
         }
-        ua->setListener(std::move(listener));
+        ua->setListener(events);
         return ua;
+    }
+    // A line for alice (password "secret") at `domain`, not registered.
+    static int addAlice(UserAgent& ua, const std::string& domain, TransportKind transport = TransportKind::Udp,
+                        int expires = 3600, const std::string& password = "secret") {
+        LineConfig line;
+        line.user = "alice";
+        line.password = password;
+        line.domain = domain;
+        line.transport = transport;
+        line.expires = expires;
+        line.reregisterOnFailure = false;
+        return ua.addLine(line);
     }
     // Alice's line at `kamailio`, through it as outbound proxy, registered;
     // 0 after a recorded failure.
@@ -122,24 +296,20 @@ protected:
         line.transport = transport;
         line.reregisterOnFailure = false;
         const int id = ua.addLine(line);
-        if (id < 1 || !ua.registerLine(id)) {
-            ADD_FAILURE() << "alice's line was not added";
-            return 0;
+        if (id > 0 && ua.registerLine(id) &&
+            waitFor([&] { return ua.registrationState(id) == RegistrationState::Registered; }, 5s)) {
+            return id;
         }
-        if (!waitFor([&] { return ua.registrationState(id) == RegistrationState::Registered; },
-                     std::chrono::seconds(5))) {
-            ADD_FAILURE() << "alice is " << toString(ua.registrationState(id));
-            return 0;
-        }
-        return id;
+        ADD_FAILURE() << "alice is " << toString(ua.registrationState(id));
+        return 0;
     }
+
+    std::shared_ptr<Recorder> events = std::make_shared<Recorder>();
 
 private:
     // Declared first so that it outlives everything that logs.
     LogCapture logs_;
-    std::vector<std::unique_ptr<KamailioServer>> kamailios_;
-    std::vector<std::unique_ptr<SippRunner>> sipps_;
-    std::vector<std::unique_ptr<DnsmasqServer>> dnsmasqs_;
+    std::vector<std::unique_ptr<PeerProcess>> peers_;
 };
 
 }  // namespace kelsip::test

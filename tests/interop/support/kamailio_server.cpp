@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "interop/support/sip_probe.h"
+#include "sip/syntax/message.h"
 #include "sip/net/socket.h"
 
 namespace kelsip::test {
@@ -30,6 +30,40 @@ bool acceptsTcp(const net::SocketAddress& address) {
     entry.socket = socket.native();
     entry.wantWrite = true;
     return net::poll(std::span<net::PollEntry>(&entry, 1), 200) > 0 && socket.connectResult() == 0;
+}
+
+
+// OPTIONS `requestUri` to `to` from a fresh UDP socket, again every 250 ms;
+// the final status, or 0 when none came within `timeout`.
+int sendOptions(const net::SocketAddress& to, const std::string& requestUri, std::chrono::milliseconds timeout) {
+    net::Socket socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+    if (!socket.valid() || !socket.setNonBlocking(true) ||
+        !socket.bind(net::SocketAddress::loopback(net::AddressFamily::V4))) {
+        return 0;
+    }
+    const std::string local = socket.localAddress()->toString();
+    const std::string id = std::to_string(socket.localAddress()->port());
+    const std::string request = "OPTIONS " + requestUri + " SIP/2.0\r\nVia: SIP/2.0/UDP " + local +
+                                ";rport;branch=z9hG4bKprobe" + id + "\r\nMax-Forwards: 70\r\nFrom: <sip:probe@" + local +
+                                ">;tag=p" + id + "\r\nTo: <" + requestUri + ">\r\nCall-ID: probe-" + id +
+                                "\r\nCSeq: 1 OPTIONS\r\nContent-Length: 0\r\n\r\n";
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (auto next = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() < deadline;) {
+        if (std::chrono::steady_clock::now() >= next) {
+            static_cast<void>(socket.sendTo(request.data(), request.size(), to));
+            next += std::chrono::milliseconds(250);
+        }
+        net::PollEntry entry;
+        entry.socket = socket.native();
+        entry.wantRead = true;
+        if (net::poll(std::span<net::PollEntry>(&entry, 1), 20) <= 0) continue;
+        char buffer[65536];
+        net::SocketAddress from;
+        const auto r = socket.receiveFrom(buffer, sizeof buffer, from);
+        const auto answer = r.ok() ? SipMessage::parse(std::string_view(buffer, r.bytes)) : std::nullopt;
+        if (answer && !answer->isRequest && answer->statusCode >= 200) return answer->statusCode;
+    }
+    return 0;
 }
 
 }  // namespace

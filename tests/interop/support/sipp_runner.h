@@ -46,7 +46,7 @@ public:
     // Every message SIPp sent and received, as it traced them.
     [[nodiscard]] std::string messages() const;
     // SIPp's own output, its error trace and its message trace together.
-    [[nodiscard]] std::string log() const;
+    [[nodiscard]] std::string log() const override;
 };
 
 }  // namespace kelsip::test
