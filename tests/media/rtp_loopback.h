@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -34,11 +33,11 @@ inline uint16_t freePortRun(unsigned count) {
     for (int attempt = 0; attempt < 50; ++attempt) {
         const unsigned first = freeLoopbackPort() & ~1u;
         std::vector<net::Socket> probe;
-        for (unsigned i = 0; i < count && first > 0 && first + count <= 0x10000; ++i) {
-            probe.push_back(boundUdp(first + i));
-            if (!probe[i].valid()) break;
+        while (first > 0 && first + count <= 0x10000 && probe.size() < count &&
+               (probe.empty() || probe.back().valid())) {
+            probe.push_back(boundUdp(first + static_cast<unsigned>(probe.size())));
         }
-        if (probe.size() == count && probe[count - 1].valid()) return static_cast<uint16_t>(first);
+        if (probe.size() == count && probe.back().valid()) return static_cast<uint16_t>(first);
     }
     return 0;
 }
@@ -54,9 +53,9 @@ inline std::optional<Bytes> receive(net::Socket& socket) {
     return r.ok() ? std::optional(buffer) : std::nullopt;
 }
 
-// Version 2, no CSRCs, extension or padding.
+// Version 2, sequence 0, no CSRCs, extension or padding.
 inline Bytes rtpPacket(uint32_t timestamp, size_t payloadSize, uint32_t ssrc = 0x1234) {
-    Bytes b = {0x80, 0x00, 0x00, 0x00};  // sequence 0
+    Bytes b = {0x80, 0x00, 0x00, 0x00};
     for (const uint32_t word : {timestamp, ssrc}) {
         for (int shift = 24; shift >= 0; shift -= 8) b.push_back(static_cast<uint8_t>(word >> shift));
     }
@@ -77,17 +76,15 @@ struct RecordingSink : MediaTransport::Sink {
             const std::lock_guard lock(mutex);
             lastRtcp.assign(bytes.begin(), bytes.end());
         }
-        (channel == MediaTransport::Channel::Rtp ? rtp : rtcp) += 1;
+        ++(channel == MediaTransport::Channel::Rtp ? rtp : rtcp);
     }
     void onTick(int64_t) override { late += detached ? 1 : 0; }
     bool waitFor(int rtpCount, int rtcpCount = 0) {
         return test::waitFor([&] { return rtp >= rtpCount && rtcp >= rtcpCount; }, kDeadline);
     }
 
-    std::atomic<int> rtp{0};
-    std::atomic<int> rtcp{0};
+    std::atomic<int> rtp{0}, rtcp{0}, late{0};
     std::atomic<bool> detached{false};
-    std::atomic<int> late{0};
     std::mutex mutex;
     Bytes lastRtcp;
 };

@@ -1,5 +1,5 @@
-// The RTP session on loopback sockets: binding failures, symmetric RTP, a
-// call between two sessions from one pool, and closing.
+// The RTP session and its port pool on loopback sockets: binding failures,
+// symmetric RTP, a call between two sessions from one pool, and closing.
 #include "media/rtp/rtp_session.h"
 
 #include <gtest/gtest.h>
@@ -132,6 +132,20 @@ TEST_F(RtpSessionTest, TwoSessionsFromOnePoolCarryACallAndGiveTheirPortsBack) {
     EXPECT_FALSE(log.has("RTP port range exhausted"));
     EXPECT_FALSE(e->open(allocator.pool()));
     EXPECT_TRUE(log.has("RTP port range exhausted"));
+}
+
+TEST(RtpPortAllocatorTest, SkipsAPairWhoseRtcpPortIsHeldElsewhereAndRefusesAnEmptyRange) {
+    const uint16_t first = test::freePortRun(4);
+    net::Socket squatter = test::boundUdp(first + 1u);
+    const RtpPortAllocator allocator(first, static_cast<uint16_t>(first + 3));
+    const auto pair = allocator.allocate(loopback());
+    ASSERT_TRUE(pair);
+    EXPECT_EQ(pair->rtp.localAddress(), loopback(first + 2u));
+    EXPECT_EQ(pair->rtcp.localAddress(), loopback(first + 3u));
+    EXPECT_FALSE(allocator.allocate(loopback()));
+    EXPECT_TRUE(test::boundUdp(first).valid());  // the failed pair's RTP socket was closed again
+    EXPECT_FALSE(RtpPortAllocator(first, first).allocate(loopback()));
+    EXPECT_FALSE(RtpPortAllocator(static_cast<uint16_t>(first + 2), first).allocate(loopback()));
 }
 
 TEST_F(RtpSessionTest, NoSinkCallbackOnceDetachOrCloseReturns) {

@@ -2,7 +2,6 @@
 #include "support/network_sim.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace kelsip::test {
 
@@ -62,12 +61,8 @@ void SimNetwork::send(int from, MediaTransport::Channel channel, std::span<const
     if (c.jitterUs > 0) at += std::uniform_int_distribution<int64_t>(0, c.jitterUs)(random_);
     if (rtp && chance(random_) < c.reorder) at += 30000;
     const int to = 1 - from;
-    schedule(to, at, channel, {bytes.begin(), bytes.end()});
-    if (rtp && chance(random_) < c.duplicate) schedule(to, at + 1000, channel, {bytes.begin(), bytes.end()});
-}
-
-void SimNetwork::schedule(int to, int64_t atUs, MediaTransport::Channel channel, std::vector<uint8_t> bytes) {
-    queue_.emplace(atUs, Delivery{to, channel, std::move(bytes)});
+    queue_.emplace(at, Delivery{to, channel, {bytes.begin(), bytes.end()}});
+    if (rtp && chance(random_) < c.duplicate) queue_.emplace(at + 1000, Delivery{to, channel, {bytes.begin(), bytes.end()}});
 }
 
 void SimNetwork::run(int64_t untilUs) {
@@ -93,39 +88,20 @@ void SimNetwork::run(int64_t untilUs) {
 
 void CallSimulation::run(int64_t durationUs) {
     const int64_t endUs = network_.nowUs() + durationUs;
-    if (!started_) {
-        // A sound card hands over a period's samples once it has recorded
-        // them: the first capture comes one period in. Playout starts at once.
-        started_ = true;
-        senderNextUs_ = static_cast<double>(network_.nowUs()) + static_cast<double>(senderEnd.periodUs) / senderEnd.clockRate;
-        receiverNextUs_ = static_cast<double>(network_.nowUs());
-    }
-    std::vector<int16_t> chunk;
-    std::vector<int16_t> silence;
-    std::vector<int16_t> discard;
-    // Samples per period at 8 kHz; a faster clock only makes periods shorter.
-    const auto samplesPer = [](const End& e) { return static_cast<size_t>(e.periodUs * 8 / 1000); };
-    for (;;) {
-        const double next = std::min(senderNextUs_, receiverNextUs_);
-        const auto at = static_cast<int64_t>(std::ceil(next));
-        if (at > endUs) break;
-        network_.run(at);
-        if (senderNextUs_ <= receiverNextUs_) {
-            chunk.resize(samplesPer(senderEnd));
+    // A sound card hands over a period's samples once it has recorded them:
+    // the first capture comes one period in. Playout starts at once.
+    if (startUs_ < 0) nextUs_ = startUs_ = network_.nowUs();
+    std::vector<int16_t> chunk(80), discard(80), silence(80);
+    for (; nextUs_ <= endUs; nextUs_ += 10000) {
+        network_.run(nextUs_);
+        if (nextUs_ > startUs_) {
             for (auto& s : chunk) s = signal_ ? signal_(captured_++) : int16_t{0};
             sender_.pushCapture(chunk);
-            discard.resize(chunk.size());
             sender_.pullPlayout(discard);
-            senderNextUs_ += static_cast<double>(senderEnd.periodUs) / senderEnd.clockRate;
-        } else {
-            silence.assign(samplesPer(receiverEnd), 0);
-            receiver_.pushCapture(silence);
-            const size_t before = played.size();
-            played.resize(before + silence.size());
-            receiver_.pullPlayout(std::span<int16_t>(played).subspan(before));
-            receiverNextUs_ += static_cast<double>(receiverEnd.periodUs) / receiverEnd.clockRate;
-            if (onPlayout) onPlayout(at);
         }
+        receiver_.pushCapture(silence);
+        played.resize(played.size() + 80);
+        receiver_.pullPlayout(std::span<int16_t>(played).last(80));
     }
     network_.run(endUs);
 }

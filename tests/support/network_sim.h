@@ -1,6 +1,6 @@
 // A deterministic network between two media sessions, in virtual time: one-way
 // delay, jitter, random and burst loss, reordering and duplication per
-// direction, and the two ends' sound clocks running at different rates.
+// direction.
 #pragma once
 
 #include <cstdint>
@@ -38,8 +38,6 @@ public:
 
     explicit SimNetwork(uint64_t seed = 1);
     ~SimNetwork();
-    SimNetwork(const SimNetwork&) = delete;
-    SimNetwork& operator=(const SimNetwork&) = delete;
 
     [[nodiscard]] ManualClock& clock() { return clock_; }
     [[nodiscard]] int64_t nowUs() const { return clock_.nowNs() / 1000; }
@@ -77,7 +75,6 @@ private:
     };
 
     void send(int from, MediaTransport::Channel channel, std::span<const uint8_t> bytes);
-    void schedule(int to, int64_t atUs, MediaTransport::Channel channel, std::vector<uint8_t> bytes);
 
     ManualClock clock_;
     std::mt19937_64 random_;
@@ -88,27 +85,17 @@ private:
     int64_t nextTickUs_ = 0;
 };
 
-// Drives two media sessions over a SimNetwork as two sound cards would: the
-// sender captures `signal` and the receiver silence, both play what arrives
-// (the receiver's playout is kept), each on its own clock, which may run
-// fast or slow.
+// Drives two media sessions over a SimNetwork as two sound cards would,
+// every 10 ms: the sender captures `signal` and the receiver silence, both
+// play what arrives, and the receiver's playout is kept in `played`.
 class CallSimulation {
 public:
-    struct End {
-        double clockRate = 1.0;  // 1.005: this end's sound card runs 0.5 % fast
-        int64_t periodUs = 10000;
-    };
     using Signal = std::function<int16_t(uint64_t sampleIndex)>;
 
     CallSimulation(SimNetwork& network, MediaSession& sender, MediaSession& receiver, Signal signal)
         : network_(network), sender_(sender), receiver_(receiver), signal_(std::move(signal)) {}
 
-    End senderEnd;
-    End receiverEnd;
-    // Every sample the receiver played, in order.
     std::vector<int16_t> played;
-    // Called after each playout period, with the virtual time.
-    std::function<void(int64_t nowUs)> onPlayout;
 
     void run(int64_t durationUs);
 
@@ -116,11 +103,10 @@ private:
     SimNetwork& network_;
     MediaSession& sender_;
     MediaSession& receiver_;
-    Signal signal_;  // the sender's audio, sample by sample
+    Signal signal_;
     uint64_t captured_ = 0;
-    bool started_ = false;
-    double senderNextUs_ = 0;
-    double receiverNextUs_ = 0;
+    int64_t startUs_ = -1;
+    int64_t nextUs_ = 0;
 };
 
 }  // namespace kelsip::test
