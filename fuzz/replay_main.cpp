@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -41,9 +40,10 @@ int main(int argc, char** argv) {
         // Named before it runs, so that an abort points at its input.
         std::printf("%s\n", path.generic_string().c_str());
         std::fflush(stdout);
+        std::error_code ec;
+        std::string data(static_cast<size_t>(fs::file_size(path, ec)), '\0');
         std::ifstream in(path, std::ios::binary);
-        const std::string data{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-        if (!in && !in.eof()) {
+        if (ec || !(in.read(data.data(), static_cast<std::streamsize>(data.size())) || data.empty())) {
             std::fprintf(stderr, "cannot read %s\n", path.generic_string().c_str());
             return 2;
         }

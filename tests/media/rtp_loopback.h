@@ -33,11 +33,11 @@ inline uint16_t freePortRun(unsigned count) {
     for (int attempt = 0; attempt < 50; ++attempt) {
         const unsigned first = freeLoopbackPort() & ~1u;
         std::vector<net::Socket> probe;
-        while (first > 0 && first + count <= 0x10000 && probe.size() < count &&
-               (probe.empty() || probe.back().valid())) {
-            probe.push_back(boundUdp(first + static_cast<unsigned>(probe.size())));
+        for (unsigned i = 0; i < count && first > 0 && first + count <= 0x10000; ++i) {
+            probe.push_back(boundUdp(first + i));
+            if (!probe[i].valid()) break;
         }
-        if (probe.size() == count && probe.back().valid()) return static_cast<uint16_t>(first);
+        if (probe.size() == count && probe[count - 1].valid()) return static_cast<uint16_t>(first);
     }
     return 0;
 }

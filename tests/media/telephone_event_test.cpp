@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace kelsip {
 namespace {
 
@@ -52,33 +54,23 @@ TEST(TelephoneEventTest, SenderSchedulesStartUpdatesAndThreeEndsThenAGapBeforeTh
     std::vector<bool> owned;
     // Start at a timestamp just below the wrap.
     const auto sent = run(s, 0xffffff00u, 20, &owned);
-    struct Expected {
-        uint32_t interval;
-        uint8_t event;
-        bool marker;
-        bool end;
-        uint16_t duration;
-        uint32_t timestamp;
-    };
+    // (interval, event, marker, end, duration, timestamp)
+    using Row = std::tuple<uint32_t, uint8_t, bool, bool, uint16_t, uint32_t>;
     const uint32_t first = 0xffffff00u;
     const uint32_t second = first + 160u * 10;  // after 7 intervals of event and a 40 ms gap
-    const Expected expected[] = {
+    const std::vector<Row> expected = {
         {0, 7, true, false, 160, first},   {2, 7, false, false, 400, first},  // 50 ms falls in interval 2
         {5, 7, false, true, 800, first},  // the tone ends at 100 ms: no update there
         {6, 7, false, true, 800, first},   {7, 7, false, true, 800, first},
         {10, 8, true, false, 160, second},  // 40 ms: no update, the end at 320
         {12, 8, false, true, 320, second}, {13, 8, false, true, 320, second}, {14, 8, false, true, 320, second},
     };
-    ASSERT_EQ(sent.size(), std::size(expected));
-    for (size_t i = 0; i < sent.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(sent[i].interval, expected[i].interval);
-        EXPECT_EQ(sent[i].packet.event.event, expected[i].event);
-        EXPECT_EQ(sent[i].packet.marker, expected[i].marker);
-        EXPECT_EQ(sent[i].packet.event.end, expected[i].end);
-        EXPECT_EQ(sent[i].packet.event.duration, expected[i].duration);
-        EXPECT_EQ(sent[i].packet.timestamp, expected[i].timestamp);
+    std::vector<Row> actual;
+    for (const Sent& x : sent) {
+        actual.emplace_back(x.interval, x.packet.event.event, x.packet.marker, x.packet.event.end, x.packet.event.duration,
+                            x.packet.timestamp);
     }
+    EXPECT_EQ(actual, expected);
     // Events own intervals 0..7 and 10..14; the gap and what follows carry audio.
     const std::vector<bool> expectOwned = {true, true, true, true, true,  true,  true,  true,  false, false,
                                            true, true, true, true, true, false, false, false, false, false};
