@@ -1,5 +1,4 @@
-// Fuzz target for parseChallenge: answering an accepted challenge writes
-// credentials whose parameters read back exactly as written.
+// Fuzz target for parseChallenge and the credentials that answer it.
 #include <vector>
 
 #include "fuzz/fuzz_support.h"

@@ -1,6 +1,4 @@
-// Fuzz target for SipMessage::parse: a refused message says why; an accepted
-// one validates, answers its typed accessors, survives the round trip, and a
-// response built for it (a request) parses with the To tag it should carry.
+// Fuzz target for SipMessage::parse.
 #include "fuzz/fuzz_support.h"
 #include "sip/syntax/address.h"
 

@@ -1,6 +1,4 @@
-// Fuzz target for parseMessageSummary: a refused body says why; an accepted
-// one, written in our own form, reads as the same record (the account must
-// come back unchanged, or the engine would show another mailbox), stably.
+// Fuzz target for parseMessageSummary.
 #include "fuzz/fuzz_support.h"
 #include "sip/ua/body/message_summary.h"
 
@@ -13,9 +11,11 @@ VELMORA_FUZZ_TARGET {
     if (!first) return;
     const std::string text = kelsip::buildMessageSummary(*first);
     const auto again = kelsip::parseMessageSummary(text, &error);
-    require(again && again->messagesWaiting == first->messagesWaiting && again->messageAccount == first->messageAccount &&
-                again->newMessages == first->newMessages && again->oldMessages == first->oldMessages &&
-                again->urgentNew == first->urgentNew && again->urgentOld == first->urgentOld,
+    require(again && again->messagesWaiting == first->messagesWaiting &&
+                again->messageAccount == first->messageAccount && again->newMessages == first->newMessages &&
+                again->oldMessages == first->oldMessages && again->urgentNew == first->urgentNew &&
+                again->urgentOld == first->urgentOld,
             "the record survives the round trip", input, text + " -> " + error);
-    require(kelsip::buildMessageSummary(*again) == text, "writing the reparsed summary gives the same text", input, text);
+    require(kelsip::buildMessageSummary(*again) == text, "writing the reparsed summary gives the same text", input,
+            text);
 }

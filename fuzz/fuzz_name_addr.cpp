@@ -1,6 +1,4 @@
-// Fuzz target for NameAddr::parse (From, To, Contact, Route values): an
-// accepted value survives its text form with its display name, URI and,
-// exactly, its header parameters (tags decide dialog membership).
+// Fuzz target for NameAddr::parse (From, To, Contact, Route values).
 #include "fuzz/fuzz_support.h"
 #include "sip/syntax/address.h"
 

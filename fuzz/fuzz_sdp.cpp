@@ -1,6 +1,4 @@
-// Fuzz target for SessionDescription::parse: an accepted body's text form
-// parses again to the same model and writes to the same text, and choosing
-// a codec from it picks one of the formats it listed.
+// Fuzz target for SessionDescription::parse and choosing a codec from what it accepts.
 #include "fuzz/fuzz_support.h"
 #include "media/codec/negotiation.h"
 #include "media/sdp/sdp.h"
@@ -24,7 +22,8 @@ VELMORA_FUZZ_TARGET {
     if (const auto chosen = kelsip::chooseFromOffer(*first, kelsip::AnswerOptions{})) {
         bool listed = false;
         for (const kelsip::MediaDescription& m : first->media) {
-            for (const kelsip::RemoteFormat& f : kelsip::remoteFormats(m)) listed = listed || f.payloadType == chosen->payloadType;
+            for (const kelsip::RemoteFormat& f : kelsip::remoteFormats(m))
+                listed = listed || f.payloadType == chosen->payloadType;
         }
         require(listed, "the chosen payload type is one the offer listed", input);
     }

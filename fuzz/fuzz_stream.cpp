@@ -1,6 +1,4 @@
-// Fuzz target for extractStreamMessage, the framer of TCP and TLS
-// connections. The input is the byte stream a peer sends; it arrives once in
-// one piece and once in reads whose sizes the stream's own bytes choose.
+// Fuzz target for extractStreamMessage, the framer of TCP and TLS connections.
 #include <algorithm>
 #include <vector>
 
@@ -36,8 +34,8 @@ void drain(std::string_view stream, std::string& buffer, Framing& out) {
             return;
         }
         const size_t keepAlives = consumed.size() - std::min(consumed.size(), message->size());
-        require(!message->empty() && !onlyLineBreaks(message->substr(0, 1)) && consumed.substr(keepAlives) == *message &&
-                    onlyLineBreaks(consumed.substr(0, keepAlives)),
+        require(!message->empty() && !onlyLineBreaks(message->substr(0, 1)) &&
+                    consumed.substr(keepAlives) == *message && onlyLineBreaks(consumed.substr(0, keepAlives)),
                 "a framed message is the bytes taken off the buffer after keep-alives, from its start line", stream,
                 *message);
         require(message->find("\r\n\r\n") != std::string::npos, "a framed message holds its blank line", stream,

@@ -1,5 +1,4 @@
-// Shared pieces of the fuzz targets: the entry point, the invariant check
-// that aborts with a readable report, and the round trips parsed values survive.
+// Shared pieces of the fuzz targets (fuzz/README.md lists their invariants).
 #pragma once
 
 #include <cstdint>
@@ -8,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "sip/syntax/message.h"
 
@@ -29,8 +29,8 @@ inline std::string escaped(std::string_view bytes) {
     return out;
 }
 
-// Aborts the run when an invariant does not hold; libFuzzer then saves the
-// input, and the corpus replayer fails its CTest test.
+// Aborts when an invariant does not hold: libFuzzer then saves the input,
+// and the corpus replayer fails its CTest test.
 inline void require(bool holds, std::string_view invariant, std::string_view input, std::string_view detail = {}) {
     if (holds) return;
     std::fprintf(stderr, "invariant violated: %.*s\n  input:  \"%s\"\n  detail: \"%s\"\n",
@@ -50,10 +50,22 @@ void checkTextRoundTrip(std::string_view what, const T& first, std::string_view 
     require(again->toString() == text, name + ": writing the reparsed value gives the same text", input, text);
 }
 
-// What holds for every message the parser accepts, whatever it came from:
-// it survives the text round trip with its body byte for byte, and a stream
-// framer cuts its wire form back out whole (our own messages on a TCP or TLS
-// connection frame as exactly themselves).
+// The same for a binary packet: `first` writes, the bytes parse to an equal
+// value, and writing that gives the same bytes.
+template <typename T, typename Parse>
+std::vector<uint8_t> checkBinaryRoundTrip(const T& first, std::string_view input, Parse parse) {
+    std::vector<uint8_t> out, again;
+    std::string error;
+    require(first.writeTo(out, &error), "a parsed packet writes", input, error);
+    if (out.empty()) return out;
+    const auto reparsed = parse(out);
+    require(reparsed && *reparsed == first, "the written packet parses to the same packet", input);
+    require(reparsed->writeTo(again) && again == out, "writing the reparsed packet gives the same bytes", input);
+    return out;
+}
+
+// An accepted message survives the text round trip with its body byte for
+// byte, and a stream framer cuts its wire form back out whole.
 inline void checkMessageRoundTrip(const kelsip::SipMessage& first, std::string_view input) {
     const auto parse = [](std::string_view text) { return kelsip::SipMessage::parse(text); };
     checkTextRoundTrip("message", first, input, parse, [](const auto& a, const auto& b) { return a.body == b.body; });

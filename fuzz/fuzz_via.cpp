@@ -1,6 +1,4 @@
-// Fuzz target for Via::parse: an accepted value survives its text form with
-// its transport, sent-by and, exactly, its parameters (responses are routed
-// back by branch, received and rport).
+// Fuzz target for Via::parse.
 #include "fuzz/fuzz_support.h"
 #include "sip/syntax/address.h"
 

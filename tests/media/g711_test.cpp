@@ -21,7 +21,8 @@ struct Interval {
 
 // Sixteen intervals of `width` from `start`, each decoding to its midpoint.
 void appendSegment(std::vector<Interval>& table, int segment, int start, int width) {
-    for (int step = 0, low = start; step < 16; ++step, low += width) table.push_back({low, low + width, segment, step, low + width / 2});
+    for (int step = 0, low = start; step < 16; ++step, low += width)
+        table.push_back({low, low + width, segment, step, low + width / 2});
 }
 
 // µ-law, 14-bit magnitudes (full scale 8159): segment 0 opens with the
@@ -32,7 +33,8 @@ std::vector<Interval> ulawIntervals() {
     std::vector<Interval> table;
     table.push_back({0, 1, 0, 0, 0});
     for (int step = 1; step < 16; ++step) table.push_back({2 * step - 1, 2 * step + 1, 0, step, 2 * step});
-    for (int segment = 1; segment < 8; ++segment) appendSegment(table, segment, (1 << (segment + 5)) - 33, 1 << (segment + 1));
+    for (int segment = 1; segment < 8; ++segment)
+        appendSegment(table, segment, (1 << (segment + 5)) - 33, 1 << (segment + 1));
     return table;
 }
 
@@ -41,7 +43,8 @@ std::vector<Interval> ulawIntervals() {
 // in steps of 2^s. Each interval decodes to its midpoint.
 std::vector<Interval> alawIntervals() {
     std::vector<Interval> table;
-    for (int segment = 0; segment < 8; ++segment) appendSegment(table, segment, segment ? 1 << (segment + 4) : 0, segment < 2 ? 2 : 1 << segment);
+    for (int segment = 0; segment < 8; ++segment)
+        appendSegment(table, segment, segment ? 1 << (segment + 4) : 0, segment < 2 ? 2 : 1 << segment);
     return table;
 }
 
@@ -54,7 +57,9 @@ const Interval& intervalOf(const std::vector<Interval>& table, int magnitude) {
 
 // Code words on the line: µ-law sends the sign (1 for positive) and the
 // complemented segment and step; A-law sends them with the even bits inverted.
-int ulawCode(bool positive, const Interval& i) { return (positive ? 0x80 : 0x00) | (~((i.segment << 4) | i.step) & 0x7f); }
+int ulawCode(bool positive, const Interval& i) {
+    return (positive ? 0x80 : 0x00) | (~((i.segment << 4) | i.step) & 0x7f);
+}
 int alawCode(bool positive, const Interval& i) { return ((positive ? 0x80 : 0x00) | (i.segment << 4) | i.step) ^ 0x55; }
 
 // A 16-bit sample as the tables see it: sign and magnitude, a negative
@@ -64,14 +69,15 @@ struct SignMagnitude {
     bool positive;
     int magnitude;
 };
-SignMagnitude split(int sample) { return sample >= 0 ? SignMagnitude{true, sample} : SignMagnitude{false, -sample - 1}; }
+SignMagnitude split(int sample) {
+    return sample >= 0 ? SignMagnitude{true, sample} : SignMagnitude{false, -sample - 1};
+}
 
 // A law with its tables: `shift` takes a 16-bit magnitude to the law's own
 // scale, and the law's outputs back to 16 bits are `output << shift`.
 struct Law {
     const char* name;
     std::vector<Interval> table;
-    int fullScale;
     int shift;
     int (*code)(bool, const Interval&);
     uint8_t (*encode)(int16_t);
@@ -79,17 +85,17 @@ struct Law {
 };
 
 TEST(G711Test, EveryInputEncodesAndEveryCodeWordDecodesByTheLawsTables) {
-    const Law laws[] = {{"u-law", ulawIntervals(), 8159, 2, ulawCode, linearToUlaw, ulawToLinear},
-                        {"A-law", alawIntervals(), 4096, 3, alawCode, linearToAlaw, alawToLinear}};
+    const Law laws[] = {{"u-law", ulawIntervals(), 2, ulawCode, linearToUlaw, ulawToLinear},
+                        {"A-law", alawIntervals(), 3, alawCode, linearToAlaw, alawToLinear}};
     for (const Law& law : laws) {
         SCOPED_TRACE(law.name);
-        ASSERT_EQ(law.table.back().high, law.fullScale);
         int mismatches = 0;
         for (int sample = -32768; sample <= 32767; ++sample) {
             const SignMagnitude s = split(sample);
             const int expected = law.code(s.positive, intervalOf(law.table, s.magnitude >> law.shift));
             const int actual = law.encode(static_cast<int16_t>(sample));
-            if (actual != expected && ++mismatches <= 5) ADD_FAILURE() << sample << ": " << actual << " != " << expected;
+            if (actual != expected && ++mismatches <= 5)
+                ADD_FAILURE() << sample << ": " << actual << " != " << expected;
         }
         EXPECT_EQ(mismatches, 0);
         std::vector<int> seen(256, 0);
@@ -104,11 +110,6 @@ TEST(G711Test, EveryInputEncodesAndEveryCodeWordDecodesByTheLawsTables) {
         // The table reaches every code word exactly once.
         EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), 256);
     }
-    // Known anchors: silence and full scale.
-    EXPECT_EQ(linearToUlaw(0), 0xff);
-    EXPECT_EQ(linearToAlaw(0), 0xd5);
-    EXPECT_EQ(ulawToLinear(0x80), 32124);
-    EXPECT_EQ(alawToLinear(0xaa), 32256);
 }
 
 TEST(G711CodecTest, DescribesItselfAndAppendsPacketsBehindWhatTheOutputHolds) {

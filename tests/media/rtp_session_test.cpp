@@ -35,7 +35,7 @@ net::Socket boundUdp(unsigned port = 0) {
 // An even port starting `count` consecutive free ports; 0 when none was found.
 uint16_t freePortRun(unsigned count) {
     for (int attempt = 0; attempt < 50; ++attempt) {
-        const unsigned first = freeLoopbackPort() & ~1u;
+        const unsigned first = test::freeLoopbackPort() & ~1u;
         std::vector<net::Socket> probe;
         for (unsigned i = 0; i < count && first > 0 && first + count <= 0x10000; ++i) {
             probe.push_back(boundUdp(first + i));

@@ -31,24 +31,14 @@ TEST(SdpTest, ReadsAnOfferAndWritesItBackWithoutTheDroppedLinesWhateverItsLineEn
     const auto sdp = SessionDescription::parse(kOffer);
     ASSERT_TRUE(sdp);
     EXPECT_EQ(sdp->sessionId, 2890844526u);
-    EXPECT_EQ(sdp->sessionVersion, 2890844527u);
-    EXPECT_EQ(sdp->originAddress, "192.0.2.10");
-    EXPECT_EQ(sdp->connectionAddress, "192.0.2.10");
-    EXPECT_EQ(sdp->attributes, (SdpAttributeList{{{"tool", "x"}}}));
     ASSERT_EQ(sdp->media.size(), 2u);
-    const MediaDescription& audio = sdp->media[0];
-    EXPECT_EQ(audio.port, 49170);
-    EXPECT_EQ(audio.formats, (std::vector<std::string>{"0", "8", "101"}));
-    EXPECT_EQ(audio.connectionAddressType, "IP6");
-    EXPECT_EQ(audio.connectionAddress, "2001:db8::1");
-    EXPECT_EQ(audio.ptime(), 30u);
-    EXPECT_EQ(audio.direction(), MediaDirection::SendOnly);
-    EXPECT_EQ(audio.attributes("rtpmap"), (std::vector<std::string>{"0 PCMU/8000", "101 telephone-event/8000"}));
-    EXPECT_EQ(sdp->media[1].media, "video");
-    EXPECT_TRUE(sdp->media[1].connectionAddress.empty());
-
+    EXPECT_EQ(sdp->media[0].connectionAddressType, "IP6");
+    EXPECT_EQ(sdp->media[0].ptime(), 30u);
+    EXPECT_EQ(sdp->media[0].direction(), MediaDirection::SendOnly);
+    // Everything else read shows in the text written back.
     std::string expected = kOffer;
-    for (const std::string dropped : {"i=ignored\r\n", "b=AS:64\r\n"}) expected.erase(expected.find(dropped), dropped.size());
+    for (const std::string dropped : {"i=ignored\r\n", "b=AS:64\r\n"})
+        expected.erase(expected.find(dropped), dropped.size());
     EXPECT_EQ(sdp->toString(), expected);
 
     std::string lf;
@@ -105,22 +95,6 @@ TEST(SdpTest, RefusesWithTheFixedTextsAndReadsOddFieldsTolerantly) {
     EXPECT_EQ(sdp->media[0].attributes, (SdpAttributeList{{{"fmtp", ""}, {"", "v"}}}));
 }
 
-TEST(SdpTest, WritesTheFixedLineOrder) {
-    SessionDescription sdp;
-    sdp.sessionName.clear();
-    sdp.attributes.push_back({"group", "BUNDLE a"});
-    MediaDescription m;
-    m.port = 4000;
-    m.formats = {"0", "101"};
-    m.connectionAddress = "10.0.0.2";
-    m.addAttribute("sendrecv");
-    m.addAttribute("fmtp", "");
-    sdp.media.push_back(m);
-    EXPECT_EQ(sdp.toString(),
-              "v=0\r\no=- 0 0 IN IP4 \r\ns=-\r\nt=0 0\r\na=group:BUNDLE a\r\n"
-              "m=audio 4000 RTP/AVP 0 101\r\nc=IN IP4 10.0.0.2\r\na=sendrecv\r\na=fmtp\r\n");
-}
-
 TEST(SdpTest, AttributeQueries) {
     MediaDescription m;
     EXPECT_EQ(m.direction(), MediaDirection::SendRecv);
@@ -163,9 +137,22 @@ TEST(SdpTest, AttributeQueries) {
 TEST(SdpTest, LocalSessionCountsVersionsAndTransportAttributesEndWithTheDirection) {
     SdpOrigin origin;
     origin.sessionId = 77;
-    EXPECT_EQ(buildLocalSession(origin, "192.0.2.5").originAddressType, "IP4");
     EXPECT_EQ(buildLocalSession(origin, "2001:db8::5").toString(),
-              "v=0\r\no=kelsip 77 2 IN IP6 2001:db8::5\r\ns=KELSIP\r\nc=IN IP6 2001:db8::5\r\nt=0 0\r\n");
+              "v=0\r\no=kelsip 77 1 IN IP6 2001:db8::5\r\ns=KELSIP\r\nc=IN IP6 2001:db8::5\r\nt=0 0\r\n");
+    // The writer's fixed order, an empty session name and an empty attribute value.
+    SessionDescription sdp = buildLocalSession(origin, "192.0.2.5");
+    sdp.sessionName.clear();
+    sdp.attributes.push_back({"group", "BUNDLE a"});
+    MediaDescription audio;
+    audio.port = 4000;
+    audio.formats = {"0", "101"};
+    audio.connectionAddress = "10.0.0.2";
+    audio.addAttribute("sendrecv");
+    audio.addAttribute("fmtp", "");
+    sdp.media.push_back(audio);
+    EXPECT_EQ(sdp.toString(),
+              "v=0\r\no=kelsip 77 2 IN IP4 192.0.2.5\r\ns=-\r\nc=IN IP4 192.0.2.5\r\nt=0 0\r\n"
+              "a=group:BUNDLE a\r\nm=audio 4000 RTP/AVP 0 101\r\nc=IN IP4 10.0.0.2\r\na=sendrecv\r\na=fmtp\r\n");
 
     TransportAttributes transport;
     transport.srtp = true;

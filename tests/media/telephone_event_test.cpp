@@ -67,8 +67,8 @@ TEST(TelephoneEventTest, SenderSchedulesStartUpdatesAndThreeEndsThenAGapBeforeTh
     };
     std::vector<Row> actual;
     for (const Sent& x : sent) {
-        actual.emplace_back(x.interval, x.packet.event.event, x.packet.marker, x.packet.event.end, x.packet.event.duration,
-                            x.packet.timestamp);
+        actual.emplace_back(x.interval, x.packet.event.event, x.packet.marker, x.packet.event.end,
+                            x.packet.event.duration, x.packet.timestamp);
     }
     EXPECT_EQ(actual, expected);
     // Events own intervals 0..7 and 10..14; the gap and what follows carry audio.
