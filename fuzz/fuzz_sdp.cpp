@@ -22,8 +22,9 @@ VELMORA_FUZZ_TARGET {
     if (const auto chosen = kelsip::chooseFromOffer(*first, kelsip::AnswerOptions{})) {
         bool listed = false;
         for (const kelsip::MediaDescription& m : first->media) {
-            for (const kelsip::RemoteFormat& f : kelsip::remoteFormats(m))
+            for (const kelsip::RemoteFormat& f : kelsip::remoteFormats(m)) {
                 listed = listed || f.payloadType == chosen->payloadType;
+            }
         }
         require(listed, "the chosen payload type is one the offer listed", input);
     }

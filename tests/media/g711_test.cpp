@@ -21,8 +21,9 @@ struct Interval {
 
 // Sixteen intervals of `width` from `start`, each decoding to its midpoint.
 void appendSegment(std::vector<Interval>& table, int segment, int start, int width) {
-    for (int step = 0, low = start; step < 16; ++step, low += width)
+    for (int step = 0, low = start; step < 16; ++step, low += width) {
         table.push_back({low, low + width, segment, step, low + width / 2});
+    }
 }
 
 // µ-law, 14-bit magnitudes (full scale 8159): segment 0 opens with the
@@ -33,8 +34,9 @@ std::vector<Interval> ulawIntervals() {
     std::vector<Interval> table;
     table.push_back({0, 1, 0, 0, 0});
     for (int step = 1; step < 16; ++step) table.push_back({2 * step - 1, 2 * step + 1, 0, step, 2 * step});
-    for (int segment = 1; segment < 8; ++segment)
+    for (int segment = 1; segment < 8; ++segment) {
         appendSegment(table, segment, (1 << (segment + 5)) - 33, 1 << (segment + 1));
+    }
     return table;
 }
 
@@ -43,8 +45,9 @@ std::vector<Interval> ulawIntervals() {
 // in steps of 2^s. Each interval decodes to its midpoint.
 std::vector<Interval> alawIntervals() {
     std::vector<Interval> table;
-    for (int segment = 0; segment < 8; ++segment)
+    for (int segment = 0; segment < 8; ++segment) {
         appendSegment(table, segment, segment ? 1 << (segment + 4) : 0, segment < 2 ? 2 : 1 << segment);
+    }
     return table;
 }
 
@@ -94,8 +97,9 @@ TEST(G711Test, EveryInputEncodesAndEveryCodeWordDecodesByTheLawsTables) {
             const SignMagnitude s = split(sample);
             const int expected = law.code(s.positive, intervalOf(law.table, s.magnitude >> law.shift));
             const int actual = law.encode(static_cast<int16_t>(sample));
-            if (actual != expected && ++mismatches <= 5)
+            if (actual != expected && ++mismatches <= 5) {
                 ADD_FAILURE() << sample << ": " << actual << " != " << expected;
+            }
         }
         EXPECT_EQ(mismatches, 0);
         std::vector<int> seen(256, 0);

@@ -170,8 +170,9 @@ TEST(JitterBufferTest, LossIsConcealedThenFadedAndPlayoutReturnsToTheSameDelay) 
         ASSERT_GE(after, 0);
         EXPECT_LE(std::abs(after - before), 16);
         // No click anywhere: no step larger than the tone's own (3.1k).
-        for (size_t i = at; i < lossTo + static_cast<size_t>(after) + 100; ++i)
+        for (size_t i = at; i < lossTo + static_cast<size_t>(after) + 100; ++i) {
             ASSERT_LE(std::abs(out[i] - out[i - 1]), 3300) << i - at;
+        }
         const auto st = buffer.stats();
         EXPECT_EQ(static_cast<int64_t>(st.samplesConcealed), static_cast<int64_t>(count * 160) + after - before);
         EXPECT_EQ(st.late, lateByUs ? count : 0u);

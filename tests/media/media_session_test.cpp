@@ -90,8 +90,9 @@ double intactShare(const std::vector<int16_t>& played, size_t from) {
     int64_t lag = 0;
     const auto matches = [&](size_t w, int64_t l) {
         for (size_t i = w; i < w + 160; ++i) {
-            if (l < 0 || l > static_cast<int64_t>(w) || played[i] != throughUlaw(i - static_cast<uint64_t>(l)))
+            if (l < 0 || l > static_cast<int64_t>(w) || played[i] != throughUlaw(i - static_cast<uint64_t>(l))) {
                 return false;
+            }
         }
         return true;
     };

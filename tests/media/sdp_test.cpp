@@ -37,8 +37,9 @@ TEST(SdpTest, ReadsAnOfferAndWritesItBackWithoutTheDroppedLinesWhateverItsLineEn
     EXPECT_EQ(sdp->media[0].direction(), MediaDirection::SendOnly);
     // Everything else read shows in the text written back.
     std::string expected = kOffer;
-    for (const std::string dropped : {"i=ignored\r\n", "b=AS:64\r\n"})
+    for (const std::string dropped : {"i=ignored\r\n", "b=AS:64\r\n"}) {
         expected.erase(expected.find(dropped), dropped.size());
+    }
     EXPECT_EQ(sdp->toString(), expected);
 
     std::string lf;
