@@ -30,9 +30,7 @@ constexpr const char* kOffer =
 TEST(SdpTest, ReadsAnOfferAndWritesItBackWithoutTheDroppedLinesWhateverItsLineEnds) {
     const auto sdp = SessionDescription::parse(kOffer);
     ASSERT_TRUE(sdp);
-    EXPECT_EQ(sdp->sessionId, 2890844526u);
     ASSERT_EQ(sdp->media.size(), 2u);
-    EXPECT_EQ(sdp->media[0].connectionAddressType, "IP6");
     EXPECT_EQ(sdp->media[0].ptime(), 30u);
     EXPECT_EQ(sdp->media[0].direction(), MediaDirection::SendOnly);
     // Everything else read shows in the text written back.
@@ -84,16 +82,10 @@ TEST(SdpTest, RefusesWithTheFixedTextsAndReadsOddFieldsTolerantly) {
         "v=x\r\no=bob  id 99999999999999999999 IN IP4 h\r\nc=IN IP4 224.2.1.1/127/3\r\n"
         "m=audio 49170/2 RTP/AVP 0  8 \r\na=fmtp:\r\na=:v\r\n");
     ASSERT_TRUE(sdp);
-    EXPECT_EQ(sdp->version, 0u);
-    EXPECT_EQ(sdp->username, "bob");
-    EXPECT_EQ(sdp->sessionId, 0u);       // the token after two blanks is empty
-    EXPECT_EQ(sdp->sessionVersion, 0u);  // "id" is not a number
-    EXPECT_EQ(sdp->originAddressType, "IN");  // the extra blank shifted the tokens
-    EXPECT_EQ(sdp->connectionAddress, "224.2.1.1");
-    ASSERT_EQ(sdp->media.size(), 1u);
-    EXPECT_EQ(sdp->media[0].port, 49170);
-    EXPECT_EQ(sdp->media[0].formats, (std::vector<std::string>{"0", "8"}));
-    EXPECT_EQ(sdp->media[0].attributes, (SdpAttributeList{{{"fmtp", ""}, {"", "v"}}}));
+    // The token after two blanks is empty and "id" no number: both read as 0,
+    // and the extra blank shifts the rest.
+    EXPECT_EQ(sdp->toString(), "v=0\r\no=bob 0 0 IN IN IP4\r\ns=-\r\nc=IN IP4 224.2.1.1\r\nt=0 0\r\n"
+                               "m=audio 49170 RTP/AVP 0 8\r\na=fmtp\r\na=:v\r\n");
 }
 
 TEST(SdpTest, AttributeQueries) {
