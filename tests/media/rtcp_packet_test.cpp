@@ -96,11 +96,7 @@ TEST(RtcpPacketTest, RejectsCountsAndLengthsBeyondTheDatagram) {
 }
 
 TEST(RtcpPacketTest, WriterClampsLossAndRefusesOversizedFields) {
-    RtcpReportBlock high;
-    high.cumulativeLost = 9'000'000;
-    RtcpReportBlock low;
-    low.cumulativeLost = -9'000'000;
-    const RtcpCompound clamped{{RtcpReceiverReport{1, {high, low}}}};
+    const RtcpCompound clamped{{RtcpReceiverReport{1, {{.cumulativeLost = 9'000'000}, {.cumulativeLost = -9'000'000}}}}};
     Bytes out;
     ASSERT_TRUE(clamped.writeTo(out));
     const auto back = RtcpCompound::parse(out);
