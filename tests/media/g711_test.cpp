@@ -186,8 +186,15 @@ TEST(G711ConcealmentTest, RepeatsThePitchAndBlendsIntoTheNextPacket) {
         double glide;
         double correlation;  // with what was lost, over its first 10 ms
     };
-    const Case cases[] = {{1000, 0, 0.99}, {440, 0, 0.99}, {220, 0, 0.99}, {75, 0, 0.99},
-                          {150, 500, 0.85}, {440, 1000, 0.4}, {150, 2000, -1}};
+    const Case cases[] = {
+        {1000, 0, 0.99},
+        {440, 0, 0.99},
+        {220, 0, 0.99},
+        {75, 0, 0.99},
+        {150, 500, 0.85},
+        {440, 1000, 0.4},
+        {150, 2000, -1},
+    };
     for (const bool ulaw : {true, false}) {
         for (const Case& c : cases) {
             SCOPED_TRACE(testing::Message() << (ulaw ? "PCMU " : "PCMA ") << c.hz << " Hz + " << c.glide << " Hz/s");

@@ -120,8 +120,13 @@ TEST(JitterBufferTest, CleanNetworkPlaysTheInputExactlyAfterASmallConstantDelay)
         size_t ptime, pull;
         uint16_t sequence;
         uint32_t timestamp;
-    } cases[] = {{160, 80, 1000, 123456}, {160, 160, 1000, 123456}, {80, 80, 1000, 123456},
-                 {240, 60, 1000, 123456}, {160, 80, 65500, 0xffffffffu - 40 * 160}};
+    } cases[] = {
+        {160, 80, 1000, 123456},
+        {160, 160, 1000, 123456},
+        {80, 80, 1000, 123456},
+        {240, 60, 1000, 123456},
+        {160, 80, 65500, 0xffffffffu - 40 * 160},
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "ptime " << c.ptime << " pull " << c.pull << " seq " << c.sequence);
         const Sender s{c.ptime, c.sequence, c.timestamp};
@@ -204,8 +209,12 @@ TEST(JitterBufferTest, TalkspurtsAndStallsLeaveNoLongDelayBehind) {
         int64_t pauseUs;   // the sender is silent, its timestamps going on,
         uint32_t skip;     // or its timestamps jump this far without the time passing,
         int64_t outageUs;  // or the network holds packets, then delivers them at once
-    } cases[] = {{"short pause", 120000, 0, 0}, {"long pause", 3000000, 0, 0}, {"timestamp jump", 0, 80000, 0},
-                 {"outage", 0, 0, 1000000}};
+    } cases[] = {
+        {"short pause", 120000, 0, 0},
+        {"long pause", 3000000, 0, 0},
+        {"timestamp jump", 0, 80000, 0},
+        {"outage", 0, 0, 1000000},
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const Sender s;

@@ -32,11 +32,16 @@ TEST(FormatTableTest, LookupsByPayloadTypeAndByNormalisedName) {
         int32_t payloadType;
         uint32_t rowClock;
     } cases[] = {
-        {"G729A", 8000, 1, "G729", 18, 8000}, {"G721", 0, 0, "G726-32", -1, 8000},
-        {"g723-24", 8000, 0, "G726-24", -1, 8000}, {"pcma", 0, 0, "PCMA", 8, 8000},
-        {"DVI4", 16000, 0, "DVI4", 6, 16000}, {"L16", 0, 1, "L16", 11, 44100},
-        {"L16", 16000, 1, "L16", -1, 16000}, {"opus", 48000, 1, nullptr, 0, 0},
-        {"PCMU", 16000, 0, nullptr, 0, 0}, {"G729B", 0, 0, nullptr, 0, 0},
+        {"G729A", 8000, 1, "G729", 18, 8000},
+        {"G721", 0, 0, "G726-32", -1, 8000},
+        {"g723-24", 8000, 0, "G726-24", -1, 8000},
+        {"pcma", 0, 0, "PCMA", 8, 8000},
+        {"DVI4", 16000, 0, "DVI4", 6, 16000},
+        {"L16", 0, 1, "L16", 11, 44100},
+        {"L16", 16000, 1, "L16", -1, 16000},
+        {"opus", 48000, 1, nullptr, 0, 0},
+        {"PCMU", 16000, 0, nullptr, 0, 0},
+        {"G729B", 0, 0, nullptr, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.name << "/" << c.clock << "/" << c.channels);
@@ -58,9 +63,12 @@ TEST(FormatTableTest, FmtpChangesOnlyTheFramesItNames) {
         const char* fmtp;
         uint32_t frameUs, ptime, bitrate, frameBytes;
     } cases[] = {
-        {"iLBC", "mode=20", 20000, 20, 15200, 38},     {"iLBC", " MODE = 30 ", 30000, 30, 13330, 50},
-        {"iLBC", "mode=25", 30000, 30, 13330, 50},     {"G723", "bitrate=5.3", 30000, 30, 5300, 20},
-        {"G723", "annexa=no;bitrate=6.3", 30000, 30, 6300, 24}, {"G723", "bitrate=5300", 30000, 30, 6300, 24},
+        {"iLBC", "mode=20", 20000, 20, 15200, 38},
+        {"iLBC", " MODE = 30 ", 30000, 30, 13330, 50},
+        {"iLBC", "mode=25", 30000, 30, 13330, 50},
+        {"G723", "bitrate=5.3", 30000, 30, 5300, 20},
+        {"G723", "annexa=no;bitrate=6.3", 30000, 30, 6300, 24},
+        {"G723", "bitrate=5300", 30000, 30, 6300, 24},
         {"G729", "mode=20", 10000, 20, 8000, 10},
     };
     for (const auto& c : cases) {

@@ -96,7 +96,8 @@ TEST(RtcpPacketTest, RejectsCountsAndLengthsBeyondTheDatagram) {
 }
 
 TEST(RtcpPacketTest, WriterClampsLossAndRefusesOversizedFields) {
-    const RtcpCompound clamped{{RtcpReceiverReport{1, {{.cumulativeLost = 9'000'000}, {.cumulativeLost = -9'000'000}}}}};
+    const RtcpReportBlock high{.cumulativeLost = 9'000'000}, low{.cumulativeLost = -9'000'000};
+    const RtcpCompound clamped{{RtcpReceiverReport{1, {high, low}}}};
     Bytes out;
     ASSERT_TRUE(clamped.writeTo(out));
     const auto back = RtcpCompound::parse(out);

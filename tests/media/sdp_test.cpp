@@ -117,8 +117,10 @@ TEST(SdpTest, AttributeQueries) {
     d.addAttribute("sendonly");
     EXPECT_EQ(d.direction(), MediaDirection::Inactive);
     const std::pair<MediaDirection, const char*> cases[] = {
-        {MediaDirection::SendOnly, "sendonly"}, {MediaDirection::RecvOnly, "recvonly"},
-        {MediaDirection::Inactive, "inactive"}, {MediaDirection::SendRecv, "sendrecv"},
+        {MediaDirection::SendOnly, "sendonly"},
+        {MediaDirection::RecvOnly, "recvonly"},
+        {MediaDirection::Inactive, "inactive"},
+        {MediaDirection::SendRecv, "sendrecv"},
         {static_cast<MediaDirection>(7), "sendrecv"},
     };
     for (const auto& [dir, name] : cases) {
