@@ -1,8 +1,4 @@
-// Fuzz target for parseChallenge: answering an accepted challenge writes
-// credentials whose parameters read back exactly as written.
-#include <cstddef>
-#include <cstdint>
-#include <string>
+// Fuzz target for parseChallenge and the credentials that answer it.
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
@@ -11,13 +7,12 @@
 
 using velmora::fuzz::require;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string_view input = velmora::fuzz::asText(data, size);
+VELMORA_FUZZ_TARGET {
     const auto challenge = kelsip::parseChallenge(input, false);
     const auto fromProxy = kelsip::parseChallenge(input, true);
     require(challenge.has_value() == fromProxy.has_value(), "where it came from does not decide whether it parses",
             input);
-    if (!challenge) return 0;
+    if (!challenge) return;
     require(fromProxy->proxy && !challenge->proxy, "the proxy flag follows the header it came from", input);
 
     // Credentials built from the challenge's own bytes, with a quote and a
@@ -56,5 +51,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 again->opaque == challenge->opaque && again->algorithm == challenge->algorithm &&
                 again->qop == challenge->qop,
             "the challenge's values survive in our credentials", input, value);
-    return 0;
 }

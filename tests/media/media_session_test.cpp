@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <string>
 #include <variant>
 
@@ -27,15 +26,7 @@ using Channel = MediaTransport::Channel;
 
 constexpr int64_t kSecond = 1000000;
 
-NegotiatedCodec pcmu() {
-    NegotiatedCodec c;
-    c.name = "PCMU";
-    c.payloadType = 0;
-    c.clockRate = 8000;
-    c.ptime = 20;
-    c.telephoneEventPayloadType = 101;
-    return c;
-}
+const NegotiatedCodec kPcmu{"PCMU", 0, 8000, 20, 101, ""};
 
 // Noise from a fixed generator: every lag reads differently, so the delay
 // between what was sent and what plays is unambiguous.
@@ -62,66 +53,53 @@ struct Call {
     explicit Call(uint64_t seed = 1, MediaDirection receiverDirection = MediaDirection::SendRecv) : network(seed) {
         MediaSessionConfig a;
         a.call = 1;
-        a.codec = pcmu();
+        a.codec = kPcmu;
         a.clock = &network.clock();
         a.ssrc = 0x0a0a0a0a;
         a.initialSequence = 65500;  // wraps early in every test
         a.initialTimestamp = 0xffff0000;
         a.randomSeed = seed;
         MediaSessionConfig b = a;
-        b.call = 2;
-        b.ssrc = 0x0b0b0b0b;
-        b.direction = receiverDirection;
-        b.randomSeed = seed + 1;
+        std::tie(b.call, b.ssrc, b.direction, b.randomSeed) = std::tuple(2, 0x0b0b0b0bu, receiverDirection, seed + 1);
         sender = MediaSession::create(a, network.transport(0));
         receiver = MediaSession::create(b, network.transport(1));
         receiver->setListener(listener);
-        sender->setListener(senderListener);
     }
 
     CallSimulation simulation() { return CallSimulation(network, *sender, *receiver, noise); }
+    // The RTP packets the sender handed to the network from its `from`th on.
+    // A packet's bytes stay where they are when the list grows.
+    [[nodiscard]] std::vector<RtpPacket> rtpSent(size_t from = 0) const {
+        std::vector<RtpPacket> out;
+        for (size_t i = from; i < network.sent(0).size(); ++i) {
+            if (network.sent(0)[i].channel == Channel::Rtp) out.push_back(*RtpPacket::parse(network.sent(0)[i].bytes));
+        }
+        return out;
+    }
 
     SimNetwork network;
     std::unique_ptr<MediaSession> sender;
     std::unique_ptr<MediaSession> receiver;
     std::shared_ptr<Listener> listener = std::make_shared<Listener>();
-    std::shared_ptr<Listener> senderListener = std::make_shared<Listener>();
 };
 
-// The lag (in samples) at which played[from, from + length) equals the
-// best-case signal exactly; -1 if there is none within `maxLag`.
-int64_t exactLag(const std::vector<int16_t>& played, size_t from, size_t length, int64_t maxLag) {
-    for (int64_t lag = 0; lag <= maxLag && lag <= static_cast<int64_t>(from); ++lag) {
-        bool same = true;
-        for (size_t i = from; i < from + length && same; ++i) {
-            same = played[i] == throughUlaw(i - static_cast<uint64_t>(lag));
-        }
-        if (same) return lag;
-    }
-    return -1;
-}
-
-// The share of 20 ms windows after `from` that play the signal exactly at
-// some lag near the last one found.
+// The share of 20 ms windows after `from` that play the best-case signal
+// exactly at some lag near the last one found.
 double intactShare(const std::vector<int16_t>& played, size_t from) {
-    size_t intact = 0;
-    size_t windows = 0;
-    int64_t lag = -1;
-    for (size_t w = from; w + 160 <= played.size(); w += 160, ++windows) {
-        const auto matches = [&](int64_t l) {
-            if (l < 0 || l > static_cast<int64_t>(w)) return false;
-            for (size_t i = w; i < w + 160; ++i) {
-                if (played[i] != throughUlaw(i - static_cast<uint64_t>(l))) return false;
+    size_t intact = 0, windows = 0;
+    int64_t lag = 0;
+    const auto matches = [&](size_t w, int64_t l) {
+        for (size_t i = w; i < w + 160; ++i) {
+            if (l < 0 || l > static_cast<int64_t>(w) || played[i] != throughUlaw(i - static_cast<uint64_t>(l))) {
+                return false;
             }
-            return true;
-        };
-        if (matches(lag)) {
-            ++intact;
-            continue;
         }
-        for (int64_t d = 1; d <= 1600; ++d) {
-            if (matches(lag + d) || matches(lag - d)) {
-                lag = matches(lag + d) ? lag + d : lag - d;
+        return true;
+    };
+    for (size_t w = from; w + 160 <= played.size(); w += 160, ++windows) {
+        for (int64_t d = 0; d <= 1600; ++d) {
+            if (matches(w, lag + d) || matches(w, lag - d)) {
+                lag = matches(w, lag + d) ? lag + d : lag - d;
                 ++intact;
                 break;
             }
@@ -130,39 +108,14 @@ double intactShare(const std::vector<int16_t>& played, size_t from) {
     return windows ? static_cast<double>(intact) / static_cast<double>(windows) : 0.0;
 }
 
-TEST(MediaSessionTest, CleanNetworkPlaysTheSignalExactlyWithinPtimePlusTenMilliseconds) {
-    Call call;
-    auto sim = call.simulation();
-    sim.run(5 * kSecond);
-
-    // Sample i plays i/8 ms into the call and sample j was recorded j/8 ms in,
-    // so the lag is the mouth-to-ear delay. The network takes 20 ms of it;
-    // packetising and the playout buffer add the rest.
-    // The buffer may start with more than it needs and shorten it over the
-    // first seconds; from the third second on the signal plays untouched.
-    const int64_t lag = exactLag(sim.played, 24000, 8000, 4000);
-    ASSERT_GE(lag, 0) << "the fourth second does not play the signal";
-    const double addedMs = static_cast<double>(lag) / 8.0 - 20.0;
-    std::printf("clean network: packetising + playout add %.1f ms\n", addedMs);
-    EXPECT_LE(addedMs, 20.0 + 10.0);
-    EXPECT_EQ(exactLag(sim.played, 24000, sim.played.size() - 24000, lag), lag) << "the delay drifted or audio broke";
-    const auto st = call.receiver->statistics();
-    EXPECT_EQ(st.playout.samplesConcealed, 0u);
-    EXPECT_EQ(st.packetsLost, 0);
-    // All but what is still on its way at the end.
-    EXPECT_GE(st.packetsReceived + 2, call.network.sent(0).size() - st.rtcpReceived);
-    EXPECT_DOUBLE_EQ(st.jitterMs, 0.0);
-}
-
-struct Condition {
-    const char* name;
-    LinkConditions link;
-    double maxConcealed;  // share of played samples
-    double minIntact;     // share of 20 ms windows played exactly
-};
-
 TEST(MediaSessionTest, ReceivedAudioUnderNetworkConditions) {
-    const Condition conditions[] = {
+    const struct {
+        const char* name;
+        LinkConditions link;
+        double maxConcealed;  // share of played samples
+        double minIntact;     // share of 20 ms windows played exactly
+    } conditions[] = {
+        {"clean", {20000, 0, 0, 0, 0, 0, 0}, 0, 1.0},
         {"5% random loss", {20000, 0, 0.05, 0, 0, 0, 0}, 0.07, 0.85},
         {"burst loss", {20000, 0, 0, 0.02, 0.6, 0, 0}, 0.09, 0.80},
         {"30 ms jitter", {20000, 30000, 0, 0, 0, 0, 0}, 0.02, 0.90},
@@ -179,12 +132,10 @@ TEST(MediaSessionTest, ReceivedAudioUnderNetworkConditions) {
         const auto st = call.receiver->statistics();
         const double concealed =
             static_cast<double>(st.playout.samplesConcealed) / static_cast<double>(st.playout.samplesPlayed);
-        const double intact = intactShare(sim.played, 8000);
-        std::printf("%-16s concealed %5.2f%%  intact %5.1f%%  target %5.1f ms  held %5.1f ms  late %llu\n", c.name,
-                    concealed * 100, intact * 100, st.playout.targetDelayMs, st.playout.currentDelayMs,
-                    static_cast<unsigned long long>(st.playout.late));
         EXPECT_LE(concealed, c.maxConcealed);
-        EXPECT_GE(intact, c.minIntact);
+        EXPECT_GE(intactShare(sim.played, 3 * 8000), c.minIntact);
+        EXPECT_LE(st.playout.targetDelayMs, 50.0);  // jitter raises it, but only so far
+        EXPECT_EQ(st.payloadType, 0);
         // Loss figures are the network's own count: nothing lost goes
         // unnoticed, nothing duplicated counts as lost.
         if (c.link.duplicate == 0) {
@@ -192,172 +143,81 @@ TEST(MediaSessionTest, ReceivedAudioUnderNetworkConditions) {
         } else {
             EXPECT_GT(st.playout.duplicates, 0u);
         }
+        if (c.maxConcealed == 0) { EXPECT_DOUBLE_EQ(st.jitterMs, 0.0); }  // clean
     }
-}
-
-TEST(MediaSessionTest, HalfAPercentClockDriftEitherWayNeitherGrowsNorStarvesTheBuffer) {
-    for (const double rate : {1.005, 0.995}) {
-        SCOPED_TRACE(rate);
-        Call call(3);
-        auto sim = call.simulation();
-        sim.senderEnd.clockRate = rate;
-        double low = 1e9;
-        double high = 0;
-        int64_t next = 60 * kSecond;
-        sim.onPlayout = [&](int64_t now) {
-            if (now < next) return;
-            next += kSecond;
-            const double held = call.receiver->statistics().playout.currentDelayMs;
-            low = std::min(low, held);
-            high = std::max(high, held);
-        };
-        sim.run(600 * kSecond);
-        const auto st = call.receiver->statistics();
-        const double concealed =
-            static_cast<double>(st.playout.samplesConcealed) / static_cast<double>(st.playout.samplesPlayed);
-        std::printf("drift x%.3f over 10 min: held %.1f..%.1f ms, concealed %.3f%%, dropped %llu, stretched %llu\n",
-                    rate, low, high, concealed * 100, static_cast<unsigned long long>(st.playout.samplesDropped),
-                    static_cast<unsigned long long>(st.playout.samplesStretched));
-        EXPECT_LE(high, 60.0);
-        EXPECT_LE(high - low, 30.0);
-        EXPECT_LE(concealed, 0.005);
-    }
-}
-
-std::vector<RtpPacket> rtpSent(const SimNetwork& network, int end, std::vector<std::vector<uint8_t>>& storage) {
-    storage.clear();
-    for (const auto& p : network.sent(end)) {
-        if (p.channel == Channel::Rtp) storage.push_back(p.bytes);
-    }
-    std::vector<RtpPacket> out;
-    for (const auto& b : storage) out.push_back(*RtpPacket::parse(b));
-    return out;
 }
 
 TEST(MediaSessionTest, DigitsCrossAsRfc4733EventsAndAreReportedOncePerEvent) {
-    Call call;
-    // Every packet twice and some lost: still one report per digit.
-    call.network.setConditions(0, {20000, 0, 0.1, 0, 0, 0, 1.0});
-    auto sim = call.simulation();
-    sim.run(kSecond / 2);
-    ASSERT_TRUE(call.sender->sendDigit('1'));
-    ASSERT_TRUE(call.sender->sendDigit('#', 200));
-    ASSERT_TRUE(call.sender->sendDigit('d'));
-    EXPECT_FALSE(call.sender->sendDigit('x'));
-    sim.run(2 * kSecond);
-    EXPECT_EQ(call.listener->digits, "1#D");
-    EXPECT_EQ(call.receiver->statistics().digitsReceived, 3u);
-    EXPECT_EQ(call.sender->statistics().digitsSent, 3u);
+    for (const bool lossy : {true, false}) {
+        SCOPED_TRACE(lossy ? "lossy" : "clean");
+        Call call;
+        // Every packet twice and some lost: still one report per digit.
+        if (lossy) call.network.setConditions(0, {20000, 0, 0.1, 0, 0, 0, 1.0});
+        auto sim = call.simulation();
+        sim.run(kSecond / 2);
+        ASSERT_TRUE(call.sender->sendDigit('1'));
+        ASSERT_TRUE(call.sender->sendDigit('#', 200));
+        ASSERT_TRUE(call.sender->sendDigit('d'));
+        EXPECT_FALSE(call.sender->sendDigit('x'));
+        sim.run(2 * kSecond);
+        EXPECT_EQ(call.listener->digits, "1#D");
+        EXPECT_EQ(call.receiver->statistics().digitsReceived, 3u);
+        EXPECT_EQ(call.sender->statistics().digitsSent, 3u);
+        // The audio a digit replaces was never lost: on a clean network
+        // nothing is concealed, though the buffer runs dry before the event.
+        if (!lossy) { EXPECT_EQ(call.receiver->statistics().playout.samplesConcealed, 0u); }
+        if (!lossy) continue;
 
-    // The second digit on the wire: start with the marker, 50 ms updates,
-    // three end packets, all with one timestamp; no audio meanwhile.
-    std::vector<std::vector<uint8_t>> storage;
-    const auto packets = rtpSent(call.network, 0, storage);
-    std::vector<RtpPacket> hash;
-    size_t lastOfHash = 0;
-    for (size_t i = 0; i < packets.size(); ++i) {
-        if (packets[i].payloadType == 101 && TelephoneEvent::parse(packets[i].payload)->event == 11) {
-            hash.push_back(packets[i]);
-            lastOfHash = i;
+        // The second digit on the wire: start with the marker, 50 ms updates,
+        // three end packets, all with one timestamp and consecutive sequence
+        // numbers; audio resumes after it as a new talkspurt.
+        const auto packets = call.rtpSent();
+        std::vector<RtpPacket> hash;
+        size_t lastOfHash = 0;
+        for (size_t i = 0; i < packets.size(); ++i) {
+            if (packets[i].payloadType == 101 && TelephoneEvent::parse(packets[i].payload)->event == 11) {
+                hash.push_back(packets[i]);
+                lastOfHash = i;
+            }
         }
+        const uint16_t durations[] = {160, 400, 800, 1200, 1600, 1600, 1600};
+        ASSERT_EQ(hash.size(), std::size(durations));
+        for (size_t i = 0; i < hash.size(); ++i) {
+            const auto event = TelephoneEvent::parse(hash[i].payload);
+            EXPECT_EQ(event->duration, durations[i]);
+            EXPECT_EQ(event->end, i >= 4);
+            EXPECT_EQ(hash[i].marker, i == 0);
+            EXPECT_EQ(hash[i].timestamp, hash[0].timestamp);
+            EXPECT_EQ(hash[i].sequence, static_cast<uint16_t>(hash[0].sequence + i));
+        }
+        ASSERT_LT(lastOfHash + 1, packets.size());
+        EXPECT_TRUE(packets[lastOfHash + 1].marker);
+        EXPECT_EQ(packets[lastOfHash + 1].payloadType, 0);
     }
-    ASSERT_EQ(hash.size(), 1u + 3u + 3u);  // start, updates at 50/100/150 ms, three ends
-    std::vector<uint16_t> durations;
-    for (const auto& p : hash) {
-        EXPECT_EQ(p.timestamp, hash[0].timestamp);
-        durations.push_back(TelephoneEvent::parse(p.payload)->duration);
-    }
-    EXPECT_EQ(durations, (std::vector<uint16_t>{160, 400, 800, 1200, 1600, 1600, 1600}));
-    EXPECT_TRUE(hash[0].marker);
-    for (size_t i = 1; i < hash.size(); ++i) EXPECT_FALSE(hash[i].marker);
-    for (size_t i = 0; i < hash.size(); ++i) EXPECT_EQ(TelephoneEvent::parse(hash[i].payload)->end, i >= 4);
-    for (size_t i = 1; i < hash.size(); ++i) EXPECT_EQ(hash[i].sequence, static_cast<uint16_t>(hash[i - 1].sequence + 1));
-    ASSERT_LT(lastOfHash + 1, packets.size());
-    // Audio resumes as a new talkspurt, on the stream's running clock.
-    const RtpPacket& after = packets[lastOfHash + 1];
-    EXPECT_TRUE(after.marker);
-    EXPECT_EQ(after.payloadType, 0);
-}
-
-// The audio a digit replaces on a clean network was never lost: nothing is
-// concealed, though the buffer runs dry before the event's first packet.
-TEST(MediaSessionTest, TheGapADigitLeavesInTheAudioIsNotCountedAsConcealment) {
-    Call call;
-    auto sim = call.simulation();
-    sim.run(kSecond);
-    ASSERT_TRUE(call.sender->sendDigit('5'));
-    ASSERT_TRUE(call.sender->sendDigit('7', 300));
-    sim.run(2 * kSecond);
-    EXPECT_EQ(call.listener->digits, "57");
-    EXPECT_EQ(call.receiver->statistics().playout.samplesConcealed, 0u);
 }
 
 TEST(MediaSessionTest, ACodecTheRegistryCannotMakeIsLoggedAndTheSessionDoesNotStart) {
     const test::LogCapture log;
     SimNetwork network(1);
     MediaSessionConfig config;
-    config.codec = pcmu();
+    config.codec = kPcmu;
     config.codec.name = "X-NONE";
     config.clock = &network.clock();
     EXPECT_EQ(MediaSession::create(config, network.transport(0)), nullptr);
     EXPECT_TRUE(log.has("codec not available: X-NONE"));
 }
 
-TEST(MediaSessionTest, HoldStopsSendingAndPlayingAndResumeStartsATalkspurtOnTheRunningClock) {
-    Call call;
-    auto sim = call.simulation();
-    sim.run(kSecond);
-    call.sender->setDirection(MediaDirection::Inactive);
-    EXPECT_FALSE(call.sender->sendDigit('5'));
-    const size_t before = call.network.sent(0).size();
-    const auto receivedBefore = call.receiver->statistics().packetsReceived;
-    sim.run(3 * kSecond);
-    size_t rtpDuringHold = 0;
-    for (size_t i = before; i < call.network.sent(0).size(); ++i) {
-        rtpDuringHold += call.network.sent(0)[i].channel == Channel::Rtp;
-    }
-    EXPECT_EQ(rtpDuringHold, 0u);
-    // A second of the receiver's playout ends in silence once the buffer ran dry.
-    const size_t end = sim.played.size();
-    for (size_t i = end - 4000; i < end; ++i) ASSERT_EQ(sim.played[i], 0) << i;
-    EXPECT_LE(call.receiver->statistics().packetsReceived, receivedBefore + 2);
-
-    call.sender->setDirection(MediaDirection::SendRecv);
-    sim.run(kSecond);
-    std::vector<std::vector<uint8_t>> storage;
-    const auto packets = rtpSent(call.network, 0, storage);
-    size_t resumed = 0;
-    for (size_t i = 1; i < packets.size(); ++i) {
-        if (packets[i].timestamp - packets[i - 1].timestamp > 160) resumed = i;
-    }
-    ASSERT_GT(resumed, 0u);
-    EXPECT_TRUE(packets[resumed].marker);
-    // Three seconds of hold pass on the RTP clock too.
-    EXPECT_NEAR(static_cast<double>(packets[resumed].timestamp - packets[resumed - 1].timestamp), 3 * 8000.0, 160.0);
-    EXPECT_EQ(packets[resumed].sequence, static_cast<uint16_t>(packets[resumed - 1].sequence + 1));
-    // And the receiver plays again.
-    EXPECT_GT(call.receiver->statistics().packetsReceived, receivedBefore + 30);
-
-    // Receive-only: we play but send nothing.
-    call.sender->setDirection(MediaDirection::RecvOnly);
-    const size_t sentBefore = call.network.sent(0).size();
-    sim.run(kSecond);
-    for (size_t i = sentBefore; i < call.network.sent(0).size(); ++i) EXPECT_EQ(call.network.sent(0)[i].channel, Channel::Rtcp);
-}
-
-std::vector<uint8_t> rtpBytes(uint32_t ssrc, uint16_t seq, uint32_t ts, uint8_t pt, std::vector<uint8_t> payload) {
-    RtpPacket p;
-    p.ssrc = ssrc;
-    p.sequence = seq;
-    p.timestamp = ts;
-    p.payloadType = pt;
-    p.payload = payload;
+std::vector<uint8_t> rtpBytes(uint32_t ssrc, uint16_t seq, uint32_t ts, uint8_t pt, std::span<const uint8_t> payload) {
+    RtpPacket p{.payloadType = pt, .sequence = seq, .timestamp = ts, .ssrc = ssrc, .csrcs = {}, .extension = {},
+                .payload = payload};
     std::vector<uint8_t> out;
     EXPECT_TRUE(p.writeTo(out));
     return out;
 }
 
-TEST(MediaSessionTest, AStraySourceIsIgnoredAndANewSourceThatPersistsTakesOver) {
+// One call through hold, resume and receive-only, while a stray source, bad
+// input and at last a new source that persists reach the receiver.
+TEST(MediaSessionTest, HoldResumeAndSourceChanges) {
     Call call;
     auto sim = call.simulation();
     sim.run(kSecond);
@@ -370,23 +230,49 @@ TEST(MediaSessionTest, AStraySourceIsIgnoredAndANewSourceThatPersistsTakesOver) 
     call.network.inject(1, Channel::Rtcp, {0x80, 0xc9, 0xff, 0xff});
     EXPECT_EQ(call.receiver->statistics().packetsDiscarded, 3u);
 
-    call.sender->setDirection(MediaDirection::Inactive);  // the old source goes quiet
+    // Hold stops sending; the receiver's last second of playout is silence
+    // once its buffer ran dry.
+    call.sender->setDirection(MediaDirection::Inactive);
+    EXPECT_FALSE(call.sender->sendDigit('5'));
+    const auto receivedBefore = call.receiver->statistics().packetsReceived;
+    const size_t sentBefore = call.network.sent(0).size();
+    sim.run(3 * kSecond);
+    EXPECT_TRUE(call.rtpSent(sentBefore).empty());
+    EXPECT_TRUE(std::all_of(sim.played.end() - 4000, sim.played.end(), [](int16_t s) { return s == 0; }));
+    EXPECT_LE(call.receiver->statistics().packetsReceived, receivedBefore + 2);
+
+    // Resuming starts a talkspurt: three seconds of hold pass on the RTP
+    // clock too, and the sequence runs on.
+    call.sender->setDirection(MediaDirection::SendRecv);
+    sim.run(kSecond);
+    const auto packets = call.rtpSent();
+    size_t resumed = 0;
+    for (size_t i = 1; i < packets.size(); ++i) {
+        if (packets[i].timestamp - packets[i - 1].timestamp > 160) resumed = i;
+    }
+    ASSERT_GT(resumed, 0u);
+    EXPECT_TRUE(packets[resumed].marker);
+    EXPECT_NEAR(static_cast<double>(packets[resumed].timestamp - packets[resumed - 1].timestamp), 3 * 8000.0, 160.0);
+    EXPECT_EQ(packets[resumed].sequence, static_cast<uint16_t>(packets[resumed - 1].sequence + 1));
+    EXPECT_GT(call.receiver->statistics().packetsReceived, receivedBefore + 30);
+
+    // Receive-only: we play but send nothing but reports. Our source gone
+    // quiet, a new one that keeps sending takes over.
+    call.sender->setDirection(MediaDirection::RecvOnly);
+    const size_t resumedAt = call.network.sent(0).size();
     for (uint16_t i = 0; i < 40; ++i) {
-        call.network.inject(1, Channel::Rtp, rtpBytes(0x7777, static_cast<uint16_t>(100 + i), 5000 + 160u * i, 0, tone));
+        const auto sequence = static_cast<uint16_t>(100 + i);
+        call.network.inject(1, Channel::Rtp, rtpBytes(0x7777, sequence, 5000 + 160u * i, 0, tone));
         sim.run(20000);
     }
-    const auto st = call.receiver->statistics();
-    EXPECT_EQ(st.remoteSsrc, 0x7777u);
-    // The new source's tone plays.
-    bool heard = false;
-    for (size_t i = sim.played.size() - 800; i < sim.played.size(); ++i) heard = heard || sim.played[i] == ulawToLinear(linearToUlaw(5000));
-    EXPECT_TRUE(heard);
+    EXPECT_TRUE(call.rtpSent(resumedAt).empty());
+    EXPECT_EQ(call.receiver->statistics().remoteSsrc, 0x7777u);
+    EXPECT_NE(std::find(sim.played.end() - 800, sim.played.end(), ulawToLinear(tone[0])), sim.played.end());
 }
 
 TEST(MediaSessionTest, ReportsFlowAtRfc3550IntervalsWithLossJitterAndRoundTrip) {
     Call call(5);
     call.network.setConditions(0, {20000, 0, 0.04, 0, 0, 0, 0});
-    call.network.setConditions(1, {20000, 0, 0, 0, 0, 0, 0});
     auto sim = call.simulation();
     sim.run(60 * kSecond);
 
@@ -406,15 +292,14 @@ TEST(MediaSessionTest, ReportsFlowAtRfc3550IntervalsWithLossJitterAndRoundTrip) 
         EXPECT_GE(times[i] - times[i - 1], 2050000) << i;
         EXPECT_LE(times[i] - times[i - 1], 6160000) << i;
     }
-    // A sender: SR with our counts, a block on the far end, and our CNAME.
-    const auto& last = reports.back();
-    ASSERT_GE(last.packets.size(), 2u);
-    const auto* sr = std::get_if<RtcpSenderReport>(&last.packets[0]);
+    // A sender: SR with a block on the far end, then our CNAME.
+    ASSERT_GE(reports.back().packets.size(), 2u);
+    const auto* sr = std::get_if<RtcpSenderReport>(&reports.back().packets[0]);
     ASSERT_NE(sr, nullptr);
     EXPECT_EQ(sr->ssrc, 0x0a0a0a0au);
     ASSERT_EQ(sr->reports.size(), 1u);
     EXPECT_EQ(sr->reports[0].ssrc, 0x0b0b0b0bu);
-    EXPECT_TRUE(std::holds_alternative<RtcpSdes>(last.packets[1]));
+    EXPECT_TRUE(std::holds_alternative<RtcpSdes>(reports.back().packets[1]));
 
     // The receiver's reports tell the sender what the network dropped, and
     // the LSR/DLSR echo gives the 40 ms round trip.
@@ -424,13 +309,11 @@ TEST(MediaSessionTest, ReportsFlowAtRfc3550IntervalsWithLossJitterAndRoundTrip) 
     EXPECT_GT(*a.remotePacketsLost, 0);
     EXPECT_NEAR(*a.roundTripMs, 40.0, 1.0);
     EXPECT_NEAR(*a.remoteJitterMs, 0.0, 0.5);
-    const auto b = call.receiver->statistics();
-    EXPECT_NEAR(b.fractionLost, 0.04, 0.04);
-    EXPECT_GT(b.rtcpReceived, 5u);
-
+    EXPECT_NEAR(call.receiver->statistics().fractionLost, 0.04, 0.04);
+    EXPECT_GT(call.receiver->statistics().rtcpReceived, 5u);
     // Closing sends SR, SDES and BYE; the far end hears the BYE.
     call.sender->close();
-    const auto bye = RtcpCompound::parse(call.network.finalRtcp(0));
+    const auto bye = RtcpCompound::parse(call.network.sent(0).back().bytes);
     ASSERT_TRUE(bye);
     ASSERT_EQ(bye->packets.size(), 3u);
     EXPECT_EQ(std::get<RtcpBye>(bye->packets[2]).ssrcs, (std::vector<uint32_t>{0x0a0a0a0a}));
@@ -443,17 +326,14 @@ TEST(MediaSessionTest, AReceiverThatOnlyListensSendsReceiverReports) {
     Call call(9, MediaDirection::RecvOnly);
     auto sim = call.simulation();
     sim.run(20 * kSecond);
-    int reports = 0;
+    ASSERT_GE(call.network.sent(1).size(), 3u);
     for (const auto& p : call.network.sent(1)) {
-        ASSERT_EQ(p.channel, Channel::Rtcp);
         const auto c = RtcpCompound::parse(p.bytes);
-        ASSERT_TRUE(c);
-        const auto* rr = std::get_if<RtcpReceiverReport>(&c->packets[0]);
+        ASSERT_TRUE(p.channel == Channel::Rtcp && c);
+        const auto* rr = std::get_if<RtcpReceiverReport>(&c->packets.at(0));
         ASSERT_NE(rr, nullptr);
         EXPECT_EQ(rr->reports.size(), 1u);
-        ++reports;
     }
-    EXPECT_GE(reports, 3);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 
 #include "media/codec/codec_registry.h"
 #include "media/codec/format_table.h"
-#include "sip/core/log.h"
+#include "support/log_capture.h"
 
 namespace kelsip {
 namespace {
@@ -20,33 +20,18 @@ SessionDescription offerWith(std::string_view mediaLines) {
     return sdp.value_or(SessionDescription{});
 }
 
-TEST(FormatTableTest, HoldsTheRowsPeersUse) {
-    const auto& table = mediaFormatTable();
-    ASSERT_EQ(table.size(), 54u);
-    EXPECT_EQ(table.front().name, "PCMU");
-    EXPECT_EQ(table.back().name, "theora");
-    // G722 keeps the 8000 Hz RTP clock although it samples at 16 kHz.
-    const auto g722 = lookupByPayloadType(9);
-    ASSERT_TRUE(g722);
-    EXPECT_EQ(g722->clockRate, 8000u);
-    const auto mp2t = lookupByPayloadType(33);
-    ASSERT_TRUE(mp2t);
-    EXPECT_EQ(mp2t->mediaKind, MediaKind::Both);
-    EXPECT_FALSE(lookupByPayloadType(96));
-    EXPECT_FALSE(lookupByPayloadType(-1));  // the dynamic rows carry -1
-    EXPECT_FALSE(lookupByPayloadType(2));
-}
+TEST(FormatTableTest, LookupsByPayloadTypeAndByNormalisedName) {
+    EXPECT_EQ(lookupByPayloadType(9)->clockRate, 8000u);  // G722 keeps the 8000 Hz RTP clock
+    EXPECT_EQ(lookupByPayloadType(33)->mediaKind, MediaKind::Both);
+    for (const int none : {96, -1, 2}) EXPECT_FALSE(lookupByPayloadType(none)) << none;  // dynamic rows carry -1
 
-TEST(FormatTableTest, LookupByNameNormalisesAndFilters) {
-    struct Case {
+    const struct {
         const char* name;
-        uint32_t clock;
-        uint32_t channels;
+        uint32_t clock, channels;
         const char* row;  // nullptr: none
         int32_t payloadType;
         uint32_t rowClock;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"G729A", 8000, 1, "G729", 18, 8000},
         {"G721", 0, 0, "G726-32", -1, 8000},
         {"g723-24", 8000, 0, "G726-24", -1, 8000},
@@ -58,8 +43,8 @@ TEST(FormatTableTest, LookupByNameNormalisesAndFilters) {
         {"PCMU", 16000, 0, nullptr, 0, 0},
         {"G729B", 0, 0, nullptr, 0, 0},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.name) + "/" + std::to_string(c.clock) + "/" + std::to_string(c.channels));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.name << "/" << c.clock << "/" << c.channels);
         const auto row = lookupByName(c.name, c.clock, c.channels);
         ASSERT_EQ(row.has_value(), c.row != nullptr);
         if (!row) continue;
@@ -67,15 +52,17 @@ TEST(FormatTableTest, LookupByNameNormalisesAndFilters) {
         EXPECT_EQ(row->payloadType, c.payloadType);
         EXPECT_EQ(row->clockRate, c.rowClock);
     }
+
+    EXPECT_EQ(CodecRegistry::instance().create("pcma")->info().payloadType, 8);
+    EXPECT_FALSE(CodecRegistry::instance().create("G729"));
 }
 
 TEST(FormatTableTest, FmtpChangesOnlyTheFramesItNames) {
-    struct Case {
+    const struct {
         const char* name;
         const char* fmtp;
         uint32_t frameUs, ptime, bitrate, frameBytes;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"iLBC", "mode=20", 20000, 20, 15200, 38},
         {"iLBC", " MODE = 30 ", 30000, 30, 13330, 50},
         {"iLBC", "mode=25", 30000, 30, 13330, 50},
@@ -84,7 +71,7 @@ TEST(FormatTableTest, FmtpChangesOnlyTheFramesItNames) {
         {"G723", "bitrate=5300", 30000, 30, 6300, 24},
         {"G729", "mode=20", 10000, 20, 8000, 10},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.name) + " " + c.fmtp);
         auto info = lookupByName(c.name, 8000, 1);
         ASSERT_TRUE(info);
@@ -96,95 +83,63 @@ TEST(FormatTableTest, FmtpChangesOnlyTheFramesItNames) {
     }
 }
 
-TEST(CodecRegistryTest, OffersPcmuThenPcmaAndCreatesByName) {
-    const auto& codecs = CodecRegistry::instance().codecs();
-    ASSERT_EQ(codecs.size(), 2u);
-    EXPECT_EQ(codecs[0].name, "PCMU");
-    EXPECT_EQ(codecs[1].name, "PCMA");
-    const auto pcma = CodecRegistry::instance().create("pcma");
-    ASSERT_TRUE(pcma);
-    EXPECT_EQ(pcma->info().payloadType, 8);
-    EXPECT_FALSE(CodecRegistry::instance().create("G729"));
-    EXPECT_FALSE(CodecRegistry::instance().create(""));
-}
-
-TEST(NegotiationTest, RemoteFormatsComeFromRtpmapElseTheStaticTable) {
-    const auto sdp = offerWith(
-        "m=audio 4000 RTP/AVP 0 97 96 x 18 120\r\n"
-        "a=rtpmap:97 opus/48000/2\r\n"
-        "a=rtpmap:0 PCMU/16000\r\n");
-    ASSERT_EQ(sdp.media.size(), 1u);
-    EXPECT_EQ(remoteFormats(sdp.media[0]),
-              (std::vector<RemoteFormat>{{0, "PCMU", 16000, 1}, {97, "opus", 48000, 2}, {18, "G729", 8000, 1}}));
-}
-
-struct OfferCase {
-    const char* name;
-    const char* media;
-    bool ok;
-    const char* codec = "";
-    int payloadType = -1;
-    int telephoneEvent = -1;
-    uint32_t ptime = 20;
-    bool eventsWanted = true;
-};
-
 TEST(NegotiationTest, AnswererFollowsTheOfferersOrder) {
-    const OfferCase cases[] = {
-        {"offerer prefers PCMA", "m=audio 4000 RTP/AVP 8 0\r\n", true, "PCMA", 8},
-        {"rtpmap-less static types", "m=audio 4000 RTP/AVP 3 0 8\r\n", true, "PCMU", 0},
-        {"dynamic type with a lower-case name", "m=audio 4000 RTP/AVP 97\r\na=rtpmap:97 pcmu/8000\r\n", true, "PCMU",
-         97},
-        {"rtpmap overrides the static meaning", "m=audio 4000 RTP/AVP 0 8\r\na=rtpmap:0 PCMU/16000\r\n", true, "PCMA", 8},
-        {"clock rate must be equal", "m=audio 4000 RTP/AVP 0\r\na=rtpmap:0 PCMU/16000\r\n", false},
-        {"nothing we run", "m=audio 4000 RTP/AVP 18 9\r\n", false},
-        {"port 0 audio is declined media", "m=audio 0 RTP/AVP 0\r\n", false},
-        {"video only", "m=video 4000 RTP/AVP 31\r\n", false},
-        {"first usable audio line", "m=audio 0 RTP/AVP 0\r\nm=audio 5000 RTP/AVP 8\r\n", true, "PCMA", 8},
+    EXPECT_EQ(remoteFormats(offerWith("m=audio 4000 RTP/AVP 0 97 96 x 18 120\r\na=rtpmap:97 opus/48000/2\r\n"
+                                      "a=rtpmap:0 PCMU/16000\r\n")
+                                .media.at(0)),
+              (std::vector<RemoteFormat>{{0, "PCMU", 16000, 1}, {97, "opus", 48000, 2}, {18, "G729", 8000, 1}}));
+    const struct {
+        const char* name;
+        const char* media;
+        const char* codec;  // nullptr: refused
+        int payloadType = -1;
+        int telephoneEvent = -1;
+        uint32_t ptime = 20;
+        bool eventsWanted = true;
+    } cases[] = {
+        {"offerer prefers PCMA", "m=audio 4000 RTP/AVP 8 0\r\n", "PCMA", 8},
+        {"rtpmap-less static types", "m=audio 4000 RTP/AVP 3 0 8\r\n", "PCMU", 0},
+        {"dynamic type with a lower-case name", "m=audio 4000 RTP/AVP 97\r\na=rtpmap:97 pcmu/8000\r\n", "PCMU", 97},
+        {"rtpmap overrides the static meaning", "m=audio 4000 RTP/AVP 0 8\r\na=rtpmap:0 PCMU/16000\r\n", "PCMA", 8},
+        {"clock rate must be equal", "m=audio 4000 RTP/AVP 0\r\na=rtpmap:0 PCMU/16000\r\n", nullptr},
+        {"nothing we run", "m=audio 4000 RTP/AVP 18 9\r\n", nullptr},
+        {"port 0 audio is declined media", "m=audio 0 RTP/AVP 0\r\n", nullptr},
+        {"video only", "m=video 4000 RTP/AVP 31\r\n", nullptr},
+        {"first usable audio line", "m=audio 0 RTP/AVP 0\r\nm=audio 5000 RTP/AVP 8\r\n", "PCMA", 8},
         {"last telephone-event at 8000 wins",
          "m=audio 4000 RTP/AVP 0 101 96\r\na=rtpmap:101 telephone-event/8000\r\na=rtpmap:96 Telephone-Event/8000\r\n",
-         true, "PCMU", 0, 96},
-        {"telephone-event at 16000 only",
-         "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/16000\r\n", true, "PCMU", 0, -1},
+         "PCMU", 0, 96},
+        {"telephone-event at 16000 only", "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/16000\r\n",
+         "PCMU", 0, -1},
         {"DTMF without RFC 4733 ignores telephone-event",
-         "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/8000\r\n", true, "PCMU", 0, -1, 20, false},
-        {"offer's ptime", "m=audio 4000 RTP/AVP 0\r\na=ptime:30\r\n", true, "PCMU", 0, -1, 30},
+         "m=audio 4000 RTP/AVP 0 101\r\na=rtpmap:101 telephone-event/8000\r\n", "PCMU", 0, -1, 20, false},
+        {"offer's ptime", "m=audio 4000 RTP/AVP 0\r\na=ptime:30\r\n", "PCMU", 0, -1, 30},
     };
-    for (const OfferCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::string error;
         const auto chosen = chooseFromOffer(offerWith(c.media), AnswerOptions{20, c.eventsWanted}, &error);
-        ASSERT_EQ(chosen.has_value(), c.ok) << error;
-        if (!c.ok) {
+        ASSERT_EQ(chosen.has_value(), c.codec != nullptr) << error;
+        if (!chosen) {
             EXPECT_FALSE(error.empty());
             continue;
         }
-        EXPECT_EQ(chosen->name, c.codec);
-        EXPECT_EQ(chosen->payloadType, c.payloadType);
-        EXPECT_EQ(chosen->clockRate, 8000u);
-        EXPECT_EQ(chosen->telephoneEventPayloadType, c.telephoneEvent);
-        EXPECT_EQ(chosen->ptime, c.ptime);
+        EXPECT_EQ(*chosen, (NegotiatedCodec{c.codec, c.payloadType, 8000, c.ptime, c.telephoneEvent, chosen->fmtp}));
     }
 }
 
-TEST(NegotiationTest, AnswerCarriesExactlyTheChosenCodec) {
+TEST(NegotiationTest, AnswerCarriesExactlyTheChosenCodecAndOffersListOursWithTheAgreedFirst) {
     const auto chosen = chooseFromOffer(offerWith("m=audio 4000 RTP/AVP 97 101\r\na=rtpmap:97 pcmu/8000\r\n"
                                                   "a=rtpmap:101 telephone-event/8000\r\na=ptime:40\r\n"),
                                         AnswerOptions{});
     ASSERT_TRUE(chosen);
-    const MediaDescription m = buildAnswerMedia(*chosen, AnswerMediaOptions{6000, "RTP/AVP"});
     SessionDescription sdp;
-    sdp.media.push_back(m);
+    sdp.media.push_back(buildAnswerMedia(*chosen, AnswerMediaOptions{6000, "RTP/AVP"}));
     const std::string text = sdp.toString();
     EXPECT_EQ(text.substr(text.find("m=")),
-              "m=audio 6000 RTP/AVP 97 101\r\n"
-              "a=rtpmap:97 PCMU/8000\r\n"
-              "a=rtpmap:101 telephone-event/8000\r\n"
-              "a=fmtp:101 0-16\r\n"
-              "a=ptime:40\r\n");
-}
+              "m=audio 6000 RTP/AVP 97 101\r\na=rtpmap:97 PCMU/8000\r\na=rtpmap:101 telephone-event/8000\r\n"
+              "a=fmtp:101 0-16\r\na=ptime:40\r\n");
 
-TEST(NegotiationTest, OfferListsOurCodecsThenTelephoneEventThenPtime) {
     OfferOptions options;
     options.port = 4000;
     options.ptimeMs = 30;
@@ -195,75 +150,58 @@ TEST(NegotiationTest, OfferListsOurCodecsThenTelephoneEventThenPtime) {
                                  {"fmtp", "101 0-16"},
                                  {"ptime", "30"}}}));
     EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8", "101"}));
-
-    for (const int outside : {95, 128, -1}) {
-        options.telephoneEventPayloadType = outside;
-        EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8"})) << outside;
+    // No telephone-event with a type outside 96..127, or when we want none.
+    for (const int type : {95, 128, -1, 0}) {
+        options.telephoneEventPayloadType = type ? type : 101;
+        options.telephoneEvent = type != 0;
+        EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8"})) << type;
     }
-    options.telephoneEventPayloadType = 101;
-    options.telephoneEvent = false;
-    EXPECT_EQ(buildOfferMedia(options).formats, (std::vector<std::string>{"0", "8"}));
-}
 
-TEST(NegotiationTest, ReOfferPutsTheAgreedCodecFirstWithItsTypes) {
-    OfferOptions options;
-    options.current = NegotiatedCodec{"pcma", 8, 8000, 20, 100, ""};
-    const MediaDescription m = buildOfferMedia(options);
+    // A re-offer puts the agreed codec first, with the agreed types.
+    OfferOptions again;
+    again.current = NegotiatedCodec{"pcma", 8, 8000, 20, 100, ""};
+    const MediaDescription m = buildOfferMedia(again);
     EXPECT_EQ(m.formats, (std::vector<std::string>{"8", "0", "100"}));
     EXPECT_EQ(m.attributes("rtpmap"),
               (std::vector<std::string>{"8 PCMA/8000", "0 PCMU/8000", "100 telephone-event/8000"}));
 }
 
-class MatchAnswerTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        log::setSink([this](LogLevel level, std::string_view, std::string_view text) {
-            if (level == LogLevel::Warn) warnings.emplace_back(text);
-        });
+TEST(NegotiationTest, MatchingTheAnswerWarnsOfEveryReasonToEndTheCall) {
+    const auto acceptsAesCm = [](std::string_view value) {
+        return value.find("AES_CM_128_HMAC_SHA1_80") != value.npos;
+    };
+    const struct {
+        const char* media;
+        bool srtpRequired;
+        bool localHold;
+        int result;  // -1: refused; else whether it is a remote hold
+        const char* warning;
+    } cases[] = {
+        {"m=audio 4000 RTP/AVP 18\r\n", false, false, -1, "call 7: no common codec in answer"},
+        {"m=audio 0 RTP/AVP 0\r\n", false, false, -1, nullptr},
+        {"m=audio 4000 RTP/SAVP 0\r\na=crypto:1 F8_128_HMAC_SHA1_80 inline:x\r\n", true, false, -1,
+         "call 7: SRTP required but the answer has no usable crypto"},
+        {"m=audio 4000 RTP/SAVP 0\r\n", true, false, -1, "call 7: SRTP required but the answer has no usable crypto"},
+        {"m=audio 4000 RTP/SAVP 0\r\na=crypto:1 F8_128_HMAC_SHA1_80 inline:x\r\n"
+         "a=crypto:2 AES_CM_128_HMAC_SHA1_80 inline:y\r\n", true, false, 0, nullptr},
+        {"m=audio 4000 RTP/AVP 8\r\na=inactive\r\n", false, false, 1, nullptr},
+        {"m=audio 4000 RTP/AVP 8\r\na=inactive\r\n", false, true, 0, nullptr},  // we held
+        {"m=audio 4000 RTP/AVP 8\r\na=sendonly\r\n", false, false, 0, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.media);
+        const test::LogCapture log(LogLevel::Warn);
+        MatchOptions options;
+        options.call = 7;
+        options.srtpRequired = c.srtpRequired;
+        options.localHold = c.localHold;
+        options.acceptsCrypto = acceptsAesCm;
+        std::string error;
+        const auto match = matchAnswer(offerWith(c.media), options, &error);
+        ASSERT_EQ(match.has_value(), c.result >= 0) << error;
+        if (match) { EXPECT_EQ(match->remoteHold, c.result == 1); }
+        EXPECT_EQ(log.lines(), c.warning ? std::vector<std::string>{c.warning} : std::vector<std::string>{});
     }
-    void TearDown() override { log::setSink(nullptr); }
-
-    std::vector<std::string> warnings;
-};
-
-TEST_F(MatchAnswerTest, NoCommonCodecEndsTheCallWithAWarning) {
-    MatchOptions options;
-    options.call = 7;
-    std::string error;
-    EXPECT_FALSE(matchAnswer(offerWith("m=audio 4000 RTP/AVP 18\r\n"), options, &error));
-    EXPECT_EQ(warnings, (std::vector<std::string>{"call 7: no common codec in answer"}));
-    EXPECT_FALSE(matchAnswer(offerWith("m=audio 0 RTP/AVP 0\r\n"), options, &error));
-    EXPECT_EQ(error, "no audio media in answer");
-}
-
-TEST_F(MatchAnswerTest, RequiredSrtpNeedsACryptoTheLayerAccepts) {
-    MatchOptions options;
-    options.call = 3;
-    options.srtpRequired = true;
-    options.acceptsCrypto = [](std::string_view value) { return value.find("AES_CM_128_HMAC_SHA1_80") != value.npos; };
-    const char* rejected = "m=audio 4000 RTP/SAVP 0\r\na=crypto:1 F8_128_HMAC_SHA1_80 inline:x\r\n";
-    const char* accepted = "m=audio 4000 RTP/SAVP 0\r\na=crypto:1 F8_128_HMAC_SHA1_80 inline:x\r\n"
-                           "a=crypto:2 AES_CM_128_HMAC_SHA1_80 inline:y\r\n";
-    EXPECT_FALSE(matchAnswer(offerWith(rejected), options));
-    EXPECT_FALSE(matchAnswer(offerWith("m=audio 4000 RTP/SAVP 0\r\n"), options));
-    EXPECT_TRUE(matchAnswer(offerWith(accepted), options));
-    EXPECT_EQ(warnings, (std::vector<std::string>(2, "call 3: SRTP required but the answer has no usable crypto")));
-}
-
-TEST_F(MatchAnswerTest, InactiveAnswerMeansRemoteHoldUnlessWeHeld) {
-    const SessionDescription inactive = offerWith("m=audio 4000 RTP/AVP 8\r\na=inactive\r\n");
-    MatchOptions options;
-    auto match = matchAnswer(inactive, options);
-    ASSERT_TRUE(match);
-    EXPECT_TRUE(match->remoteHold);
-    options.localHold = true;
-    match = matchAnswer(inactive, options);
-    ASSERT_TRUE(match);
-    EXPECT_FALSE(match->remoteHold);
-    match = matchAnswer(offerWith("m=audio 4000 RTP/AVP 8\r\na=sendonly\r\n"), MatchOptions{});
-    ASSERT_TRUE(match);
-    EXPECT_FALSE(match->remoteHold);
-    EXPECT_TRUE(warnings.empty());
 }
 
 }  // namespace

@@ -96,10 +96,7 @@ TEST(RtcpPacketTest, RejectsCountsAndLengthsBeyondTheDatagram) {
 }
 
 TEST(RtcpPacketTest, WriterClampsLossAndRefusesOversizedFields) {
-    RtcpReportBlock high;
-    high.cumulativeLost = 9'000'000;
-    RtcpReportBlock low;
-    low.cumulativeLost = -9'000'000;
+    const RtcpReportBlock high{.cumulativeLost = 9'000'000}, low{.cumulativeLost = -9'000'000};
     const RtcpCompound clamped{{RtcpReceiverReport{1, {high, low}}}};
     Bytes out;
     ASSERT_TRUE(clamped.writeTo(out));

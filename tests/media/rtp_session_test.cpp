@@ -1,23 +1,103 @@
-// The RTP session on loopback sockets: binding failures, symmetric RTP, a
-// call between two sessions from one pool, and closing.
+// The RTP session, its port pool and the I/O service on loopback sockets:
+// binding failures, symmetric RTP, a call between two sessions from one pool,
+// closing, and how the service spreads sessions over its workers.
 #include "media/rtp/rtp_session.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <mutex>
 #include <thread>
 
 #include "media/rtp/rtcp_packet.h"
 #include "media/rtp/rtp_packet.h"
-#include "rtp_loopback.h"
+#include "support/free_port.h"
 #include "support/log_capture.h"
+#include "support/wait.h"
 
 namespace kelsip {
 namespace {
 
-using test::Bytes;
-using test::loopback;
-using test::RecordingSink;
+using Bytes = std::vector<uint8_t>;
 using Channel = MediaTransport::Channel;
+
+constexpr std::chrono::seconds kDeadline{5};
+
+net::SocketAddress loopback(unsigned port = 0) {
+    return net::SocketAddress::loopback(net::AddressFamily::V4, static_cast<uint16_t>(port));
+}
+
+net::Socket boundUdp(unsigned port = 0) {
+    net::Socket s = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+    return s.bind(loopback(port)) ? std::move(s) : net::Socket{};
+}
+
+// An even port starting `count` consecutive free ports; 0 when none was found.
+uint16_t freePortRun(unsigned count) {
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        const unsigned first = test::freeLoopbackPort() & ~1u;
+        std::vector<net::Socket> probe;
+        for (unsigned i = 0; i < count && first > 0 && first + count <= 0x10000; ++i) {
+            probe.push_back(boundUdp(first + i));
+            if (!probe[i].valid()) break;
+        }
+        if (probe.size() == count && probe[count - 1].valid()) return static_cast<uint16_t>(first);
+    }
+    return 0;
+}
+
+// One datagram within the deadline, or nothing.
+std::optional<Bytes> receive(net::Socket& socket) {
+    net::PollEntry entry{socket.native(), true, false};
+    Bytes buffer(2048);
+    net::SocketAddress from;
+    if (net::poll(std::span(&entry, 1), 5000) <= 0) return std::nullopt;
+    const net::IoResult r = socket.receiveFrom(buffer.data(), buffer.size(), from);
+    buffer.resize(r.bytes);
+    return r.ok() ? std::optional(buffer) : std::nullopt;
+}
+
+Bytes rtpPacket(uint32_t timestamp, size_t payloadSize, uint32_t ssrc = 0x1234) {
+    const Bytes payload(payloadSize, 0xd5);
+    Bytes out;
+    EXPECT_TRUE((RtpPacket{.timestamp = timestamp, .ssrc = ssrc, .csrcs = {}, .extension = {}, .payload = payload}
+                     .writeTo(out)));
+    return out;
+}
+
+void sendTo(net::Socket& socket, const Bytes& bytes, const net::SocketAddress& to) {
+    EXPECT_TRUE(socket.sendTo(bytes.data(), bytes.size(), to).ok());
+}
+
+// Counts what a session delivers, keeps the last RTCP packet and the worker
+// thread; `late` counts callbacks after the test set `detached`. `hook` runs
+// on every tick.
+struct RecordingSink : MediaTransport::Sink {
+    void onPacket(MediaTransport::Channel channel, std::span<const uint8_t> bytes, int64_t) override {
+        late += detached ? 1 : 0;
+        if (channel == MediaTransport::Channel::Rtcp) {
+            const std::lock_guard lock(mutex);
+            lastRtcp.assign(bytes.begin(), bytes.end());
+        }
+        ++(channel == MediaTransport::Channel::Rtp ? rtp : rtcp);
+    }
+    void onTick(int64_t) override {
+        late += detached ? 1 : 0;
+        ++ticks;
+        thread = std::this_thread::get_id();
+        if (hook) hook();
+    }
+    bool waitFor(int rtpCount, int rtcpCount = 0) {
+        return test::waitFor([&] { return rtp >= rtpCount && rtcp >= rtcpCount; }, kDeadline);
+    }
+
+    std::atomic<int> rtp{0}, rtcp{0}, late{0}, ticks{0};
+    std::atomic<bool> detached{false};
+    std::atomic<std::thread::id> thread;
+    std::function<void()> hook;  // set before the session is attached
+    std::mutex mutex;
+    Bytes lastRtcp;
+};
 
 class RtpSessionTest : public ::testing::Test {
 protected:
@@ -29,7 +109,7 @@ protected:
     // On a port whose neighbour is free too, so RTCP binds.
     std::unique_ptr<RtpSession> bound(bool symmetric = true) {
         auto s = session(symmetric);
-        EXPECT_TRUE(s->bind(loopback(test::freePortRun(2))) && s->hasRtcp());
+        EXPECT_TRUE(s->bind(loopback(freePortRun(2))) && s->hasRtcp());
         return s;
     }
 };
@@ -37,8 +117,8 @@ protected:
 TEST_F(RtpSessionTest, OnlyAnRtpBindFailureIsFatalAndRtcpGoesOffWithAWarning) {
     for (const unsigned held : {0u, 1u}) {  // which port of the pair another socket holds
         SCOPED_TRACE(held == 0 ? "RTP held" : "RTCP held");
-        const uint16_t port = test::freePortRun(2);
-        net::Socket squatter = test::boundUdp(port + held);
+        const uint16_t port = freePortRun(2);
+        net::Socket squatter = boundUdp(port + held);
         test::LogCapture log(held == 0 ? LogLevel::Error : LogLevel::Warn);  // lines below are not seen
         RecordingSink sink;
         auto s = session();
@@ -49,14 +129,14 @@ TEST_F(RtpSessionTest, OnlyAnRtpBindFailureIsFatalAndRtcpGoesOffWithAWarning) {
         }
         EXPECT_TRUE(log.has("cannot bind RTCP " + loopback(port + 1u).toString() + ", RTCP disabled"));
         EXPECT_FALSE(s->hasRtcp());
-        net::Socket peer = test::boundUdp();
+        net::Socket peer = boundUdp();
         s->attach(&sink);
         s->setRemote(*peer.localAddress());
-        test::sendTo(peer, test::rtpPacket(0, 160), loopback(port));
+        sendTo(peer, rtpPacket(0, 160), loopback(port));
         EXPECT_TRUE(sink.waitFor(1));
-        const Bytes reply = test::rtpPacket(160, 160);
+        const Bytes reply = rtpPacket(160, 160);
         EXPECT_TRUE(s->send(Channel::Rtp, reply));
-        EXPECT_EQ(test::receive(peer), reply);
+        EXPECT_EQ(receive(peer), reply);
         EXPECT_FALSE(s->send(Channel::Rtcp, reply));
     }
 }
@@ -65,12 +145,12 @@ TEST_F(RtpSessionTest, SymmetricRtpLatchesOnceToTheFirstSource) {
     for (const bool symmetric : {true, false}) {
         SCOPED_TRACE(symmetric ? "symmetric" : "signalled only");
         test::LogCapture log(LogLevel::Info);
-        net::Socket signalled = test::boundUdp(), first = test::boundUdp(), second = test::boundUdp();
+        net::Socket signalled = boundUdp(), first = boundUdp(), second = boundUdp();
         auto s = bound(symmetric);
         s->setRemote(*signalled.localAddress());
-        test::sendTo(first, test::rtpPacket(0, 160), loopback(s->localPort()));
-        test::sendTo(second, test::rtpPacket(160, 160), loopback(s->localPort()));
-        ASSERT_TRUE(test::waitFor([&] { return s->stats().packets == 2; }, test::kDeadline));
+        sendTo(first, rtpPacket(0, 160), loopback(s->localPort()));
+        sendTo(second, rtpPacket(160, 160), loopback(s->localPort()));
+        ASSERT_TRUE(test::waitFor([&] { return s->stats().packets == 2; }, kDeadline));
 
         const net::SocketAddress latched = *first.localAddress();
         EXPECT_EQ(log.has("symmetric RTP: latching remote to " + latched.toString()), symmetric);
@@ -78,14 +158,14 @@ TEST_F(RtpSessionTest, SymmetricRtpLatchesOnceToTheFirstSource) {
         if (symmetric) {
             EXPECT_EQ(s->remoteRtcp(), loopback(latched.port() + 1u));
         }
-        const Bytes reply = test::rtpPacket(0, 10);
+        const Bytes reply = rtpPacket(0, 10);
         ASSERT_TRUE(s->send(Channel::Rtp, reply));
-        EXPECT_EQ(test::receive(symmetric ? first : signalled), reply);
+        EXPECT_EQ(receive(symmetric ? first : signalled), reply);
     }
 }
 
 TEST_F(RtpSessionTest, TwoSessionsFromOnePoolCarryACallAndGiveTheirPortsBack) {
-    const uint16_t first = test::freePortRun(6);
+    const uint16_t first = freePortRun(6);
     const RtpPortAllocator allocator(first, static_cast<uint16_t>(first + 5));
     test::LogCapture log(LogLevel::Error);
     RecordingSink sinkA, sinkB;
@@ -103,10 +183,10 @@ TEST_F(RtpSessionTest, TwoSessionsFromOnePoolCarryACallAndGiveTheirPortsBack) {
                    .payload = payload, .paddingLength = 4};
     Bytes lateBytes;
     ASSERT_TRUE(late.writeTo(lateBytes));
-    for (const Bytes& p : {test::rtpPacket(0, 160), lateBytes, Bytes(20, 0), Bytes{0x80, 0, 0, 1}}) {
+    for (const Bytes& p : {rtpPacket(0, 160), lateBytes, Bytes(20, 0), Bytes{0x80, 0, 0, 1}}) {
         ASSERT_TRUE(a->send(Channel::Rtp, p));
     }
-    ASSERT_TRUE(b->send(Channel::Rtp, test::rtpPacket(0, 80)));
+    ASSERT_TRUE(b->send(Channel::Rtp, rtpPacket(0, 80)));
     ASSERT_TRUE(sinkB.waitFor(4) && sinkA.waitFor(1));
     const RtpSessionStats stats = b->stats();
     EXPECT_EQ(stats.packets, 2u);  // the sink hears everything; statistics count RTP only
@@ -115,7 +195,7 @@ TEST_F(RtpSessionTest, TwoSessionsFromOnePoolCarryACallAndGiveTheirPortsBack) {
     EXPECT_LE(stats.jitter, 5000u);
     EXPECT_EQ(a->stats().bytes, 80u);
     // Another source's timestamps share no base with the last: J starts again.
-    ASSERT_TRUE(a->send(Channel::Rtp, test::rtpPacket(123456, 10, 0x5678)));
+    ASSERT_TRUE(a->send(Channel::Rtp, rtpPacket(123456, 10, 0x5678)));
     ASSERT_TRUE(sinkB.waitFor(5));
     EXPECT_EQ(b->stats().jitter, 0u);
 
@@ -134,11 +214,25 @@ TEST_F(RtpSessionTest, TwoSessionsFromOnePoolCarryACallAndGiveTheirPortsBack) {
     EXPECT_TRUE(log.has("RTP port range exhausted"));
 }
 
+TEST(RtpPortAllocatorTest, SkipsAPairWhoseRtcpPortIsHeldElsewhereAndRefusesAnEmptyRange) {
+    const uint16_t first = freePortRun(4);
+    net::Socket squatter = boundUdp(first + 1u);
+    const RtpPortAllocator allocator(first, static_cast<uint16_t>(first + 3));
+    const auto pair = allocator.allocate(loopback());
+    ASSERT_TRUE(pair);
+    EXPECT_EQ(pair->rtp.localAddress(), loopback(first + 2u));
+    EXPECT_EQ(pair->rtcp.localAddress(), loopback(first + 3u));
+    EXPECT_FALSE(allocator.allocate(loopback()));
+    EXPECT_TRUE(boundUdp(first).valid());  // the failed pair's RTP socket was closed again
+    EXPECT_FALSE(RtpPortAllocator(first, first).allocate(loopback()));
+    EXPECT_FALSE(RtpPortAllocator(static_cast<uint16_t>(first + 2), first).allocate(loopback()));
+}
+
 TEST_F(RtpSessionTest, NoSinkCallbackOnceDetachOrCloseReturns) {
     for (const bool closing : {false, true}) {
         SCOPED_TRACE(closing ? "close" : "detach");
         RecordingSink sink, witnessSink;  // first: they outlive the sessions calling them
-        net::Socket peer = test::boundUdp(), peerRtcp = test::boundUdp();  // apart, as a=rtcp allows
+        net::Socket peer = boundUdp(), peerRtcp = boundUdp();  // apart, as a=rtcp allows
         auto s = bound(false);
         auto witness = bound();  // on the same worker: its packet proves the worker went round
         s->setRemote(*peer.localAddress(), *peerRtcp.localAddress());
@@ -146,8 +240,8 @@ TEST_F(RtpSessionTest, NoSinkCallbackOnceDetachOrCloseReturns) {
         witness->attach(&witnessSink);
         std::atomic<bool> stop{false};
         std::thread flood([&, to = loopback(s->localPort())] {
-            net::Socket sender = test::boundUdp();
-            const Bytes packet = test::rtpPacket(0, 160);
+            net::Socket sender = boundUdp();
+            const Bytes packet = rtpPacket(0, 160);
             while (!stop) (void)sender.sendTo(packet.data(), packet.size(), to);
         });
         EXPECT_TRUE(sink.waitFor(20));
@@ -157,8 +251,8 @@ TEST_F(RtpSessionTest, NoSinkCallbackOnceDetachOrCloseReturns) {
             s->detach();
         }
         sink.detached = true;
-        net::Socket sender = test::boundUdp();
-        test::sendTo(sender, test::rtpPacket(0, 20), loopback(witness->localPort()));
+        net::Socket sender = boundUdp();
+        sendTo(sender, rtpPacket(0, 20), loopback(witness->localPort()));
         EXPECT_TRUE(witnessSink.waitFor(1));
         stop = true;
         flood.join();
@@ -166,12 +260,54 @@ TEST_F(RtpSessionTest, NoSinkCallbackOnceDetachOrCloseReturns) {
         if (!closing) continue;
 
         // Given no final RTCP, close builds an empty receiver report and a BYE.
-        const auto got = test::receive(peerRtcp);
+        const auto got = receive(peerRtcp);
         const auto compound = got ? RtcpCompound::parse(*got) : std::nullopt;
         ASSERT_TRUE(compound && !compound->packets.empty());
         const uint32_t ssrc = std::get<RtcpReceiverReport>(compound->packets.front()).ssrc;
         EXPECT_EQ(*compound, (RtcpCompound{{RtcpReceiverReport{ssrc, {}}, RtcpBye{{ssrc}, {}}}}));
     }
+}
+
+TEST_F(RtpSessionTest, IoServiceFillsTheFirstWorkerWithRoomAndStartsAnotherWhenNoneHasAny) {
+    io_ = std::make_shared<RtpIoService>(RtpIoServiceOptions{2, 10});
+    RecordingSink sinks[6];  // first: they outlive the sessions calling them
+    std::unique_ptr<RtpSession> s[6];
+    for (int i = 0; i < 6; ++i) {
+        if (i == 5) s[0]->close({});  // the sixth goes into the place freed on the first worker
+        s[i] = bound();
+        s[i]->attach(&sinks[i]);
+    }
+    for (int i = 1; i < 6; ++i) ASSERT_TRUE(test::waitFor([&] { return sinks[i].ticks > 0; }, kDeadline));
+    EXPECT_EQ(io_->workerCount(), 3u);
+    EXPECT_EQ(io_->sessionCount(), 5u);
+    const auto t = [&](int i) { return sinks[i].thread.load(); };
+    EXPECT_EQ(t(1), t(5));
+    EXPECT_EQ(t(2), t(3));
+    EXPECT_TRUE(t(1) != t(2) && t(2) != t(4) && t(1) != t(4));
+}
+
+TEST_F(RtpSessionTest, ClosingAndOpeningSessionsFromInsideACallbackDoesNotDeadlock) {
+    RecordingSink selfSink, neighbourSink, newcomerSink;  // the neighbour comes next in the same round
+    std::unique_ptr<RtpSession> self = bound(), neighbour = bound(), newcomer;
+    std::atomic<bool> done{false};
+    std::atomic<int> neighbourTicksAfterClose{0};
+    selfSink.hook = [&] {
+        if (done) return;
+        neighbour->close({});
+        self->close({});
+        newcomer = bound();
+        newcomer->attach(&newcomerSink);
+        done = true;
+    };
+    neighbourSink.hook = [&] { neighbourTicksAfterClose += done ? 1 : 0; };  // same thread: exact
+    neighbour->attach(&neighbourSink);
+    self->attach(&selfSink);
+    ASSERT_TRUE(test::waitFor([&] { return done.load(); }, kDeadline));
+    const int selfTicks = selfSink.ticks;
+    ASSERT_TRUE(test::waitFor([&] { return newcomerSink.ticks >= 3; }, kDeadline));
+    EXPECT_EQ(selfSink.ticks.load(), selfTicks);
+    EXPECT_EQ(neighbourTicksAfterClose.load(), 0);
+    EXPECT_EQ(io_->sessionCount(), 1u);
 }
 
 }  // namespace

@@ -72,21 +72,20 @@ TEST(RtpStatisticsTest, FractionLostCoversOnlyTheLatestInterval) {
 }
 
 TEST(RtpStatisticsTest, RtcpIntervalKeepsTheMinimumSpreadAndCompensation) {
-    RtcpIntervalInput in;
-    // Two parties at 5 % of G.711's bandwidth are far below the minimum.
-    EXPECT_NEAR(rtcpIntervalSeconds(in, 0.0), 5.0 * 0.5 / 1.21828, 1e-6);
-    EXPECT_NEAR(rtcpIntervalSeconds(in, 1.0), 5.0 * 1.5 / 1.21828, 1e-6);
-    in.initial = true;
-    EXPECT_NEAR(rtcpIntervalSeconds(in, 0.5), 2.5 / 1.21828, 1e-6);
-    // A crowded session: the interval grows with the members, and with few
+    // Two parties at 5 % of G.711's bandwidth are far below the minimum. In a
+    // crowded session the interval grows with the members, and with few
     // senders the receivers' share is three quarters of the bandwidth.
-    RtcpIntervalInput crowd;
-    crowd.members = 1000;
-    crowd.senders = 1;
-    crowd.weSent = false;
-    EXPECT_NEAR(rtcpIntervalSeconds(crowd, 0.5), 100.0 * 999 / (500 * 0.75) / 1.21828, 1e-6);
-    crowd.weSent = true;
-    EXPECT_NEAR(rtcpIntervalSeconds(crowd, 0.5), 5.0 / 1.21828, 1e-6);
+    const struct {
+        RtcpIntervalInput in;
+        double random01, deterministic;
+    } cases[] = {
+        {{}, 0.0, 5.0 * 0.5},
+        {{}, 1.0, 5.0 * 1.5},
+        {{.initial = true}, 0.5, 2.5},
+        {{.members = 1000, .senders = 1, .weSent = false}, 0.5, 100.0 * 999 / (500 * 0.75)},
+        {{.members = 1000, .senders = 1}, 0.5, 5.0},
+    };
+    for (const auto& c : cases) EXPECT_NEAR(rtcpIntervalSeconds(c.in, c.random01), c.deterministic / 1.21828, 1e-6);
 }
 
 }  // namespace

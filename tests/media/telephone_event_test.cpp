@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace kelsip {
 namespace {
 
@@ -28,61 +30,37 @@ TEST(TelephoneEventTest, PayloadAndDigitCodes) {
     EXPECT_FALSE(dtmfDigit(16));
 }
 
-struct Sent {
-    uint32_t interval;  // index of the 20 ms interval it left in
-    TelephoneEventSender::Packet packet;
-};
-
-std::vector<Sent> run(TelephoneEventSender& s, uint32_t start, int intervals, std::vector<bool>* owned = nullptr) {
-    std::vector<Sent> out;
-    for (int i = 0; i < intervals; ++i) {
-        std::vector<TelephoneEventSender::Packet> packets;
-        const bool o = s.advance(start + 160u * static_cast<uint32_t>(i), packets);
-        if (owned) owned->push_back(o);
-        for (const auto& p : packets) out.push_back({static_cast<uint32_t>(i), p});
-    }
-    return out;
-}
-
 TEST(TelephoneEventTest, SenderSchedulesStartUpdatesAndThreeEndsThenAGapBeforeTheNextDigit) {
     TelephoneEventSender s;
     ASSERT_TRUE(s.enqueue('7', 100));
     ASSERT_TRUE(s.enqueue('8', 10));  // raised to 40 ms
     EXPECT_FALSE(s.enqueue('?', 100));
-    std::vector<bool> owned;
-    // Start at a timestamp just below the wrap.
-    const auto sent = run(s, 0xffffff00u, 20, &owned);
-    struct Expected {
-        uint32_t interval;
-        uint8_t event;
-        bool marker;
-        bool end;
-        uint16_t duration;
-        uint32_t timestamp;
-    };
+    // (interval, event, marker, end, duration, timestamp), from a timestamp just below the wrap
+    using Row = std::tuple<uint32_t, uint8_t, bool, bool, uint16_t, uint32_t>;
     const uint32_t first = 0xffffff00u;
-    const uint32_t second = first + 160u * 10;  // after 7 intervals of event and a 40 ms gap
-    const Expected expected[] = {
-        {0, 7, true, false, 160, first},   {2, 7, false, false, 400, first},  // 50 ms falls in interval 2
-        {5, 7, false, true, 800, first},  // the tone ends at 100 ms: no update there
-        {6, 7, false, true, 800, first},   {7, 7, false, true, 800, first},
-        {10, 8, true, false, 160, second},  // 40 ms: no update, the end at 320
-        {12, 8, false, true, 320, second}, {13, 8, false, true, 320, second}, {14, 8, false, true, 320, second},
-    };
-    ASSERT_EQ(sent.size(), std::size(expected));
-    for (size_t i = 0; i < sent.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(sent[i].interval, expected[i].interval);
-        EXPECT_EQ(sent[i].packet.event.event, expected[i].event);
-        EXPECT_EQ(sent[i].packet.marker, expected[i].marker);
-        EXPECT_EQ(sent[i].packet.event.end, expected[i].end);
-        EXPECT_EQ(sent[i].packet.event.duration, expected[i].duration);
-        EXPECT_EQ(sent[i].packet.timestamp, expected[i].timestamp);
+    std::vector<Row> actual;
+    std::string owned;  // per 20 ms interval: 'e' when an event owns it, '.' when it carries audio
+    for (uint32_t i = 0; i < 20; ++i) {
+        std::vector<TelephoneEventSender::Packet> packets;
+        owned += s.advance(first + 160 * i, packets) ? 'e' : '.';
+        for (const auto& p : packets) {
+            actual.emplace_back(i, p.event.event, p.marker, p.event.end, p.event.duration, p.timestamp);
+        }
     }
-    // Events own intervals 0..7 and 10..14; the gap and what follows carry audio.
-    const std::vector<bool> expectOwned = {true, true, true, true, true,  true,  true,  true,  false, false,
-                                           true, true, true, true, true, false, false, false, false, false};
-    EXPECT_EQ(owned, expectOwned);
+    const uint32_t second = first + 160u * 10;  // after 7 intervals of event and a 40 ms gap
+    const std::vector<Row> expected = {
+        {0, 7, true, false, 160, first},
+        {2, 7, false, false, 400, first},  // 50 ms falls in interval 2
+        {5, 7, false, true, 800, first},   // the tone ends at 100 ms: no update there
+        {6, 7, false, true, 800, first},
+        {7, 7, false, true, 800, first},
+        {10, 8, true, false, 160, second},  // 40 ms: no update, the end at 320
+        {12, 8, false, true, 320, second},
+        {13, 8, false, true, 320, second},
+        {14, 8, false, true, 320, second},
+    };
+    EXPECT_EQ(actual, expected);
+    EXPECT_EQ(owned, "eeeeeeee..eeeee.....");
     EXPECT_TRUE(s.idle());
 }
 

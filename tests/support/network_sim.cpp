@@ -2,7 +2,6 @@
 #include "support/network_sim.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace kelsip::test {
 
@@ -12,19 +11,15 @@ public:
     ~Endpoint() override { detach(); }
 
     bool send(Channel channel, std::span<const uint8_t> bytes) override {
-        if (closed_) return false;
-        network_.send(end_, channel, bytes);
-        return true;
+        if (!closed_) network_.send(end_, channel, bytes);
+        return !closed_;
     }
     void attach(Sink* sink) override { network_.sinks_[end_] = sink; }
     void detach() override { network_.sinks_[end_] = nullptr; }
     [[nodiscard]] bool hasRtcp() const override { return true; }
     void close(std::span<const uint8_t> finalRtcp) override {
         detach();
-        if (!closed_ && !finalRtcp.empty()) {
-            network_.links_[end_].finalRtcp.assign(finalRtcp.begin(), finalRtcp.end());
-            network_.send(end_, Channel::Rtcp, finalRtcp);
-        }
+        if (!finalRtcp.empty()) send(Channel::Rtcp, finalRtcp);
         closed_ = true;
     }
 
@@ -33,9 +28,6 @@ private:
     int end_;
     bool closed_ = false;
 };
-
-SimNetwork::SimNetwork(uint64_t seed) : random_(seed) {}
-SimNetwork::~SimNetwork() = default;
 
 std::unique_ptr<MediaTransport> SimNetwork::transport(int end) { return std::make_unique<Endpoint>(*this, end); }
 
@@ -46,13 +38,13 @@ void SimNetwork::inject(int end, MediaTransport::Channel channel, std::vector<ui
 void SimNetwork::send(int from, MediaTransport::Channel channel, std::span<const uint8_t> bytes) {
     Link& link = links_[from];
     const LinkConditions& c = link.conditions;
-    link.sent.push_back({channel, {bytes.begin(), bytes.end()}, nowUs()});
+    const SimPacket packet{channel, {bytes.begin(), bytes.end()}, nowUs()};
+    link.sent.push_back(packet);
     std::uniform_real_distribution<double> chance(0.0, 1.0);
-    // RTCP crosses the same network; loss only spares it so that the
-    // report figures stay comparable between runs.
+    // Loss spares RTCP so that the report figures stay comparable between runs.
     const bool rtp = channel == MediaTransport::Channel::Rtp;
     if (rtp) {
-        link.inBurst = link.inBurst ? chance(random_) < c.burstContinue : chance(random_) < c.burstStart;
+        link.inBurst = chance(random_) < (link.inBurst ? c.burstContinue : c.burstStart);
         if (link.inBurst || chance(random_) < c.loss) {
             ++link.dropped;
             return;
@@ -61,13 +53,8 @@ void SimNetwork::send(int from, MediaTransport::Channel channel, std::span<const
     int64_t at = nowUs() + c.delayUs;
     if (c.jitterUs > 0) at += std::uniform_int_distribution<int64_t>(0, c.jitterUs)(random_);
     if (rtp && chance(random_) < c.reorder) at += 30000;
-    const int to = 1 - from;
-    schedule(to, at, channel, {bytes.begin(), bytes.end()});
-    if (rtp && chance(random_) < c.duplicate) schedule(to, at + 1000, channel, {bytes.begin(), bytes.end()});
-}
-
-void SimNetwork::schedule(int to, int64_t atUs, MediaTransport::Channel channel, std::vector<uint8_t> bytes) {
-    queue_.emplace(atUs, Delivery{to, channel, std::move(bytes)});
+    queue_.emplace(at, std::pair(1 - from, packet));
+    if (rtp && chance(random_) < c.duplicate) queue_.emplace(at + 1000, std::pair(1 - from, packet));
 }
 
 void SimNetwork::run(int64_t untilUs) {
@@ -77,55 +64,35 @@ void SimNetwork::run(int64_t untilUs) {
         if (next > untilUs) break;
         clock_.set(next * 1000);
         if (next == nextDelivery) {
-            const auto first = queue_.begin();
-            const Delivery d = std::move(first->second);
-            queue_.erase(first);
-            if (sinks_[d.to]) sinks_[d.to]->onPacket(d.channel, d.bytes, next);
-        } else {
-            for (auto* sink : sinks_) {
-                if (sink) sink->onTick(next);
-            }
-            nextTickUs_ += 10000;
+            const auto [to, packet] = std::move(queue_.begin()->second);
+            queue_.erase(queue_.begin());
+            if (sinks_[to]) sinks_[to]->onPacket(packet.channel, packet.bytes, next);
+            continue;
         }
+        for (auto* sink : sinks_) {
+            if (sink) sink->onTick(next);
+        }
+        nextTickUs_ += 10000;
     }
     clock_.set(untilUs * 1000);
 }
 
 void CallSimulation::run(int64_t durationUs) {
     const int64_t endUs = network_.nowUs() + durationUs;
-    if (!started_) {
-        // A sound card hands over a period's samples once it has recorded
-        // them: the first capture comes one period in. Playout starts at once.
-        started_ = true;
-        senderNextUs_ = static_cast<double>(network_.nowUs()) + static_cast<double>(senderEnd.periodUs) / senderEnd.clockRate;
-        receiverNextUs_ = static_cast<double>(network_.nowUs());
-    }
-    std::vector<int16_t> chunk;
-    std::vector<int16_t> silence;
-    std::vector<int16_t> discard;
-    // Samples per period at 8 kHz; a faster clock only makes periods shorter.
-    const auto samplesPer = [](const End& e) { return static_cast<size_t>(e.periodUs * 8 / 1000); };
-    for (;;) {
-        const double next = std::min(senderNextUs_, receiverNextUs_);
-        const auto at = static_cast<int64_t>(std::ceil(next));
-        if (at > endUs) break;
-        network_.run(at);
-        if (senderNextUs_ <= receiverNextUs_) {
-            chunk.resize(samplesPer(senderEnd));
+    // A sound card hands over a period's samples once it has recorded them:
+    // the first capture comes one period in. Playout starts at once.
+    if (startUs_ < 0) nextUs_ = startUs_ = network_.nowUs();
+    std::vector<int16_t> chunk(80), discard(80), silence(80);
+    for (; nextUs_ <= endUs; nextUs_ += 10000) {
+        network_.run(nextUs_);
+        if (nextUs_ > startUs_) {
             for (auto& s : chunk) s = signal_ ? signal_(captured_++) : int16_t{0};
             sender_.pushCapture(chunk);
-            discard.resize(chunk.size());
             sender_.pullPlayout(discard);
-            senderNextUs_ += static_cast<double>(senderEnd.periodUs) / senderEnd.clockRate;
-        } else {
-            silence.assign(samplesPer(receiverEnd), 0);
-            receiver_.pushCapture(silence);
-            const size_t before = played.size();
-            played.resize(before + silence.size());
-            receiver_.pullPlayout(std::span<int16_t>(played).subspan(before));
-            receiverNextUs_ += static_cast<double>(receiverEnd.periodUs) / receiverEnd.clockRate;
-            if (onPlayout) onPlayout(at);
         }
+        receiver_.pushCapture(silence);
+        played.resize(played.size() + 80);
+        receiver_.pullPlayout(std::span<int16_t>(played).last(80));
     }
     network_.run(endUs);
 }

@@ -1,6 +1,6 @@
 // A deterministic network between two media sessions, in virtual time: one-way
 // delay, jitter, random and burst loss, reordering and duplication per
-// direction, and the two ends' sound clocks running at different rates.
+// direction; and the two sound clocks that drive a call over it.
 #pragma once
 
 #include <cstdint>
@@ -32,23 +32,16 @@ struct SimPacket {
     int64_t sentUs = 0;
 };
 
+// Ends 0 and 1; the network must outlive their transports.
 class SimNetwork {
 public:
-    static constexpr int kEnds = 2;
-
-    explicit SimNetwork(uint64_t seed = 1);
-    ~SimNetwork();
-    SimNetwork(const SimNetwork&) = delete;
-    SimNetwork& operator=(const SimNetwork&) = delete;
+    explicit SimNetwork(uint64_t seed = 1) : random_(seed) {}
 
     [[nodiscard]] ManualClock& clock() { return clock_; }
     [[nodiscard]] int64_t nowUs() const { return clock_.nowNs() / 1000; }
-
-    // Conditions on packets sent by end `from` (0 or 1).
+    // Conditions on packets sent by end `from`.
     void setConditions(int from, const LinkConditions& conditions) { links_[from].conditions = conditions; }
-    // The transport for end `end`; the network must outlive it.
     [[nodiscard]] std::unique_ptr<MediaTransport> transport(int end);
-
     // Delivers a packet to `end` now, as if it came from the far end.
     void inject(int end, MediaTransport::Channel channel, std::vector<uint8_t> bytes);
     // Moves virtual time to `untilUs`, delivering what falls due and ticking
@@ -57,8 +50,6 @@ public:
 
     // Everything end `from` handed to the network, in order, lost or not.
     [[nodiscard]] const std::vector<SimPacket>& sent(int from) const { return links_[from].sent; }
-    // What `close` gave as the final RTCP packet of end `end`; empty if none.
-    [[nodiscard]] const std::vector<uint8_t>& finalRtcp(int end) const { return links_[end].finalRtcp; }
     [[nodiscard]] uint64_t dropped(int from) const { return links_[from].dropped; }
 
 private:
@@ -66,49 +57,32 @@ private:
     struct Link {
         LinkConditions conditions;
         std::vector<SimPacket> sent;
-        std::vector<uint8_t> finalRtcp;
         uint64_t dropped = 0;
         bool inBurst = false;
     };
-    struct Delivery {
-        int to = 0;
-        MediaTransport::Channel channel = MediaTransport::Channel::Rtp;
-        std::vector<uint8_t> bytes;
-    };
 
     void send(int from, MediaTransport::Channel channel, std::span<const uint8_t> bytes);
-    void schedule(int to, int64_t atUs, MediaTransport::Channel channel, std::vector<uint8_t> bytes);
 
     ManualClock clock_;
     std::mt19937_64 random_;
-    Link links_[kEnds];
-    MediaTransport::Sink* sinks_[kEnds] = {nullptr, nullptr};
-    // Keyed by delivery time, then by order of sending, so equal times keep order.
-    std::multimap<int64_t, Delivery> queue_;
+    Link links_[2];
+    MediaTransport::Sink* sinks_[2] = {nullptr, nullptr};
+    // By delivery time, then by order of sending: (to, packet).
+    std::multimap<int64_t, std::pair<int, SimPacket>> queue_;
     int64_t nextTickUs_ = 0;
 };
 
-// Drives two media sessions over a SimNetwork as two sound cards would: the
-// sender captures `signal` and the receiver silence, both play what arrives
-// (the receiver's playout is kept), each on its own clock, which may run
-// fast or slow.
+// Drives two media sessions as two sound cards would, every 10 ms: the
+// sender captures `signal` and the receiver silence, both play what
+// arrives, and the receiver's playout is kept in `played`.
 class CallSimulation {
 public:
-    struct End {
-        double clockRate = 1.0;  // 1.005: this end's sound card runs 0.5 % fast
-        int64_t periodUs = 10000;
-    };
     using Signal = std::function<int16_t(uint64_t sampleIndex)>;
 
     CallSimulation(SimNetwork& network, MediaSession& sender, MediaSession& receiver, Signal signal)
         : network_(network), sender_(sender), receiver_(receiver), signal_(std::move(signal)) {}
 
-    End senderEnd;
-    End receiverEnd;
-    // Every sample the receiver played, in order.
     std::vector<int16_t> played;
-    // Called after each playout period, with the virtual time.
-    std::function<void(int64_t nowUs)> onPlayout;
 
     void run(int64_t durationUs);
 
@@ -116,11 +90,10 @@ private:
     SimNetwork& network_;
     MediaSession& sender_;
     MediaSession& receiver_;
-    Signal signal_;  // the sender's audio, sample by sample
+    Signal signal_;
     uint64_t captured_ = 0;
-    bool started_ = false;
-    double senderNextUs_ = 0;
-    double receiverNextUs_ = 0;
+    int64_t startUs_ = -1;
+    int64_t nextUs_ = 0;
 };
 
 }  // namespace kelsip::test
