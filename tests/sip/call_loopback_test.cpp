@@ -131,7 +131,6 @@ TEST(CallLoopbackTest, CallWithAudioHoldDtmfAndHangup) {
     ASSERT_TRUE(test::waitFor([&] { return alice.events->state(a) == "Connected"; }, 5s));
     EXPECT_EQ(alice.events->states(a), (std::vector<std::string>{"Calling", "Ringing", "Connected"}));
     EXPECT_EQ(bob.events->states(b), (std::vector<std::string>{"Incoming", "Connected"}));
-
     auto mediaA = alice.ua->callMedia(a);
     auto mediaB = bob.ua->callMedia(b);
     ASSERT_TRUE(mediaA && mediaB);
@@ -139,7 +138,6 @@ TEST(CallLoopbackTest, CallWithAudioHoldDtmfAndHangup) {
         Device devA(mediaA, 440);
         Device devB(mediaB, 1000);
         EXPECT_TRUE(test::waitFor([&] { return devB.heard(440) > 0.9 && devA.heard(1000) > 0.9; }, 5s));
-
         // Hold: Bob hears nothing of Alice's room any more, and knows why.
         ASSERT_TRUE(alice.ua->holdCall(a));
         EXPECT_TRUE(test::waitFor([&] { return bob.events->last(b).remoteHold; }, 5s));
@@ -147,7 +145,6 @@ TEST(CallLoopbackTest, CallWithAudioHoldDtmfAndHangup) {
         EXPECT_TRUE(alice.ua->callInfo(a)->onHold);
         ASSERT_TRUE(alice.ua->unholdCall(a));
         EXPECT_TRUE(test::waitFor([&] { return !bob.events->last(b).remoteHold && devB.heard(440) > 0.9; }, 5s));
-
         ASSERT_TRUE(alice.ua->sendDtmf(a, "12#", DtmfMethod::Rfc4733));
         EXPECT_TRUE(test::waitFor([&] { return bob.events->digits(DtmfMethod::Rfc4733) == "12#"; }, 5s))
             << bob.events->digits(DtmfMethod::Rfc4733);
@@ -156,7 +153,6 @@ TEST(CallLoopbackTest, CallWithAudioHoldDtmfAndHangup) {
             << alice.events->digits(DtmfMethod::Info);
         EXPECT_FALSE(alice.ua->sendDtmf(a, "x", DtmfMethod::Rfc4733));
     }
-
     ASSERT_TRUE(bob.ua->hangupCall(b));
     EXPECT_TRUE(test::waitFor([&] { return alice.events->state(a) == "Terminated"; }, 5s));
     EXPECT_EQ(alice.events->last(a).reason, "Remote hangup");
@@ -173,7 +169,6 @@ TEST(CallLoopbackTest, RejectedAndCancelledCallsEndOnBothSides) {
     ASSERT_TRUE(bob.ua->rejectCall(bob.events->incoming(), 486));
     ASSERT_TRUE(test::waitFor([&] { return alice.events->state(a) == "Terminated"; }, 5s));
     EXPECT_EQ(alice.events->last(a).statusCode, 486);
-
     const int a2 = alice.ua->makeCall(alice.lineId, bob.uri("bob"));
     ASSERT_TRUE(test::waitFor([&] { return alice.events->state(a2) == "Ringing"; }, 5s));
     const int b2 = bob.events->incoming();
@@ -213,7 +208,6 @@ TEST(CallLoopbackTest, BlindAndAttendedTransfer) {
     ASSERT_TRUE(bob.ua->hangupCall(b1));
     EXPECT_TRUE(test::waitFor([&] { return alice.events->state(a1) == "Terminated"; }, 5s));
     ASSERT_TRUE(carol.ua->hangupCall(c1));
-
     // Attended: Bob talks to Alice and to Carol, then joins them; Carol's
     // call with Bob is replaced by the one from Alice.
     const int a2 = alice.ua->makeCall(alice.lineId, bob.uri("bob"));

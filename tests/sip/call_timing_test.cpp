@@ -26,7 +26,6 @@ protected:
         line.user = "bob";
         lineId = ua->addLine(line);
     }
-
     // An INVITE from the peer with a PCMU offer.
     std::string invite(const std::string& extra) {
         const std::string sdp =
@@ -59,7 +58,6 @@ protected:
         }
         return at;
     }
-
     int lineId = 0;
 };
 

@@ -136,7 +136,6 @@ TEST(DigestTest, WritesCredentialsExactly) {
               R"(Digest username="alice", realm="example.com", nonce="5f2e9c1b7a", uri="sip:example.com", )"
               R"(response="ad453bdc7dc6bf384901b99bddca6a2c", algorithm=MD5)");
     EXPECT_EQ(request.cnonce, "") << "no qop and plain MD5 need no cnonce";
-
     const DigestChallenge rfc{"testrealm@host.com", "dcd98b7102dd2f0e8b11d0f600bfb0c093",
                               "5ccc069c403ebaf9f0171e9517f40e41", "MD5", "auth"};
     DigestRequest mufasa{"Mufasa", "Circle Of Life", "GET", "/dir/index.html", 1, "0a4f113b"};
@@ -173,7 +172,6 @@ TEST(DigestTest, MakesACnonceOnlyWhenNeededAndKeepsIt) {
         EXPECT_EQ(cnonce.find_first_not_of(alphabet), std::string::npos) << cnonce;
         EXPECT_EQ(buildAuthorization(needing, request), first);
         EXPECT_EQ(request.cnonce, cnonce);
-
         DigestRequest other{"u", "p", "REGISTER", "sip:r"};
         (void)buildAuthorization(needing, other);
         EXPECT_NE(other.cnonce, cnonce);

@@ -20,7 +20,6 @@ protected:
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     EventLoop loop{clock};
     std::vector<std::string> ran;
-
     EventLoop::Task note(std::string what) {
         return [this, what] { ran.push_back(what + "@" + std::to_string(clock->nowNs() / 1'000'000)); };
     }

@@ -204,7 +204,6 @@ TEST(SipMessageTest, SerialisesWithOneComputedContentLengthLast) {
     const auto again = SipMessage::parse(wire);
     ASSERT_TRUE(again);
     EXPECT_EQ(again->toString(), wire);
-
     SipMessage response;
     response.statusCode = 200;
     response.addHeader("v", "SIP/2.0/UDP h;branch=z9hG4bK1");
@@ -254,7 +253,6 @@ TEST(SipMessageTest, TypedAccessorsReadTheirHeaders) {
     EXPECT_EQ(m->contentType(), "application/sdp");
     EXPECT_EQ(m->recordRoutes(), (std::vector<std::string>{"<sip:p1;lr>", "<sip:p2;lr>"}));
     EXPECT_EQ(m->routes(), std::vector<std::string>{"<sip:r1;lr>"});
-
     SipMessage empty;
     EXPECT_FALSE(empty.cseq());
     EXPECT_FALSE(empty.maxForwards());
@@ -347,7 +345,6 @@ TEST_F(MakeResponseTest, TagsAndRouteSetsDependOnTheCode) {
     EXPECT_EQ(makeResponse(request, 299, "", "tt").recordRoutes().size(), 2U);
     EXPECT_TRUE(makeResponse(request, 300, "", "tt").recordRoutes().empty());
     EXPECT_EQ(makeResponse(request, 603, "Not Today", "").reason, "Not Today");
-
     // An existing To tag is never replaced; a tag without a value is.
     request.setHeader("To", "sip:bob@h;tag=old");
     EXPECT_EQ(makeResponse(request, 200, "", "new").header("To"), "sip:bob@h;tag=old");

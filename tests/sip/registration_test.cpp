@@ -38,7 +38,6 @@ protected:
         VirtualUserAgentTest::SetUp();
         ua->setListener(listener);
     }
-
     int addLine(LineConfig extra = {}) {
         extra.user = extra.user.empty() ? "alice" : extra.user;
         extra.password = "secret";
@@ -58,7 +57,6 @@ protected:
     }
     // Moves virtual time in steps until a REGISTER comes; returns when it came.
     std::optional<int64_t> nextRegisterWithin(std::chrono::seconds limit) { return nextWithin("REGISTER", limit); }
-
     std::shared_ptr<RecordingListener> listener = std::make_shared<RecordingListener>();
 };
 
@@ -113,7 +111,6 @@ TEST_F(RegistrationTest, AnswersAChallengeAndRefreshesWithTheNextNonceCount) {
     const DigestChallenge challenge = *parseChallenge("Digest realm=\"velmora.test\", nonce=\"n1\", qop=\"auth\"", false);
     DigestRequest request{"alice", "secret", "REGISTER", "sip:" + peer.hostPort(), 1, cnonce[1].str()};
     EXPECT_EQ(response[1].str(), computeResponse(challenge, request));
-
     peer.answer(*second, 200, "Contact: <sip:alice@192.0.2.99:5060>;expires=999, " + *second->contact() + ";expires=60\r\n");
     ASSERT_TRUE(reach(line, RegistrationState::Registered));
     EXPECT_EQ(listener->snapshot(), (std::vector<std::string>{"Registering 0", "Registered 200 OK"}));
@@ -265,7 +262,6 @@ TEST_F(RegistrationTest, UnregistersWithExpiresZeroAndAtShutdown) {
                                                                "Unregistering 0", "Unregistered 200 OK"}));
     advance(4000s);
     EXPECT_TRUE(peer.quiet("REGISTER", pump, 20ms));  // no refresh after un-registering
-
     ASSERT_TRUE(ua->registerLine(line));
     reg = expectRegister();
     ASSERT_TRUE(reg);
@@ -299,7 +295,6 @@ TEST_F(RegistrationTest, RegistersPushParametersAndReadsTheRegistrarsSupport) {
     EXPECT_TRUE(support.announced);
     EXPECT_EQ(support.providers, "apns");
     EXPECT_EQ(support.refreshBeforeExpiry, 121);
-
     LineConfig bob;
     bob.user = "bob";
     const int plain = addLine(bob);
@@ -330,7 +325,6 @@ TEST(UserAgentStartTest, ReportsWhatCannotStart) {
     std::string error;
     EXPECT_FALSE(a.start(&error));
     EXPECT_EQ(error, "invalid bind address");
-
     UserAgentConfig none;
     none.bindAddress = "127.0.0.1";
     none.udpPort = -1;

@@ -115,7 +115,6 @@ TEST(SocketTest, TcpConnectAcceptAndStreamBothWays) {
     ASSERT_TRUE(listener.listen(8));
     ASSERT_TRUE(listener.setNonBlocking(true));
     const SocketAddress at = *listener.localAddress();
-
     Socket client = Socket::open(AddressFamily::V4, SocketType::Tcp);
     ASSERT_TRUE(client.setNonBlocking(true));
     const ConnectStatus status = client.connect(at);
@@ -131,14 +130,12 @@ TEST(SocketTest, TcpConnectAcceptAndStreamBothWays) {
     EXPECT_EQ(client.connectResult(), 0);
     EXPECT_EQ(peer, *client.localAddress());
     EXPECT_EQ(*client.peerAddress(), at);
-
     ASSERT_TRUE(client.send("ping", 4).ok());
     ASSERT_TRUE(waitReadable(*server));
     char buf[16];
     IoResult r = server->receive(buf, sizeof buf);
     ASSERT_TRUE(r.ok());
     EXPECT_EQ(std::string(buf, r.bytes), "ping");
-
     client.close();
     ASSERT_TRUE(waitReadable(*server));
     r = server->receive(buf, sizeof buf);
@@ -151,7 +148,6 @@ TEST(SocketTest, ConnectToAClosedPortFails) {
     ASSERT_TRUE(probe.bind(SocketAddress::loopback(AddressFamily::V4)));
     const SocketAddress closed = *probe.localAddress();
     probe.close();
-
     Socket client = Socket::open(AddressFamily::V4, SocketType::Tcp);
     ASSERT_TRUE(client.setNonBlocking(true));
     const ConnectStatus status = client.connect(closed);

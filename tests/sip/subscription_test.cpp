@@ -31,7 +31,6 @@ protected:
         ua->setListener(events);
         lineId = addLine(peer.hostPort());
     }
-
     int subscribe(int expires = 600) {
         return ua->subscribe(lineId, "sip:vm@" + peer.hostPort(), "message-summary", expires);
     }
@@ -73,7 +72,6 @@ protected:
         pump();
         return events->take();
     }
-
     std::shared_ptr<Events> events = std::make_shared<Events>();
     int lineId = 0;
 
@@ -94,7 +92,6 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing", "body 1 message-summary Messages-Waiting: yes",
                                                          "state active"}));
     EXPECT_EQ(ua->subscriptionInfo(id)->expires, 600);
-
     // 600 s granted: refreshed 30 s ahead, in the dialog.
     std::optional<SipMessage> refresh;
     EXPECT_EQ(nextSubscribeWithin(600s, &refresh), 570);
@@ -226,7 +223,6 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     notify(*s, "active;expires=1800");
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(ua->subscriptionInfo(first)->expires, 1800);
-
     // 489: the notifier does not know the package; nothing follows.
     const int second = subscribe();
     s = expectSubscribe();
@@ -234,7 +230,6 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     answer(*s, 489);
     EXPECT_TRUE(gone(second));
     EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 20ms));
-
     // Accepted, but no NOTIFY within 64*T1: tried again as a new subscription.
     const int third = subscribe();
     s = expectSubscribe();
@@ -288,7 +283,6 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
                                                          "state unsubscribed"}));
     EXPECT_TRUE(gone(id));
     EXPECT_FALSE(nextSubscribeWithin(700s));
-
     // Unsubscribed before the first answer: the 2xx is followed by Expires 0.
     const int early = subscribe();
     const auto first = expectSubscribe();

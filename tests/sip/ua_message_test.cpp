@@ -39,7 +39,6 @@ protected:
         }, 2s);
         return all;
     }
-
     std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
     int line = 0;
 };
@@ -56,7 +55,6 @@ TEST_F(MessageTest, SendsTheMessageAndAnswersAProxyChallengeOnce) {
     EXPECT_EQ(first->header("Content-Type"), "text/plain");
     EXPECT_EQ(first->body, "Lunch at one?");
     answer(*first, 407, "Proxy-Authenticate: Digest realm=\"test\", nonce=\"n1\", qop=\"auth\"\r\n");
-
     const auto second = expectMessage();
     ASSERT_TRUE(second);
     EXPECT_EQ(second->header("CSeq"), "2 MESSAGE");
@@ -87,7 +85,6 @@ TEST_F(MessageTest, GivesUpAfterTwoChallengesAndReportsNoAnswerAs408) {
     }
     EXPECT_EQ(reported(1), std::vector<std::string>{"result " + std::to_string(refused) + " 401 Unauthorized"});
     EXPECT_TRUE(peer.quiet("MESSAGE", pump, 20ms));
-
     const int unanswered = ua->sendMessage(line, "bob", "two", "application/im-iscomposing+xml");
     const auto m = expectMessage();
     ASSERT_TRUE(m);

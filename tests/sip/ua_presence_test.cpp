@@ -33,7 +33,6 @@ protected:
         VirtualUserAgentTest::SetUp();
         ua->setListener(gate);
     }
-
     // bob's SUBSCRIBE for our presence; `toTag` set: a refresh within its dialog.
     void subscribe(const std::string& callId, int64_t expires, const std::string& toTag = "",
                    const std::string& event = "presence", int cseq = 1) {
@@ -55,7 +54,6 @@ protected:
         return seen_.insert(key).second;
     }
     std::string document(const PresenceStatus& status) { return buildPresenceDocument("sip:alice@" + us(), status); }
-
     std::shared_ptr<Gatekeeper> gate = std::make_shared<Gatekeeper>();
 
 private:
@@ -70,7 +68,6 @@ TEST_F(PresenceTest, AWatcherHearsOurStateAndEveryChangeUntilItsSubscriptionRuns
     EXPECT_EQ(ok->expires(), 600);
     EXPECT_FALSE(ok->toTag().empty());
     EXPECT_EQ(gate->asked, std::vector<std::string>{"sip:bob@" + peer.hostPort() + " presence"});
-
     auto notify = expectNotify();
     ASSERT_TRUE(notify);
     EXPECT_EQ(notify->header("Subscription-State"), "active;expires=600");
@@ -83,7 +80,6 @@ TEST_F(PresenceTest, AWatcherHearsOurStateAndEveryChangeUntilItsSubscriptionRuns
     EXPECT_EQ(notify->callId(), "w1");
     answer(*notify, 200, "", "b1");
     EXPECT_EQ(ua->presenceWatchers(line), std::vector<std::string>{"sip:bob@" + peer.hostPort()});
-
     advance(100s);
     const PresenceStatus busy{false, "in a meeting", "meeting", ""};
     ASSERT_TRUE(ua->setPresence(line, busy));
@@ -93,7 +89,6 @@ TEST_F(PresenceTest, AWatcherHearsOurStateAndEveryChangeUntilItsSubscriptionRuns
     EXPECT_EQ(notify->body, document(busy));
     EXPECT_TRUE(peer.quiet("PUBLISH", pump, 20ms));
     answer(*notify, 200, "", "b1");
-
     advance(499s);
     EXPECT_FALSE(expectNotify(20ms));
     advance(1s);
@@ -144,7 +139,6 @@ TEST_F(PresenceTest, AFetchAndAnUnsubscribeEndWithATerminatedNotifyAndAGoneWatch
     EXPECT_EQ(notify->header("Subscription-State"), "terminated;reason=timeout");
     EXPECT_EQ(notify->body, document({}));
     EXPECT_TRUE(ua->presenceWatchers(line).empty());
-
     // Subscribed, then withdrawn within its dialog.
     subscribe("w2", 600);
     const auto ok = peer.expectResponse(200, pump);
@@ -159,7 +153,6 @@ TEST_F(PresenceTest, AFetchAndAnUnsubscribeEndWithATerminatedNotifyAndAGoneWatch
     // A refresh for the dialog that no longer is.
     subscribe("w2", 600, ok->toTag(), "presence", 3);
     EXPECT_TRUE(peer.expectResponse(481, pump));
-
     // A watcher that answers its NOTIFY with 481 has forgotten us.
     subscribe("w3", 600);
     ASSERT_TRUE(peer.expectResponse(200, pump));
@@ -188,14 +181,12 @@ TEST_F(PresenceTest, PublishesRefreshesModifiesRecoversFromA412AndWithdraws) {
     EXPECT_EQ(publish->header("Content-Type"), "application/pidf+xml");
     EXPECT_EQ(publish->body, buildPresenceDocument("sip:alice@" + peer.hostPort(), here));
     answer(*publish, 200, "SIP-ETag: e1\r\nExpires: 120\r\n");
-
     // Refreshed 30 s before the 120 s run out: the tag, no body.
     EXPECT_EQ(nextWithin("PUBLISH", 120s, &publish), 90);
     EXPECT_EQ(publish->header("SIP-If-Match"), "e1");
     EXPECT_TRUE(publish->body.empty());
     EXPECT_FALSE(publish->hasHeader("Content-Type"));
     answer(*publish, 200, "SIP-ETag: e2\r\nExpires: 120\r\n");
-
     // A change is a modify: the newest tag and the new document.
     const PresenceStatus away{false, "", "away", ""};
     ASSERT_TRUE(ua->setPresence(line, away));
@@ -210,7 +201,6 @@ TEST_F(PresenceTest, PublishesRefreshesModifiesRecoversFromA412AndWithdraws) {
     EXPECT_FALSE(publish->hasHeader("SIP-If-Match"));
     EXPECT_EQ(publish->body, buildPresenceDocument("sip:alice@" + peer.hostPort(), away));
     answer(*publish, 200, "SIP-ETag: e3\r\nExpires: 3600\r\n");
-
     // A failure is logged and the state stays as it was.
     ASSERT_TRUE(ua->setPresence(line, here));
     publish = peer.expect("PUBLISH", pump);
@@ -220,7 +210,6 @@ TEST_F(PresenceTest, PublishesRefreshesModifiesRecoversFromA412AndWithdraws) {
         pump();
         return logs.has("line " + std::to_string(line) + ": PUBLISH failed with 500");
     }, 2s));
-
     // Removing the line removes the publication.
     ASSERT_TRUE(ua->removeLine(line));
     publish = peer.expect("PUBLISH", pump);
@@ -258,7 +247,6 @@ TEST(ShutdownTest, WaitsForTheAnswerToThePublishRemoval) {
     const auto publish = peer.expect("PUBLISH", idle);
     ASSERT_TRUE(publish);
     peer.answer(*publish, 200, "SIP-ETag: e1\r\nExpires: 3600\r\n");
-
     std::atomic<bool> returned{false};
     std::thread stopping([&] {
         ua.shutdown(std::chrono::milliseconds(3000));

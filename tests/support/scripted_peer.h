@@ -18,19 +18,15 @@ public:
     // Called while waiting, so that a user agent driven in virtual time
     // keeps running its loop.
     using Pump = std::function<void()>;
-
     ScriptedPeer() {
         socket_ = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
         (void)socket_.bind(net::SocketAddress::loopback(net::AddressFamily::V4));
         (void)socket_.setNonBlocking(true);
         address_ = socket_.localAddress().value_or(net::SocketAddress{});
     }
-
     [[nodiscard]] const net::SocketAddress& address() const { return address_; }
     [[nodiscard]] std::string hostPort() const { return address_.toString(); }
-
     using Filter = std::function<bool(const SipMessage&)>;
-
     // The next request with `method` (that `filter` accepts, when given), or
     // nothing within `timeout`. Everything else is skipped.
     std::optional<SipMessage> expect(const std::string& method, const Pump& pump,
@@ -44,7 +40,6 @@ public:
     bool quiet(const std::string& method, const Pump& pump, std::chrono::milliseconds window) {
         return !expect(method, pump, window);
     }
-
     // Answers `request` with `code`, adding `extra` header lines ("Name: value\r\n").
     void answer(const SipMessage& request, int code, const std::string& extra = "", const std::string& toTag = "peer") {
         SipMessage r = makeResponse(request, code, "", toTag);
@@ -54,7 +49,6 @@ public:
         text.insert(at, extra);
         (void)socket_.sendTo(text.data(), text.size(), lastSource_);
     }
-
     // Sends a whole message as it stands to `to`.
     void send(const std::string& text, const net::SocketAddress& to) { (void)socket_.sendTo(text.data(), text.size(), to); }
     // The next response (of `code`, when not 0), or nothing within `timeout`.
@@ -86,7 +80,6 @@ private:
         }
         return std::nullopt;
     }
-
     net::Socket socket_;
     net::SocketAddress address_;
     net::SocketAddress lastSource_;

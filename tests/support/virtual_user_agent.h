@@ -48,7 +48,6 @@ protected:
         ua = std::make_unique<UserAgent>(config);
     }
     void SetUp() override { ASSERT_TRUE(ua->start()); }
-
     // A line "alice"; `domain` empty for one that works peer to peer.
     int addLine(const std::string& domain) {
         LineConfig line;
@@ -100,7 +99,6 @@ protected:
         }
         return names;
     }
-
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::unique_ptr<UserAgent> ua;
     ScriptedPeer peer;

@@ -32,7 +32,6 @@ TEST(DnsQueryTest, WritesTheHeaderQuestionAndFlags) {
         0x00, 0x21, 0x00, 0x01,                                                  // SRV, IN
     };
     EXPECT_EQ(*query, expected);
-
     const auto noRecursion = encodeQuery(1, "example.test.", RecordType::A, false);
     ASSERT_TRUE(noRecursion);
     EXPECT_EQ((*noRecursion)[2], 0x00) << "RD must be clear";
@@ -112,14 +111,11 @@ TEST(DnsDecodeTest, ReadsEverySectionOfACompressedResponse) {
     std::string error;
     const auto m = decodeMessage(full.wire.bytes(), &error);
     ASSERT_TRUE(m) << error;
-
     EXPECT_EQ(m->header.id, 0xBEEF);
     EXPECT_TRUE(m->header.isResponse && m->header.authoritative && m->header.recursionDesired &&
                 m->header.recursionAvailable && !m->header.truncated);
-
     ASSERT_EQ(m->questions.size(), 1U);
     EXPECT_EQ(m->questions[0].type, RecordType::NAPTR);
-
     ASSERT_EQ(m->answers.size(), 3U);
     const NaptrData* naptr = m->answers[0].naptr();
     ASSERT_NE(naptr, nullptr);
@@ -127,23 +123,19 @@ TEST(DnsDecodeTest, ReadsEverySectionOfACompressedResponse) {
     EXPECT_EQ(naptr->order + naptr->preference, 60);
     EXPECT_EQ(naptr->flags + "|" + naptr->services + "|" + naptr->regexp + "|" + naptr->replacement,
               "s|SIP+D2U||_sip._udp.example.test");
-
     EXPECT_EQ(m->answers[1].name, "alias.example.test");
     ASSERT_NE(m->answers[1].target(), nullptr);
     EXPECT_EQ(*m->answers[1].target(), "example.test");
-
     const SrvData* srv = m->answers[2].srv();
     ASSERT_NE(srv, nullptr);
     EXPECT_EQ(m->answers[2].name, "_sip._udp.example.test");
     EXPECT_EQ(*srv, (SrvData{10, 60, 5070, "sip1.example.test"}));
-
     ASSERT_EQ(m->authority.size(), 1U);
     const SoaData* soa = m->authority[0].soa();
     ASSERT_NE(soa, nullptr);
     EXPECT_EQ(soa->primary + " " + soa->mailbox, "ns.example.test admin.example.test");
     EXPECT_EQ(soa->expire, 4U);
     EXPECT_EQ(soa->minimum, 30U);
-
     ASSERT_EQ(m->additional.size(), 3U);
     EXPECT_EQ(m->additional[0].name, "sip1.example.test");
     ASSERT_NE(m->additional[0].address(), nullptr);
@@ -174,7 +166,6 @@ TEST(DnsDecodeTest, ReadsFlagsRcodesAndOddLabels) {
         EXPECT_EQ(m->header.truncated, c.truncated);
         EXPECT_EQ(m->header.rcode, c.rcode);
     }
-
     // Label bytes that would read wrongly as text come out escaped; the
     // root name reads as ".".
     Wire w = responseHeader(2, 0, 2, 0);
@@ -196,7 +187,6 @@ std::vector<BadCase> hostileMessages() {
     std::vector<BadCase> cases;
     const std::string label63(63, 'x');
     auto add = [&cases](const char* what, Wire w, const char* error) { cases.push_back({what, std::move(w), error}); };
-
     add("eleven bytes", Wire().raw({0, 1, 0x80, 0, 0, 1, 0, 0, 0, 0, 0}), "truncated header");
     // Names.
     add("pointer to itself", responseHeader(1, 0, 1, 0).pointer(12), "compression pointer loop");

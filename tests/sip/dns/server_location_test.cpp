@@ -68,7 +68,6 @@ TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
 struct OfflineLocator {
     explicit OfflineLocator(ServerLocationOptions options = {})
         : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, clientOptions()), locator(client, options) {}
-
     DnsClientOptions clientOptions() {
         DnsClientOptions o;
         o.servers = {silent.address};
@@ -83,7 +82,6 @@ struct OfflineLocator {
         EXPECT_TRUE(runUntil(loop, [&] { return result.has_value(); }));
         return result.value_or(LocateResult{});
     }
-
     SilentServer silent;
     std::shared_ptr<ManualClock> clock;
     EventLoop loop;
@@ -133,7 +131,6 @@ TEST(ServerLocationTest, FollowsTheEnabledTransports) {
                         {"sips:192.0.2.1;transport=tcp", {"TLS 192.0.2.1:5061"}},
                         {"sip:192.0.2.1:5070;transport=tls", {"TLS 192.0.2.1:5070"}},
                     });
-
     ServerLocationOptions udpOnly;
     udpOnly.transports = {TransportKind::Udp};
     OfflineLocator udp(udpOnly);
@@ -214,7 +211,6 @@ protected:
         loop_.reset();
         test::DnsmasqTest::TearDown();
     }
-
     LocateResult locate(std::string_view text, ServerLocationOptions options = {}) {
         ServerLocator locator(*client_, std::move(options));
         return locateWith(locator, text);
@@ -227,7 +223,6 @@ protected:
         EXPECT_TRUE(runUntil(*loop_, [&] { return result.has_value(); })) << text;
         return result.value_or(LocateResult{});
     }
-
     test::DnsmasqServer* dnsmasq_ = nullptr;
     std::shared_ptr<ManualClock> clock_;
     std::unique_ptr<EventLoop> loop_;
@@ -240,19 +235,16 @@ TEST_F(ServerLocationDnsmasqTest, FollowsNaptrThenSrvThenAddresses) {
     // record without the "s" flag are passed over.
     EXPECT_EQ(targetTexts(locate("sip:naptr.test").targets),
               (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
-
     ServerLocationOptions v6First;
     v6First.addressOrder = AddressOrder::V6First;
     EXPECT_EQ(targetTexts(locate("sip:naptr.test", v6First).targets),
               (std::vector<std::string>{"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"}));
-
     ServerLocationOptions withTls;
     withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
     EXPECT_EQ(targetTexts(locate("sip:naptr.test", withTls).targets),
               (std::vector<std::string>{"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070",
                                         "UDP 127.0.0.22:5080"}));
     EXPECT_EQ(targetTexts(locate("sips:naptr.test", withTls).targets), (std::vector<std::string>{"TLS 127.0.0.23:5061"}));
-
     const LocateResult noTls = locate("sips:naptr.test");
     EXPECT_TRUE(noTls.targets.empty());
     EXPECT_EQ(noTls.error, "transport not enabled");
@@ -261,12 +253,10 @@ TEST_F(ServerLocationDnsmasqTest, FollowsNaptrThenSrvThenAddresses) {
 TEST_F(ServerLocationDnsmasqTest, WithoutNaptrTriesSrvPerTransportInPriorityOrder) {
     EXPECT_EQ(targetTexts(locate("sip:prio.test").targets),
               (std::vector<std::string>{"UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002", "TCP 127.0.0.33:5003"}));
-
     ServerLocationOptions tcpFirst;
     tcpFirst.transports = {TransportKind::Tcp, TransportKind::Udp};
     EXPECT_EQ(targetTexts(locate("sip:prio.test", tcpFirst).targets),
               (std::vector<std::string>{"TCP 127.0.0.33:5003", "UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002"}));
-
     // Without UDP, the last resort is TCP on 5060.
     ServerLocationOptions tcpOnly;
     tcpOnly.transports = {TransportKind::Tcp};
@@ -342,7 +332,6 @@ TEST_F(ServerLocationDnsmasqTest, ResolvesPastASilentFirstServer) {
     DnsClient client(loop, options);
     ServerLocator locator(client);
     loop.start();
-
     std::promise<LocateResult> promise;
     auto future = promise.get_future();
     loop.post([&] { locator.locate(*SipUri::parse("sip:naptr.test"), [&](LocateResult r) { promise.set_value(std::move(r)); }); });
