@@ -62,14 +62,6 @@ TEST(NameAddrTest, RefusesBrokenForms) {
     for (const char* c : cases) EXPECT_FALSE(NameAddr::parse(c)) << c;
 }
 
-TEST(NameAddrTest, WildcardSetsNothingElse) {
-    const auto na = NameAddr::parse("  *  ");
-    ASSERT_TRUE(na);
-    EXPECT_TRUE(na->wildcard);
-    EXPECT_TRUE(na->params.empty());
-    EXPECT_EQ(na->toString(), "*");
-}
-
 TEST(NameAddrTest, WritesQuotedNameAndBracketedUri) {
     const std::pair<const char*, const char*> cases[] = {
         {"Bob <sip:h>;tag=1", "\"Bob\" <sip:h>;tag=1"},

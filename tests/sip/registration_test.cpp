@@ -307,32 +307,5 @@ TEST_F(RegistrationTest, RegistersPushParametersAndReadsTheRegistrarsSupport) {
     EXPECT_TRUE(logs.has("line 2: push not announced by the registrar"));
 }
 
-TEST_F(RegistrationTest, ALineWithoutADomainCallsPeerToPeerOnly) {
-    LineConfig alice;
-    alice.user = "alice";
-    const int line = ua->addLine(alice);
-    EXPECT_GT(line, 0);
-    EXPECT_FALSE(ua->registerLine(line));
-    EXPECT_FALSE(ua->registerLine(99));
-    EXPECT_EQ(ua->registrationState(line), RegistrationState::Unregistered);
-    EXPECT_TRUE(logs.has("line 1: no registrar (peer to peer)"));
-}
-
-TEST(UserAgentStartTest, ReportsWhatCannotStart) {
-    UserAgentConfig bad;
-    bad.bindAddress = "not-an-address";
-    UserAgent a(bad);
-    std::string error;
-    EXPECT_FALSE(a.start(&error));
-    EXPECT_EQ(error, "invalid bind address");
-    UserAgentConfig none;
-    none.bindAddress = "127.0.0.1";
-    none.udpPort = -1;
-    none.tcpPort = -1;
-    UserAgent b(none);
-    EXPECT_FALSE(b.start(&error));
-    EXPECT_EQ(error, "no SIP transport could be started");
-}
-
 }  // namespace
 }  // namespace kelsip

@@ -169,16 +169,6 @@ TEST_F(TransactionTest, RefusesBadAndDuplicateRequests) {
     EXPECT_TRUE(logs.has("sendRequest: duplicate transaction"));
 }
 
-TEST_F(TransactionTest, GivesEveryNewRequestAFreshBranchAndMaxForwards) {
-    (void)layer.sendRequest(request("OPTIONS"), kUdpPeer, record());
-    (void)layer.sendRequest(request("OPTIONS"), kUdpPeer, record());
-    const auto a = Via::parse(SipMessage::parse(sent[0].text)->vias().front())->branch();
-    const auto b = Via::parse(SipMessage::parse(sent[1].text)->vias().front())->branch();
-    EXPECT_TRUE(std::regex_match(a, std::regex("z9hG4bK[A-Za-z0-9]{20}"))) << a;
-    EXPECT_NE(a, b);
-    EXPECT_EQ(SipMessage::parse(sent[0].text)->maxForwards(), 70);
-}
-
 TEST_F(TransactionTest, TransportFailuresFailTheTransaction) {
     transportWorks = false;
     const std::string key = layer.sendRequest(request("OPTIONS"), kUdpPeer, record());

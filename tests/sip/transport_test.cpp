@@ -268,17 +268,6 @@ TEST_F(StreamTest, ClosesIdleConnections) {
     EXPECT_TRUE(failures.empty());  // nothing was waiting to be sent
 }
 
-TEST_F(StreamTest, CarriesMessagesAboveSixtyFourKibibytes) {
-    auto tcp = open();
-    net::Socket peer = connectTo(tcp->localAddress());
-    std::string body(100 * 1024, 'x');
-    for (size_t i = 0; i < body.size(); i += 97) body[i] = static_cast<char>('a' + i % 26);
-    sendAll(peer, request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK1", body, "Content-Type: text/plain\r\n"));
-    auto got = inbox.next();
-    ASSERT_TRUE(got);
-    EXPECT_EQ(got->first.body, body);
-}
-
 TEST_F(StreamTest, ClosesAConnectionWhoseBufferOutgrowsTheLimit) {
     StreamTransportConfig config;
     config.maxMessageBytes = 70 * 1024;

@@ -214,29 +214,6 @@ TEST_F(DnsClientDnsmasqTest, AsksAgainOverTcpWhenTheAnswerIsTruncated) {
     EXPECT_EQ(c.client.stats().tcpQueriesSent, 1U);
 }
 
-TEST_F(DnsClientDnsmasqTest, MovesPastASilentServerOnSchedule) {
-    SilentServer silent;
-    auto* dnsmasq = startDnsmasq({"local=/test/", "host-record=h.test,127.0.0.5"});
-    ASSERT_TRUE(dnsmasq);
-    DnsClientOptions options;
-    options.servers = {silent.address, dnsmasq->address()};
-    options.tryTimeout = 1000ms;
-    options.triesPerServer = 2;
-    VirtualClient c(options);
-    const auto answer = c.query("h.test", RecordType::A);
-    ASSERT_TRUE(c.waitSent(1));
-    c.advance(1000ms);
-    ASSERT_TRUE(c.waitSent(2));
-    c.loop.runDue();
-    EXPECT_FALSE(answer->has_value());
-    c.advance(1000ms);  // 2 s: the second server's turn
-    ASSERT_TRUE(c.waitAnswer(answer));
-    ASSERT_EQ((*answer)->status, DnsStatus::Ok) << (*answer)->error;
-    EXPECT_EQ((*answer)->server, dnsmasq->address());
-    EXPECT_EQ(c.client.stats().udpQueriesSent, 3U);
-    EXPECT_EQ(silent.drain(), 2U);
-}
-
 TEST_F(DnsClientDnsmasqTest, MovesPastARefusingServerAtOnce) {
     // The first knows nothing of the name and has no upstream: it refuses.
     auto* refusing = startDnsmasq({"host-record=elsewhere.test,127.0.0.9"});

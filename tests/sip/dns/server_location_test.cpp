@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <future>
 #include <optional>
-#include <random>
 
 #include "dns_test_support.h"
 #include "dnsmasq_fixture.h"
@@ -184,11 +182,6 @@ const std::vector<std::string> kZone = {
     "host-record=first.prio.test,127.0.0.31",
     "host-record=second.prio.test,127.0.0.32",
     "host-record=tcp.prio.test,127.0.0.33",
-    // SRV only, one priority, weights 60 and 20.
-    "srv-host=_sip._udp.weight.test,heavy.weight.test,5060,10,60",
-    "srv-host=_sip._udp.weight.test,light.weight.test,5060,10,20",
-    "host-record=heavy.weight.test,127.0.0.41",
-    "host-record=light.weight.test,127.0.0.42",
     // No NAPTR, no SRV: addresses only.
     "host-record=plain.test,127.0.0.51,::51",
 };
@@ -264,32 +257,6 @@ TEST_F(ServerLocationDnsmasqTest, WithoutNaptrTriesSrvPerTransportInPriorityOrde
               (std::vector<std::string>{"TCP 127.0.0.51:5060", "TCP [::51]:5060"}));
 }
 
-TEST_F(ServerLocationDnsmasqTest, EqualPrioritiesComeInWeightedRandomOrder) {
-    ServerLocationOptions options;
-    auto engine = std::make_shared<std::mt19937>(3263);
-    options.random = [engine](uint32_t bound) { return std::uniform_int_distribution<uint32_t>(0, bound)(*engine); };
-    ServerLocator locator(*client_, options);
-    const std::vector<std::string> heavyFirst = {"UDP 127.0.0.41:5060", "UDP 127.0.0.42:5060"};
-    const std::vector<std::string> lightFirst = {"UDP 127.0.0.42:5060", "UDP 127.0.0.41:5060"};
-    int heavy = 0;
-    int light = 0;
-    for (int i = 0; i < 400; ++i) {
-        const auto order = targetTexts(locateWith(locator, "sip:weight.test").targets);
-        if (order == heavyFirst) {
-            ++heavy;
-        } else if (order == lightFirst) {
-            ++light;
-        } else {
-            ADD_FAILURE() << "unexpected targets at run " << i;
-            break;
-        }
-    }
-    // 60 : 20 -> three in four runs start with the heavy one.
-    EXPECT_NEAR(heavy, 300, 45);
-    EXPECT_EQ(heavy + light, 400);
-    EXPECT_LE(client_->stats().udpQueriesSent, 8U) << "repeated lookups come from the cache";
-}
-
 TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
     struct Case {
         const char* uri;
@@ -318,28 +285,6 @@ TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
         EXPECT_EQ(r.error, c.error);
         EXPECT_EQ(client_->stats().udpQueriesSent - before, c.queries);
     }
-}
-
-TEST_F(ServerLocationDnsmasqTest, ResolvesPastASilentFirstServer) {
-    // Real time here: every query of the three stages meets the silent
-    // server first, so the try time-out is kept short.
-    SilentServer silent;
-    EventLoop loop;
-    DnsClientOptions options;
-    options.servers = {silent.address, dnsmasq_->address()};
-    options.tryTimeout = 150ms;
-    options.triesPerServer = 1;
-    DnsClient client(loop, options);
-    ServerLocator locator(client);
-    loop.start();
-    std::promise<LocateResult> promise;
-    auto future = promise.get_future();
-    loop.post([&] { locator.locate(*SipUri::parse("sip:naptr.test"), [&](LocateResult r) { promise.set_value(std::move(r)); }); });
-    ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(targetTexts(future.get().targets),
-              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
-    loop.stop();
-    EXPECT_GE(silent.drain(), 3U) << "NAPTR, SRV and A/AAAA each met the silent server first";
 }
 
 }  // namespace
