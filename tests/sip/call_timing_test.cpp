@@ -3,8 +3,6 @@
 // no-answer cancel, each with its exact schedule and how it ends.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "support/virtual_user_agent.h"
 
 namespace kelsip {
@@ -150,12 +148,6 @@ TEST_F(CallTimingTest, AnOutgoingCallNobodyAnswersIsCancelledAfterTheNoAnswerTim
     EXPECT_TRUE(peer.expect("ACK", pump));
 }
 
-}  // namespace
-}  // namespace kelsip
-
-namespace kelsip {
-namespace {
-
 TEST_F(CallTimingTest, APrackStopsTheReliableRingingAndIsAnswered) {
     toUs(invite("Supported: 100rel\r\n"));
     const auto ringing = peer.expectResponse(180, pump);
@@ -173,12 +165,6 @@ TEST_F(CallTimingTest, APrackStopsTheReliableRingingAndIsAnswered) {
     EXPECT_EQ(responsesOver(180, 5000ms, nowMs()), (std::vector<int64_t>{}));
     EXPECT_EQ(ua->callInfo(1)->state, "Incoming");
 }
-
-}  // namespace
-}  // namespace kelsip
-
-namespace kelsip {
-namespace {
 
 // The peer answers our INVITE with 200, an SDP answer and `extra` headers.
 void answerWith200(test::ScriptedPeer& peer, UserAgent& ua, const SipMessage& invite, const std::string& extra) {
@@ -255,12 +241,6 @@ TEST_F(CallTimingTest, A422MakesTheInviteGoAgainWithTheFarEndsMinimum) {
     }, 5s));
 }
 
-}  // namespace
-}  // namespace kelsip
-
-namespace kelsip {
-namespace {
-
 TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartAndALaterForksAnswerIsEnded) {
     const int call = ua->makeCall(lineId, "sip:alice@" + peer.hostPort());
     const auto inv = peer.expect("INVITE", pump);
@@ -310,12 +290,6 @@ TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartAndALaterForksAnswerIsEn
     EXPECT_EQ(ours->toTag(), "f2");
 }
 
-}  // namespace
-}  // namespace kelsip
-
-namespace kelsip {
-namespace {
-
 // Our call to the peer, answered and acknowledged, with `extra` on the 200.
 int connectedCall(test::ScriptedPeer& peer, UserAgent& ua, int line, const test::ScriptedPeer::Pump& pump,
                   const std::string& extra, SipMessage* inviteOut) {
@@ -352,123 +326,6 @@ TEST_F(CallTimingTest, GlareOnHoldIsRetriedAfterTheCallIdOwnersBackOff) {
     ASSERT_TRUE(again);
     EXPECT_NE(again->body.find("a=sendonly"), std::string::npos);
     EXPECT_GT(again->cseq()->number, first->cseq()->number);
-}
-
-TEST_F(CallTimingTest, TheOtherSidesRefreshKeepsTheCallUp) {
-    SipMessage inv;
-    const int call = connectedCall(peer, *ua, lineId, pump, "Session-Expires: 90;refresher=uas\r\n", &inv);
-    // The far end refreshes at 45 s with an UPDATE; its guard starts again.
-    advance(45s);
-    const std::string us = ua->localAddress(TransportKind::Udp).toString();
-    peer.send("UPDATE sip:bob@" + us + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
-                  ";branch=z9hG4bKupd1\r\nMax-Forwards: 70\r\nFrom: " + inv.header("To").value_or("") +
-                  ";tag=t1\r\nTo: " + inv.header("From").value_or("") + "\r\nCall-ID: " + inv.callId() +
-                  "\r\nCSeq: 1 UPDATE\r\nSession-Expires: 90;refresher=uac\r\nContent-Length: 0\r\n\r\n",
-              ua->localAddress(TransportKind::Udp));
-    const auto ok = peer.expectResponse(200, pump);
-    ASSERT_TRUE(ok);
-    EXPECT_EQ(ok->header("Session-Expires"), "90;refresher=uac");
-    // 60 s after the start has passed, but not 60 s after the refresh.
-    advance(59s);
-    EXPECT_TRUE(peer.quiet("BYE", pump, 5ms));
-    EXPECT_EQ(ua->callInfo(call)->state, "Connected");
-    advance(2s);
-    EXPECT_TRUE(peer.expect("BYE", pump));
-}
-
-// Offers in a connected call, both ways: the far end's re-INVITE without an
-// offer gets ours in the 200 and answers in the ACK; an UPDATE carries an
-// offer each way, answered in its 200.
-class OfferTest : public CallTimingTest {
-protected:
-    static constexpr const char* kAnswer =
-        "v=0\r\no=- 2 3 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 40002 RTP/AVP 0\r\n";
-    // An in-dialog request of the far end (the call's INVITE was `inv`).
-    void sendRequest(const SipMessage& inv, const std::string& method, int cseq, const std::string& sdp) {
-        const std::string us = ua->localAddress(TransportKind::Udp).toString();
-        const std::string branch = method + std::to_string(cseq) + "x" +
-                                   std::to_string(std::hash<std::string>{}(inv.callId()));
-        peer.send(method + " sip:bob@" + us + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() + ";branch=z9hG4bK" +
-                      branch + "\r\nMax-Forwards: 70\r\nFrom: " + inv.header("To").value_or("") + ";tag=t1\r\nTo: " +
-                      inv.header("From").value_or("") + "\r\nCall-ID: " + inv.callId() + "\r\nCSeq: " +
-                      std::to_string(cseq) + " " + method + "\r\n" +
-                      (sdp.empty() ? "" : "Content-Type: application/sdp\r\n") + "Content-Length: " +
-                      std::to_string(sdp.size()) + "\r\n\r\n" + sdp,
-                  ua->localAddress(TransportKind::Udp));
-    }
-    bool infoShows(int call, const std::function<bool(const CallInfo&)>& test) {
-        return test::waitFor([&] {
-            pump();
-            const auto info = ua->callInfo(call);
-            return info && test(*info);
-        }, 5s);
-    }
-};
-
-TEST_F(OfferTest, AnOfferlessReInviteGetsOurOfferAndItsAckMustCarryTheAnswer) {
-    struct Case {
-        const char* name;
-        std::string ackBody;
-        bool remoteHold;  // what the answer says; no answer ends the call
-        bool ends;
-    };
-    const Case cases[] = {{"answered inactive", std::string(kAnswer) + "a=inactive\r\n", true, false},
-                          {"no answer", "", false, true}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        SipMessage inv;
-        const int call = connectedCall(peer, *ua, lineId, pump, "", &inv);
-        sendRequest(inv, "INVITE", 2, "");
-        const auto ok = peer.expectResponse(200, pump);
-        ASSERT_TRUE(ok);
-        EXPECT_EQ(ok->header("Content-Type"), "application/sdp");
-        EXPECT_NE(ok->body.find("a=sendrecv"), std::string::npos);
-        EXPECT_NE(ok->body.find("m=audio"), std::string::npos);
-        // Repeated until the ACK, as any 2xx to an INVITE.
-        advance(500ms);
-        ASSERT_TRUE(peer.expectResponse(200, pump));
-        sendRequest(inv, "ACK", 2, c.ackBody);
-        if (c.ends) {
-            EXPECT_TRUE(peer.expect("BYE", pump));
-            EXPECT_TRUE(logs.has("call " + std::to_string(call) + ": unusable answer SDP, hanging up"));
-            continue;
-        }
-        EXPECT_TRUE(infoShows(call, [&](const CallInfo& i) { return i.remoteHold == c.remoteHold; }));
-        advance(1s);
-        EXPECT_FALSE(peer.expectResponse(200, pump, 5ms));
-        EXPECT_EQ(ua->callInfo(call)->state, "Connected");
-        ASSERT_TRUE(ua->hangupCall(call));
-        ASSERT_TRUE(peer.expect("BYE", pump));
-    }
-}
-
-TEST_F(OfferTest, UpdateCarriesAnOfferEachWayAndItsTwoHundredTheAnswer) {
-    SipMessage inv;
-    const int call = connectedCall(peer, *ua, lineId, pump, "", &inv);
-    // Theirs: a hold offer in an UPDATE, answered recvonly in the 200.
-    sendRequest(inv, "UPDATE", 2, std::string(kAnswer) + "a=sendonly\r\n");
-    const auto ok = peer.expectResponse(200, pump);
-    ASSERT_TRUE(ok);
-    EXPECT_NE(ok->body.find("a=recvonly"), std::string::npos);
-    EXPECT_TRUE(infoShows(call, [](const CallInfo& i) { return i.remoteHold; }));
-    // Ours: the far end allows UPDATE, so our hold goes in one; its 200's
-    // answer is taken and nothing is acknowledged.
-    ASSERT_TRUE(ua->holdCall(call));
-    const auto update = peer.expect("UPDATE", pump);
-    ASSERT_TRUE(update);
-    EXPECT_NE(update->body.find("a=sendonly"), std::string::npos);
-    SipMessage answer = makeResponse(*update, 200, "", "t1");
-    answer.addHeader("Contact", "<sip:alice@" + peer.hostPort() + ">");
-    answer.addHeader("Content-Type", "application/sdp");
-    answer.body = std::string(kAnswer) + "a=inactive\r\n";
-    peer.send(answer.toString(), ua->localAddress(TransportKind::Udp));
-    EXPECT_TRUE(infoShows(call, [](const CallInfo& i) { return i.onHold; }));
-    EXPECT_TRUE(peer.quiet("ACK", pump, 50ms));
-    // An offer of theirs while ours is open is glare.
-    ASSERT_TRUE(ua->unholdCall(call));
-    ASSERT_TRUE(peer.expect("UPDATE", pump));
-    sendRequest(inv, "UPDATE", 3, std::string(kAnswer) + "a=sendrecv\r\n");
-    EXPECT_TRUE(peer.expectResponse(491, pump));
 }
 
 }  // namespace

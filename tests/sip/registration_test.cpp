@@ -181,42 +181,6 @@ TEST_F(RegistrationTest, GivesUpAfterTwoChallengesInARow) {
     EXPECT_EQ(listener->snapshot().back(), "Registering 0");
 }
 
-TEST_F(RegistrationTest, ProxyChallengesAreAnsweredWithProxyAuthorization) {
-    const int line = addLine();
-    ASSERT_TRUE(ua->registerLine(line));
-    auto reg = expectRegister();
-    ASSERT_TRUE(reg);
-    // The first challenge is of an unknown algorithm; the second is ours.
-    peer.answer(*reg, 407, "Proxy-Authenticate: Digest realm=\"r\", nonce=\"a\", algorithm=SHA-256\r\n"
-                           "Proxy-Authenticate: Digest realm=\"r\", nonce=\"b\"\r\n");
-    reg = expectRegister();
-    ASSERT_TRUE(reg);
-    EXPECT_FALSE(reg->hasHeader("Authorization"));
-    ASSERT_TRUE(reg->header("Proxy-Authorization"));
-    EXPECT_NE(reg->header("Proxy-Authorization")->find("nonce=\"b\""), std::string::npos);
-    EXPECT_EQ(reg->headers().back().name, "Content-Length");
-    EXPECT_EQ(reg->headers()[reg->headers().size() - 2].name, "Proxy-Authorization");  // credentials last
-}
-
-TEST_F(RegistrationTest, FollowsMinExpiresUntilTheThirdIntervalTooBrief) {
-    const int line = addLine();
-    ASSERT_TRUE(ua->registerLine(line));
-    auto reg = expectRegister();
-    ASSERT_TRUE(reg);
-    peer.answer(*reg, 401, "WWW-Authenticate: Digest realm=\"r\", nonce=\"x\"\r\n");
-    // The challenge counts as one attempt; the third 423 is then the last straw.
-    for (int i = 0; i < 3; ++i) {
-        reg = expectRegister();
-        ASSERT_TRUE(reg);
-        if (i > 0) {
-            EXPECT_EQ(reg->expires(), 1800);
-        }
-        peer.answer(*reg, 423, "Min-Expires: 1800\r\n");
-    }
-    EXPECT_TRUE(peer.quiet("REGISTER", pump, 50ms));
-    EXPECT_EQ(listener->snapshot().back(), "Failed 423 Interval Too Brief");
-}
-
 TEST_F(RegistrationTest, MinExpiresRaisesTheExpiryAndTheRefreshFollowsIt) {
     const int line = addLine();
     ASSERT_TRUE(ua->registerLine(line));
@@ -231,17 +195,6 @@ TEST_F(RegistrationTest, MinExpiresRaisesTheExpiryAndTheRefreshFollowsIt) {
     advance(1769s);
     EXPECT_TRUE(peer.quiet("REGISTER", pump, 20ms));
     EXPECT_EQ(nextRegisterWithin(3s), 1);
-}
-
-TEST_F(RegistrationTest, NoAnswerFailsWith408AfterTheTransactionTimeout) {
-    const int line = addLine();
-    ASSERT_TRUE(ua->registerLine(line));
-    ASSERT_TRUE(expectRegister());
-    advance(31s);
-    EXPECT_EQ(ua->registrationState(line), RegistrationState::Registering);
-    advance(1s);
-    EXPECT_EQ(listener->snapshot().back(), "Failed 408 Request Timeout");
-    EXPECT_EQ(ua->lineInfo(line)->statusCode, 408);
 }
 
 TEST_F(RegistrationTest, UnregistersWithExpiresZeroAndAtShutdown) {
@@ -272,39 +225,6 @@ TEST_F(RegistrationTest, UnregistersWithExpiresZeroAndAtShutdown) {
     reg = peer.expect("REGISTER", nullptr, 2s);
     ASSERT_TRUE(reg);
     EXPECT_EQ(reg->expires(), 0);
-}
-
-TEST_F(RegistrationTest, RegistersPushParametersAndReadsTheRegistrarsSupport) {
-    LineConfig c;
-    c.push = {"apns", "ABCD1234.com.example.velmora.voip", "00fc13adff78512"};
-    const int line = addLine(c);
-    ASSERT_TRUE(ua->registerLine(line));
-    auto reg = expectRegister();
-    ASSERT_TRUE(reg);
-    const auto contact = NameAddr::parse(*reg->contact());
-    ASSERT_TRUE(contact);
-    EXPECT_EQ(contact->uri.param("pn-provider"), "apns");
-    EXPECT_EQ(contact->uri.param("pn-param"), "ABCD1234.com.example.velmora.voip");
-    EXPECT_EQ(contact->uri.param("pn-prid"), "00fc13adff78512");
-    EXPECT_EQ(contact->param("+sip.pnsreg"), "");
-    EXPECT_EQ(reg->header("Feature-Caps"), "*;+sip.pns=\"apns\"");
-    peer.answer(*reg, 200, "Expires: 600\r\nFeature-Caps: *;+sip.pns=\"apns\";+sip.pnsreg=\"121\"\r\n");
-    ASSERT_TRUE(reach(line, RegistrationState::Registered));
-    EXPECT_TRUE(logs.has("line 1: push supported by the registrar, refresh push 121 s before expiry"));
-    const PushSupport support = ua->pushSupport(line);
-    EXPECT_TRUE(support.announced);
-    EXPECT_EQ(support.providers, "apns");
-    EXPECT_EQ(support.refreshBeforeExpiry, 121);
-    LineConfig bob;
-    bob.user = "bob";
-    const int plain = addLine(bob);
-    ASSERT_TRUE(ua->registerLine(plain));
-    reg = expectRegister();
-    ASSERT_TRUE(reg);
-    EXPECT_FALSE(reg->hasHeader("Feature-Caps"));
-    peer.answer(*reg, 200, "Expires: 600\r\n");
-    ASSERT_TRUE(reach(plain, RegistrationState::Registered));
-    EXPECT_TRUE(logs.has("line 2: push not announced by the registrar"));
 }
 
 }  // namespace

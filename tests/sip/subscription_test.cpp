@@ -131,28 +131,6 @@ TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherFork
     EXPECT_EQ(refresh->toTag(), "peer");
 }
 
-TEST_F(SubscriptionTest, NotifyOutsideTheRulesIsRefusedAndChangesNothing) {
-    int id = 0;
-    const auto s = activeSubscription(id);
-    ASSERT_TRUE(s);
-    (void)settledEvents();
-    notify(*s, "active", kSummary, "peer", "presence");  // not the subscription's package
-    EXPECT_TRUE(peer.expectResponse(489, pump));
-    // No Subscription-State: the request is broken.
-    peer.send("NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
-                  ";branch=z9hG4bKx1\r\nMax-Forwards: 70\r\nFrom: <sip:vm@" + peer.hostPort() + ">;tag=peer\r\nTo: " +
-                  s->header("From").value_or("") + "\r\nCall-ID: " + s->callId() +
-                  "\r\nCSeq: 50 NOTIFY\r\nEvent: message-summary\r\nContent-Length: 0\r\n\r\n",
-              ua->localAddress(TransportKind::Udp));
-    EXPECT_TRUE(peer.expectResponse(400, pump));
-    // A summary that is not one is answered but not passed on.
-    notify(*s, "active", "Voice-Message: lots\r\n");
-    EXPECT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_TRUE(logs.has("subscription " + std::to_string(id) + ": unreadable message summary: "));
-    EXPECT_EQ(settledEvents(), std::vector<std::string>{});
-    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
-}
-
 TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain) {
     struct Case {
         std::string state;
@@ -193,21 +171,6 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
             EXPECT_TRUE(gone(id));
         }
     }
-}
-
-TEST_F(SubscriptionTest, ANotifierThatEndsEverySubscriptionAtOnceIsGivenUpAfterFive) {
-    const int id = subscribe();
-    for (int round = 0; round <= 5; ++round) {
-        const auto s = expectSubscribe();
-        ASSERT_TRUE(s) << round;
-        answer(*s, 200, "Expires: 600\r\n");
-        notify(*s, "terminated;reason=deactivated", "");
-        ASSERT_TRUE(peer.expectResponse(200, pump));
-    }
-    EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 50ms));
-    const auto seen = settledEvents();
-    EXPECT_EQ(seen.back(), "state terminated deactivated");
-    EXPECT_TRUE(gone(id));
 }
 
 TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
@@ -296,28 +259,6 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     // No last NOTIFY: the subscription ends after 64*T1 anyway.
     advance(32s);
     EXPECT_TRUE(gone(early));
-}
-
-TEST_F(SubscriptionTest, UnsolicitedMessageSummaryIsTakenOtherPackagesAreNot) {
-    const auto unsolicited = [&](const std::string& event, std::string_view body) {
-        peer.send("NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
-                      ";branch=z9hG4bKu" + event + std::to_string(body.size()) + "\r\nMax-Forwards: 70\r\nFrom: <sip:" +
-                      peer.hostPort() + ">;tag=r1\r\nTo: <sip:alice@" + peer.hostPort() + ">\r\nCall-ID: u-" + event +
-                      std::to_string(body.size()) + "\r\nCSeq: 1 NOTIFY\r\nEvent: " + event +
-                      "\r\nSubscription-State: active\r\nContent-Type: application/simple-message-summary\r\n"
-                      "Content-Length: " +
-                      std::to_string(body.size()) + "\r\n\r\n" + std::string(body),
-                  ua->localAddress(TransportKind::Udp));
-    };
-    unsolicited("message-summary", kSummary);
-    EXPECT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_EQ(settledEvents(), std::vector<std::string>{"body 0 message-summary Messages-Waiting: yes"});
-    unsolicited("presence", kSummary);
-    EXPECT_TRUE(peer.expectResponse(481, pump));
-    unsolicited("message-summary", "nonsense");
-    EXPECT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_EQ(settledEvents(), std::vector<std::string>{});
-    EXPECT_TRUE(logs.has("unsolicited message summary dropped: "));
 }
 
 }  // namespace

@@ -120,25 +120,6 @@ TEST(ServerLocationTest, NumericHostsAndRefusedUrisNeedNoDns) {
                   });
 }
 
-TEST(ServerLocationTest, FollowsTheEnabledTransports) {
-    ServerLocationOptions withTls;
-    withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
-    OfflineLocator tls(withTls);
-    checkRules(tls, {
-                        {"sips:192.0.2.1", {"TLS 192.0.2.1:5061"}},
-                        {"sips:192.0.2.1;transport=tcp", {"TLS 192.0.2.1:5061"}},
-                        {"sip:192.0.2.1:5070;transport=tls", {"TLS 192.0.2.1:5070"}},
-                    });
-    ServerLocationOptions udpOnly;
-    udpOnly.transports = {TransportKind::Udp};
-    OfflineLocator udp(udpOnly);
-    checkRules(udp, {
-                        {"sip:192.0.2.1;transport=tcp", {}, "transport not enabled"},
-                        {"sip:proxy.test:5070;transport=tcp", {}, "transport not enabled"},
-                        {"sip:proxy.test;transport=tcp", {}, "transport not enabled"},
-                    });
-}
-
 TEST(ServerLocationTest, CancelledOrDestroyedLocatorsNeverCallBack) {
     OfflineLocator l;
     bool called = false;
