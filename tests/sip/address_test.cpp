@@ -13,14 +13,11 @@ TEST(NameAddrTest, ParsesDisplayNameUriAndHeaderParameters) {
         const char* uri;
         const char* tag;  // nullptr: no tag parameter
     } cases[] = {
-        {"Bob <sip:h>;tag=1", "Bob", "sip:h", "1"},
-        {"sip:h;tag=1", "", "sip:h", "1"},
+        {"Bob <sip:h>;tag=1", "Bob", "sip:h", "1"}, {"sip:h;tag=1", "", "sip:h", "1"},
         {"<sip:h;transport=tcp>;tag=7", "", "sip:h;transport=tcp", "7"},
         {"  \"Alice \\\"Al\\\" Smith\"   <sip:a@h> ; tag = x ", "Alice \"Al\" Smith", "sip:a@h", "x"},
-        {"\"a<b>;c\" <sip:h>", "a<b>;c", "sip:h", nullptr},
-        {"\"\" <sip:h>", "", "sip:h", nullptr},
-        {"Bell, Alexander <sip:a@h>", "Bell, Alexander", "sip:a@h", nullptr},
-        {"<tel:+4930>", "", "tel:+4930", nullptr},
+        {"\"a<b>;c\" <sip:h>", "a<b>;c", "sip:h", nullptr}, {"\"\" <sip:h>", "", "sip:h", nullptr},
+        {"Bell, Alexander <sip:a@h>", "Bell, Alexander", "sip:a@h", nullptr}, {"<tel:+4930>", "", "tel:+4930", nullptr},
         {"\"back\\\\slash\" <sip:h>", "back\\slash", "sip:h", nullptr},
     };
     for (const auto& c : cases) {
@@ -54,8 +51,7 @@ TEST(NameAddrTest, RefusesBrokenForms) {
         "<xyz:h>",                    // unknown scheme
         "\"Mr. J. User <sip:j@h>",    // unbalanced quote hides the "<"
         "< sip:h >",                  // white space inside the brackets
-        "",
-        "<>",
+        "", "<>",
         "<sip:h>;x=\"a",              // an open quote in the parameters
         "<sip:h>;x=<a",               // an open "<" in the parameters
     };
@@ -64,8 +60,7 @@ TEST(NameAddrTest, RefusesBrokenForms) {
 
 TEST(NameAddrTest, WritesQuotedNameAndBracketedUri) {
     const std::pair<const char*, const char*> cases[] = {
-        {"Bob <sip:h>;tag=1", "\"Bob\" <sip:h>;tag=1"},
-        {"sip:h;tag=1;lr", "<sip:h>;tag=1;lr"},
+        {"Bob <sip:h>;tag=1", "\"Bob\" <sip:h>;tag=1"}, {"sip:h;tag=1;lr", "<sip:h>;tag=1;lr"},
         {"\"a\\\"b\\\\c\" <sip:h>", "\"a\\\"b\\\\c\" <sip:h>"},
     };
     for (const auto& [in, out] : cases) {
@@ -116,17 +111,10 @@ TEST(ViaTest, RefusesBrokenSentProtocolOrSentBy) {
         "SIP/2.0/UDP",            // no sent-by
         "SIP/2.0/UDPh",           // no white space before the sent-by
         "SIP/3.0/UDP h",          // wrong version
-        "XMPP/2.0/UDP h",
-        "SIP/2.0/UDP h:0",
-        "SIP/2.0/UDP h:65536",
-        "SIP/2.0/UDP [::1]x",
-        "SIP/2.0/UDP [::1",
-        "SIP/2.0/UDP ;branch=z9hG4bK1",
-        "SIP/2.0/UDP h)",
+        "XMPP/2.0/UDP h", "SIP/2.0/UDP h:0", "SIP/2.0/UDP h:65536", "SIP/2.0/UDP [::1]x", "SIP/2.0/UDP [::1",
+        "SIP/2.0/UDP ;branch=z9hG4bK1", "SIP/2.0/UDP h)",
         "SIP/2.0/UDP h;a=x) (c)",      // a parenthesis outside the trailing comment
-        "SIP/2.0/UDP h(x);branch=z9hG4bK1",
-        "SIP//UDP h",
-        "",
+        "SIP/2.0/UDP h(x);branch=z9hG4bK1", "SIP//UDP h", "",
     };
     for (const char* c : cases) EXPECT_FALSE(Via::parse(c)) << c;
 }

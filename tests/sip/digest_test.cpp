@@ -34,8 +34,7 @@ TEST(DigestTest, ComputesResponses) {
          {"alice", "secret", "REGISTER", "sip:example.com", 1, "deadbeefcafe0001"},
          "aacc4a6a43f865cbb4f99c2a1d042bd5"},
         {"MD5 without qop ignores nc and cnonce",
-         {"example.com", "5f2e9c1b7a"},
-         {"alice", "secret", "REGISTER", "sip:example.com", 7, "ignored"},
+         {"example.com", "5f2e9c1b7a"}, {"alice", "secret", "REGISTER", "sip:example.com", 7, "ignored"},
          "ad453bdc7dc6bf384901b99bddca6a2c"},
     };
     for (const auto& c : cases) {
@@ -67,15 +66,10 @@ TEST(DigestTest, ParsesChallengesOrRefusesThem) {
         {R"(Digest nonce="n1", stale=TRUE)", true, {"", "n1", "", "MD5", "", true}},
         {R"(Digest nonce="n1", stale=false)", true, {"", "n1"}},
         {R"(Digest nonce="n1", stale="yes")", true, {"", "n1"}},
-        {R"(Digest junk, realm="r", , nonce="n1", noequals)", true, {"r", "n1"}},
-        {R"(Digest nonce="")", true, {}},
-        {R"(Basic realm="a.com")", false},
-        {R"(DigestX nonce="n1")", false},
-        {R"(Digest nonce="n1", algorithm=SHA-256)", false},
-        {R"(Digest nonce="n1", algorithm="")", false},
-        {R"(Digest realm="a.com", qop="auth")", false},
-        {R"(Digest realm="nonce=inside")", false},
-        {"Digest", false},
+        {R"(Digest junk, realm="r", , nonce="n1", noequals)", true, {"r", "n1"}}, {R"(Digest nonce="")", true, {}},
+        {R"(Basic realm="a.com")", false}, {R"(DigestX nonce="n1")", false},
+        {R"(Digest nonce="n1", algorithm=SHA-256)", false}, {R"(Digest nonce="n1", algorithm="")", false},
+        {R"(Digest realm="a.com", qop="auth")", false}, {R"(Digest realm="nonce=inside")", false}, {"Digest", false},
         {"", false},
     };
     for (const auto& c : cases) {

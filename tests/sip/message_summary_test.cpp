@@ -71,8 +71,7 @@ TEST(MessageSummaryTest, RefusesWhatIsNotASummaryWithAFixedText) {
         const char* body;
         const char* error;
     } cases[] = {
-        {"", "empty message-summary"},
-        {" \r\n\t\n", "empty message-summary"},
+        {"", "empty message-summary"}, {" \r\n\t\n", "empty message-summary"},
         {"Voice-Message: 1/0\r\n", "missing Messages-Waiting"},
         {"<?xml version=\"1.0\"?><presence/>", "missing Messages-Waiting"},
         {"Voice-Message: 1/0\r\n\r\nMessages-Waiting: yes\r\n", "missing Messages-Waiting"},

@@ -35,26 +35,18 @@ TEST(SipMessageTest, RejectsWithTheExactErrorText) {
         std::string text;
         const char* error;
     } cases[] = {
-        {"", "empty message"},
-        {"\r\n\r\n", "missing start line"},
+        {"", "empty message"}, {"\r\n\r\n", "missing start line"},
         {"INVITE sip:10.0.0.1\r\n" + kInviteHeaders + "\r\n", "bad request line"},
         {"INVITE\r\n\r\n", "bad request line"},
         {"INVITE sip:10.0.0.1 SIP/3.0\r\n" + kInviteHeaders + "\r\n", "unsupported SIP version"},
         {"INVITE sip:10.0.0.1 SIP/2.0 \r\n\r\n", "unsupported SIP version"},
-        {"IN(VITE sip:h SIP/2.0\r\n\r\n", "bad method"},
-        {"INVITE <sip:h> SIP/2.0\r\n\r\n", "bad Request-URI"},
-        {"INVITE  sip:h SIP/2.0\r\n\r\n", "bad Request-URI"},
-        {"INVITE xyz:h SIP/2.0\r\n\r\n", "bad Request-URI"},
-        {"SIP/2.0\r\n\r\n", "bad status line"},
-        {"SIP/3.0 200 OK\r\n\r\n", "unsupported SIP version"},
-        {"SIP/2.0 99 Low\r\n\r\n", "bad status code"},
-        {"SIP/2.0 1000 X\r\n\r\n", "bad status code"},
-        {"SIP/2.0 700 X\r\n\r\n", "bad status code"},
-        {"SIP/2.0 2x0 X\r\n\r\n", "bad status code"},
-        {"SIP/2.0  200 OK\r\n\r\n", "bad status code"},
-        {invite("Bad Name: x\r\n"), "bad header name"},
-        {invite(": x\r\n"), "bad header name"},
-        {invite("NoColonHere\r\n"), "malformed header line"},
+        {"IN(VITE sip:h SIP/2.0\r\n\r\n", "bad method"}, {"INVITE <sip:h> SIP/2.0\r\n\r\n", "bad Request-URI"},
+        {"INVITE  sip:h SIP/2.0\r\n\r\n", "bad Request-URI"}, {"INVITE xyz:h SIP/2.0\r\n\r\n", "bad Request-URI"},
+        {"SIP/2.0\r\n\r\n", "bad status line"}, {"SIP/3.0 200 OK\r\n\r\n", "unsupported SIP version"},
+        {"SIP/2.0 99 Low\r\n\r\n", "bad status code"}, {"SIP/2.0 1000 X\r\n\r\n", "bad status code"},
+        {"SIP/2.0 700 X\r\n\r\n", "bad status code"}, {"SIP/2.0 2x0 X\r\n\r\n", "bad status code"},
+        {"SIP/2.0  200 OK\r\n\r\n", "bad status code"}, {invite("Bad Name: x\r\n"), "bad header name"},
+        {invite(": x\r\n"), "bad header name"}, {invite("NoColonHere\r\n"), "malformed header line"},
         {invite("Content-Length: 5\r\n", "abc"), "truncated body"},
         {invite("Content-Length: -1\r\n"), "bad Content-Length"},
         {invite("Content-Length: abc\r\n"), "bad Content-Length"},
@@ -136,8 +128,7 @@ TEST(SipMessageTest, TakesTheBodyByContentLength) {
         std::string text;
         std::string body;
     } cases[] = {
-        {invite("Content-Length: 2\r\n", "abcde"), "ab"},
-        {invite("Content-Length: 0\r\n", "xyz"), ""},
+        {invite("Content-Length: 2\r\n", "abcde"), "ab"}, {invite("Content-Length: 0\r\n", "xyz"), ""},
         {invite("", "no length: all of it"), "no length: all of it"},
         {invite("l: 3\r\n", std::string("a\0b", 3)), std::string("a\0b", 3)},
         {invite("Content-Length: 4\r\nContent-Length: 1\r\n", "abcd"), "abcd"},  // the first one counts
@@ -172,20 +163,10 @@ TEST(SipMessageTest, HeaderIntegersFollowOneRule) {
         const char* text;
         std::optional<int64_t> value;
     } cases[] = {
-        {"0", 0},
-        {" \t70\r\n", 70},
-        {"-3", -3},
-        {"\v12\f", 12},
-        {"9223372036854775807", INT64_MAX},
-        {"-9223372036854775808", INT64_MIN},
-        {"9223372036854775808", std::nullopt},
-        {"-9223372036854775809", std::nullopt},
-        {"", std::nullopt},
-        {"-", std::nullopt},
-        {"+5", std::nullopt},
-        {"5a", std::nullopt},
-        {"5 5", std::nullopt},
-        {"0x10", std::nullopt},
+        {"0", 0}, {" \t70\r\n", 70}, {"-3", -3}, {"\v12\f", 12}, {"9223372036854775807", INT64_MAX},
+        {"-9223372036854775808", INT64_MIN}, {"9223372036854775808", std::nullopt},
+        {"-9223372036854775809", std::nullopt}, {"", std::nullopt}, {"-", std::nullopt}, {"+5", std::nullopt},
+        {"5a", std::nullopt}, {"5 5", std::nullopt}, {"0x10", std::nullopt},
     };
     for (const auto& c : cases) EXPECT_EQ(parseHeaderInteger(c.text), c.value) << c.text;
 }

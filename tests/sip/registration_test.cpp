@@ -129,10 +129,7 @@ TEST_F(RegistrationTest, RefreshesByTheGrantedExpiry) {
         const char* grant;  // extra header lines of the 200
         int64_t refreshAfter;
     } cases[] = {
-        {"Expires: 60\r\n", 30},
-        {"Expires: 61\r\n", 31},
-        {"Expires: 3600\r\n", 3570},
-        {"Expires: 3\r\n", 1},
+        {"Expires: 60\r\n", 30}, {"Expires: 61\r\n", 31}, {"Expires: 3600\r\n", 3570}, {"Expires: 3\r\n", 1},
         {"Expires: 2\r\n", 1},
     };
     int n = 0;

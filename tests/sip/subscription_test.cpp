@@ -137,13 +137,9 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
         std::optional<int64_t> again;  // seconds until a new SUBSCRIBE; none: never
     };
     const Case cases[] = {
-        {"terminated;reason=deactivated", 0},
-        {"terminated;reason=timeout", 0},
-        {"terminated;reason=probation;retry-after=30", 30},
-        {"terminated;reason=probation", 60},
-        {"terminated", 60},
-        {"terminated;reason=rejected", std::nullopt},
-        {"terminated;reason=noresource", std::nullopt},
+        {"terminated;reason=deactivated", 0}, {"terminated;reason=timeout", 0},
+        {"terminated;reason=probation;retry-after=30", 30}, {"terminated;reason=probation", 60}, {"terminated", 60},
+        {"terminated;reason=rejected", std::nullopt}, {"terminated;reason=noresource", std::nullopt},
         {"terminated;reason=giveup;retry-after=5", std::nullopt},
     };
     for (const Case& c : cases) {

@@ -51,16 +51,9 @@ TEST(DnsQueryTest, RefusesNamesThatCannotBeWritten) {
         std::string name;
         const char* error;  // empty: accepted
     } cases[] = {
-        {longest, ""},
-        {"a\\.b\\065.test", ""},
-        {label64 + ".test", "label too long"},
-        {tooLong, "name too long"},
-        {longest + "b", "name too long"},
-        {"a..test", "empty label"},
-        {".test", "empty label"},
-        {"a\\", "bad escape"},
-        {"a\\25", "bad escape"},
-        {"a\\256", "bad escape"},
+        {longest, ""}, {"a\\.b\\065.test", ""}, {label64 + ".test", "label too long"}, {tooLong, "name too long"},
+        {longest + "b", "name too long"}, {"a..test", "empty label"}, {".test", "empty label"}, {"a\\", "bad escape"},
+        {"a\\25", "bad escape"}, {"a\\256", "bad escape"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -153,9 +146,7 @@ TEST(DnsDecodeTest, ReadsFlagsRcodesAndOddLabels) {
         bool truncated;
         Rcode rcode;
     } cases[] = {
-        {0x0200, true, Rcode::NoError},
-        {0x0003, false, Rcode::NameError},
-        {0x020B, true, static_cast<Rcode>(11)},
+        {0x0200, true, Rcode::NoError}, {0x0003, false, Rcode::NameError}, {0x020B, true, static_cast<Rcode>(11)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.flags);

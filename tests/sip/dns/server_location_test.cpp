@@ -137,8 +137,7 @@ TEST(ServerLocationTest, CancelledOrDestroyedLocatorsNeverCallBack) {
 // One zone for every resolution case; dnsmasq answers for *.test and
 // nothing else.
 const std::vector<std::string> kZone = {
-    "local=/test/",
-    "local-ttl=60",
+    "local=/test/", "local-ttl=60",
     // NAPTR -> SRV -> A/AAAA. By order: SCTP (unknown here), TLS (not
     // built), TCP, UDP.
     "naptr-record=naptr.test,1,10,s,SIP+D2S,,_sip._sctp.naptr.test",
@@ -146,23 +145,17 @@ const std::vector<std::string> kZone = {
     "naptr-record=naptr.test,20,10,s,SIP+D2U,,_sip._udp.naptr.test",
     "naptr-record=naptr.test,10,10,s,SIP+D2T,,_sip._tcp.naptr.test",
     "naptr-record=naptr.test,10,20,a,SIP+D2U,,udp.naptr.test",
-    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0",
-    "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
-    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0",
-    "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
-    "host-record=sctp.naptr.test,127.0.0.20",
-    "host-record=tls.naptr.test,127.0.0.23",
+    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0", "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
+    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0", "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
+    "host-record=sctp.naptr.test,127.0.0.20", "host-record=tls.naptr.test,127.0.0.23",
     // Sent along in the SRV answer's additional section.
     "host-record=tcp.naptr.test,127.0.0.21,::21",
     // Not sent along: needs its own A/AAAA lookups.
     "address=/udp.naptr.test/127.0.0.22",
     // SRV only, two priorities for UDP, one TCP record.
-    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0",
-    "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
-    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0",
-    "host-record=first.prio.test,127.0.0.31",
-    "host-record=second.prio.test,127.0.0.32",
-    "host-record=tcp.prio.test,127.0.0.33",
+    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0", "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
+    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0", "host-record=first.prio.test,127.0.0.31",
+    "host-record=second.prio.test,127.0.0.32", "host-record=tcp.prio.test,127.0.0.33",
     // No NAPTR, no SRV: addresses only.
     "host-record=plain.test,127.0.0.51,::51",
 };
