@@ -202,28 +202,6 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     EXPECT_NE(std::find(seen.begin(), seen.end(), "state terminated bad-event 489"), seen.end());
 }
 
-TEST_F(SubscriptionTest, AFailedRefreshHoldsUntilExpiryAndA481StartsOverAtOnce) {
-    int id = 0;
-    const auto s = activeSubscription(id, 120);
-    ASSERT_TRUE(s);
-    std::optional<SipMessage> refresh;
-    EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
-    answer(*refresh, 500);
-    // Still active until the 120 s run out, then a new dialog.
-    std::optional<SipMessage> renewed;
-    EXPECT_EQ(nextSubscribeWithin(60s, &renewed), 30);
-    EXPECT_NE(renewed->callId(), s->callId());
-    answer(*renewed, 200, "Expires: 120\r\n");
-    notify(*renewed, "active;expires=120");
-    ASSERT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
-    EXPECT_EQ(refresh->callId(), renewed->callId());
-    answer(*refresh, 481);
-    std::optional<SipMessage> fresh;
-    EXPECT_EQ(nextSubscribeWithin(5s, &fresh), 0);
-    EXPECT_NE(fresh->callId(), renewed->callId());
-}
-
 TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) {
     int id = 0;
     const auto s = activeSubscription(id);

@@ -115,12 +115,5 @@ TEST_F(MessageTest, AnswersMessagesThatArriveAndRefusesOversizedOnes) {
     EXPECT_EQ(reported(1), std::vector<std::string>{});
 }
 
-TEST_F(MessageTest, ATargetThatIsNoAddressFailsAtOnce) {
-    const int id = ua->sendMessage(line, "sip:", "lost", "");
-    ASSERT_GT(id, 0);
-    EXPECT_EQ(reported(1), std::vector<std::string>{"result " + std::to_string(id) + " 0 Cannot resolve destination"});
-    EXPECT_TRUE(peer.quiet("MESSAGE", pump, 20ms));
-}
-
 }  // namespace
 }  // namespace kelsip

@@ -181,8 +181,6 @@ std::vector<BadCase> hostileMessages() {
     add("eleven bytes", Wire().raw({0, 1, 0x80, 0, 0, 1, 0, 0, 0, 0, 0}), "truncated header");
     // Names.
     add("pointer to itself", responseHeader(1, 0, 1, 0).pointer(12), "compression pointer loop");
-    add("label then a pointer back to it", responseHeader(1, 0, 1, 0).u8(1).text("a").pointer(12),
-        "compression pointer loop");
     {
         // An unread record's data holds a pointer to the next record's name,
         // which points back at it: each is "earlier" than the other.
@@ -197,15 +195,10 @@ std::vector<BadCase> hostileMessages() {
     add("pointer forward", responseHeader(1, 0, 1, 0).pointer(14).name("a").u16(kTypeA).u16(1),
         "forward compression pointer");
     add("pointer past the end", responseHeader(1, 0, 1, 0).pointer(0x3FFF), "compression pointer out of range");
-    add("pointer to the byte after the end", responseHeader(1, 0, 1, 0).pointer(14),
-        "compression pointer out of range");
     add("pointer cut in half", responseHeader(1, 0, 1, 0).u8(0xC0), "truncated name");
     add("label past the end", responseHeader(1, 0, 1, 0).u8(5).text("ab"), "truncated name");
     add("name without its root", responseHeader(1, 0, 1, 0).u8(1).text("a"), "truncated name");
     add("label type 01", responseHeader(1, 0, 1, 0).u8(0x41).text("a").u8(0), "bad label type");
-    add("label type 10", responseHeader(1, 0, 1, 0).u8(0x81).text("a").u8(0), "bad label type");
-    add("four 63-byte labels",
-        responseHeader(1, 0, 1, 0).name(label63 + "." + label63 + "." + label63 + "." + label63), "name too long");
     {
         // Each part is short; joined through a pointer the name is too long.
         Wire w = responseHeader(1, 0, 1, 1);
@@ -215,30 +208,20 @@ std::vector<BadCase> hostileMessages() {
     }
     // Questions and records.
     add("question without its class", responseHeader(1, 0, 1, 0).name("a").u16(kTypeA).u8(0), "truncated question");
-    add("record cut in its TTL", responseHeader(1, 0, 0, 1).name("a").u16(kTypeA).u16(1).u16(0), "truncated record");
     add("record data past the end", responseHeader(1, 0, 0, 1).name("a").record(kTypeA, 0, 4).raw({1, 2}),
         "truncated record");
     add("more records than the message holds", responseHeader(1, 0, 0, 2).name("a").record(kTypeA, 0, 4).raw({1, 2, 3, 4}),
         "truncated name");
     add("A of five bytes", responseHeader(1, 0, 0, 1).name("a").record(kTypeA, 0, 5).raw({1, 2, 3, 4, 5}),
         "bad address length");
-    add("AAAA of four bytes", responseHeader(1, 0, 0, 1).name("a").record(kTypeAaaa, 0, 4).raw({1, 2, 3, 4}),
-        "bad address length");
     add("SRV with a byte after its target",
         responseHeader(1, 0, 0, 1).name("a").record(kTypeSrv, 0, 10).u16(1).u16(1).u16(1).name("a").u8(0),
-        "bad record data");
-    add("SRV target running past its data",
-        responseHeader(1, 0, 0, 1).name("a").record(kTypeSrv, 0, 8).u16(1).u16(1).u16(1).name("a"),
-        "bad record data");
-    add("SRV shorter than its numbers", responseHeader(1, 0, 0, 1).name("a").record(kTypeSrv, 0, 4).u16(1).u16(1),
         "bad record data");
     add("NAPTR string longer than its data",
         responseHeader(1, 0, 0, 1).name("a").record(kTypeNaptr, 0, 5).u16(1).u16(1).u8(9).text("sssssssss"),
         "bad record data");
     add("SOA without its last numbers",
         responseHeader(1, 0, 0, 1).name("a").record(kTypeSoa, 0, 2 + 2 + 12).u8(0).u8(0).u32(1).u32(2).u32(3).u8(0).u8(0),
-        "bad record data");
-    add("CNAME pointing past its data", responseHeader(1, 0, 0, 1).name("a").record(kTypeCname, 0, 1).u8(1).text("b").u8(0),
         "bad record data");
     return cases;
 }
