@@ -157,6 +157,7 @@ TEST_F(PresenceTest, PublishesRefreshesModifiesRecoversFromA412AndWithdraws) {
 // after the check that shutdown has not yet returned.
 TEST(ShutdownTest, WaitsForTheAnswerToThePublishRemoval) {
     test::ScriptedPeer peer;
+    test::LogCapture logs;
     const test::ScriptedPeer::Pump idle = [] {};
     UserAgentConfig config;
     config.bindAddress = "127.0.0.1";
@@ -172,6 +173,8 @@ TEST(ShutdownTest, WaitsForTheAnswerToThePublishRemoval) {
     const auto publish = peer.expect("PUBLISH", idle);
     ASSERT_TRUE(publish);
     peer.answer(*publish, 200, "SIP-ETag: e1\r\nExpires: 3600\r\n");
+    // Shutdown only withdraws what the server has confirmed.
+    ASSERT_TRUE(logs.waitForLine("line " + std::to_string(id) + ": presence published for 3600 s"));
     std::atomic<bool> returned{false};
     std::thread stopping([&] {
         ua.shutdown(std::chrono::milliseconds(3000));
