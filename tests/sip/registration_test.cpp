@@ -122,6 +122,13 @@ TEST_F(RegistrationTest, AnswersAChallengeAndRefreshesWithTheNextNonceCount) {
     ASSERT_TRUE(refresh);
     // The refresh is authenticated at once, with the next count.
     EXPECT_NE(refresh->header("Authorization")->find("nc=00000002"), std::string::npos);
+    // The refresh counts its challenges afresh: two in a row are both answered.
+    auto again = refresh;
+    for (const std::string nonce : {"n2", "n3"}) {
+        peer.answer(*again, 401, "WWW-Authenticate: Digest realm=\"velmora.test\", nonce=\"" + nonce + "\", stale=true\r\n");
+        again = expectRegister();
+        ASSERT_TRUE(again) << nonce;
+    }
 }
 
 TEST_F(RegistrationTest, RefreshesByTheGrantedExpiry) {
