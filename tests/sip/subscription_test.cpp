@@ -37,16 +37,15 @@ protected:
     std::optional<SipMessage> expectSubscribe() { return peer.expect("SUBSCRIBE", pump, 2s); }
     // The notifier's NOTIFY within the dialog `subscribe` opened.
     void notify(const SipMessage& subscribe, const std::string& state, std::string_view body = kSummary,
-                const std::string& tag = "peer", const std::string& event = "message-summary") {
-        const std::string n = std::to_string(++notifies_);
-        const std::string text =
-            "NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() + ";branch=z9hG4bKn" + n + "\r\nMax-Forwards: 70\r\nFrom: <sip:vm@" + peer.hostPort() + ">;tag=" + tag +
-            "\r\nTo: " + subscribe.header("From").value_or("") + "\r\nCall-ID: " + subscribe.callId() +
-            "\r\nCSeq: " + n + " NOTIFY\r\nContact: <sip:vm@" + peer.hostPort() +
-            ">\r\nEvent: " + event + "\r\nSubscription-State: " + state + "\r\n" +
-            (body.empty() ? "" : "Content-Type: application/simple-message-summary\r\n") +
-            "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
-        toUs(text);
+                const std::string& tag = "peer") {
+        const std::string type = body.empty() ? "" : "Content-Type: application/simple-message-summary\r\n";
+        toUs({.method = "NOTIFY",
+              .callId = subscribe.callId(),
+              .extra = "Event: message-summary\r\nSubscription-State: " + state + "\r\n" + type,
+              .body = std::string(body),
+              .cseq = ++notifies_,
+              .toTag = subscribe.fromTag(),
+              .fromTag = tag});
     }
     // Subscribes and lets the notifier accept with `expires` and an active NOTIFY.
     std::optional<SipMessage> activeSubscription(int& id, int expires = 600) {
@@ -63,10 +62,7 @@ protected:
     }
     // The subscription has been reported ended and forgotten.
     bool gone(int id) {
-        return test::waitFor([&] {
-            pump();
-            return !ua->subscriptionInfo(id);
-        }, 2s);
+        return settle([&] { return !ua->subscriptionInfo(id); }, 2s);
     }
     std::vector<std::string> settledEvents() {
         pump();
@@ -83,23 +79,18 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     int id = 0;
     const auto first = activeSubscription(id, 600);
     ASSERT_TRUE(first);
-    EXPECT_EQ(first->requestUri.toString(), "sip:vm@" + peer.hostPort());
-    EXPECT_EQ(first->header("Event"), "message-summary");
-    EXPECT_EQ(first->expires(), 600);
     EXPECT_EQ(first->header("Accept"), "application/simple-message-summary");
-    EXPECT_EQ(first->header("CSeq"), "1 SUBSCRIBE");
-    EXPECT_EQ(first->contact(), "<sip:alice@" + us() + ">");
-    EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing", "body 1 message-summary Messages-Waiting: yes",
+    EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing",
+                                                         "body 1 message-summary Messages-Waiting: yes",
                                                          "state active"}));
-    EXPECT_EQ(ua->subscriptionInfo(id)->expires, 600);
-    // 600 s granted: refreshed 30 s ahead, in the dialog.
+    // 600 s granted: refreshed 30 s ahead, in the dialog, to the NOTIFY's Contact.
     std::optional<SipMessage> refresh;
     EXPECT_EQ(nextSubscribeWithin(600s, &refresh), 570);
     ASSERT_TRUE(refresh);
     EXPECT_EQ(refresh->callId(), first->callId());
     EXPECT_EQ(refresh->toTag(), "peer");
     EXPECT_EQ(refresh->header("CSeq"), "2 SUBSCRIBE");
-    EXPECT_EQ(refresh->requestUri.toString(), "sip:vm@" + peer.hostPort());
+    EXPECT_EQ(refresh->requestUri.toString(), "sip:peer@" + peer.hostPort());
     // The notifier grants less: 100 s, refreshed after 70.
     answer(*refresh, 200, "Expires: 100\r\n");
     EXPECT_EQ(nextSubscribeWithin(100s, &refresh), 70);
@@ -109,7 +100,6 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     notify(*first, "active;expires=40");
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(nextSubscribeWithin(40s), 20);
-    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
 }
 
 TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherForkIsRefused) {
@@ -126,23 +116,23 @@ TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherFork
     notify(*s, "active;expires=600");
     EXPECT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
-    std::optional<SipMessage> refresh;
-    ASSERT_TRUE(nextSubscribeWithin(600s, &refresh));
-    EXPECT_EQ(refresh->toTag(), "peer");
 }
 
 TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain) {
-    struct Case {
-        std::string state;
+    const struct {
+        const char* state;
         std::optional<int64_t> again;  // seconds until a new SUBSCRIBE; none: never
-    };
-    const Case cases[] = {
-        {"terminated;reason=deactivated", 0}, {"terminated;reason=timeout", 0},
-        {"terminated;reason=probation;retry-after=30", 30}, {"terminated;reason=probation", 60}, {"terminated", 60},
-        {"terminated;reason=rejected", std::nullopt}, {"terminated;reason=noresource", std::nullopt},
+    } cases[] = {
+        {"terminated;reason=deactivated", 0},
+        {"terminated;reason=timeout", 0},
+        {"terminated;reason=probation;retry-after=30", 30},
+        {"terminated;reason=probation", 60},
+        {"terminated", 60},
+        {"terminated;reason=rejected", std::nullopt},
+        {"terminated;reason=noresource", std::nullopt},
         {"terminated;reason=giveup;retry-after=5", std::nullopt},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.state);
         int id = 0;
         const auto s = activeSubscription(id);
@@ -156,7 +146,6 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
             // A new dialog of the same subscription.
             EXPECT_NE(renewed->callId(), s->callId());
             EXPECT_TRUE(renewed->toTag().empty());
-            EXPECT_EQ(ua->subscriptionInfo(id)->state, "subscribing");
             EXPECT_TRUE(ua->unsubscribe(id));
             answer(*renewed, 481);
             (void)settledEvents();
@@ -219,8 +208,8 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     EXPECT_EQ(settledEvents(), (std::vector<std::string>{"body 1 message-summary Messages-Waiting: yes",
                                                          "state unsubscribed"}));
     EXPECT_TRUE(gone(id));
-    EXPECT_FALSE(nextSubscribeWithin(700s));
-    // Unsubscribed before the first answer: the 2xx is followed by Expires 0.
+    // Unsubscribed before the first answer: the 2xx is followed by Expires 0,
+    // and without a last NOTIFY the subscription ends after 64*T1 anyway.
     const int early = subscribe();
     const auto first = expectSubscribe();
     ASSERT_TRUE(first);
@@ -230,7 +219,6 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     ASSERT_TRUE(withdraw);
     EXPECT_EQ(withdraw->expires(), 0);
     answer(*withdraw, 200);
-    // No last NOTIFY: the subscription ends after 64*T1 anyway.
     advance(32s);
     EXPECT_TRUE(gone(early));
 }
