@@ -83,14 +83,14 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing",
                                                          "body 1 message-summary Messages-Waiting: yes",
                                                          "state active"}));
-    // 600 s granted: refreshed 30 s ahead, in the dialog, to the NOTIFY's Contact.
+    // 600 s granted: refreshed 30 s ahead, in the dialog.
     std::optional<SipMessage> refresh;
     EXPECT_EQ(nextSubscribeWithin(600s, &refresh), 570);
     ASSERT_TRUE(refresh);
     EXPECT_EQ(refresh->callId(), first->callId());
     EXPECT_EQ(refresh->toTag(), "peer");
     EXPECT_EQ(refresh->header("CSeq"), "2 SUBSCRIBE");
-    EXPECT_EQ(refresh->requestUri.toString(), "sip:peer@" + peer.hostPort());
+    EXPECT_EQ(refresh->requestUri.toString(), "sip:vm@" + peer.hostPort());
     // The notifier grants less: 100 s, refreshed after 70.
     answer(*refresh, 200, "Expires: 100\r\n");
     EXPECT_EQ(nextSubscribeWithin(100s, &refresh), 70);

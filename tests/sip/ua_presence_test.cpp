@@ -1,12 +1,10 @@
 // Our presence against a scripted peer, in virtual time: a watcher that
-// subscribes (the answer, the NOTIFYs with the document, expiry), the
-// publication's refresh and modify, and shutdown withdrawing it.
+// subscribes (the answer, the NOTIFYs with the document, expiry), and the
+// publication's refresh, modify and removal.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
 #include <set>
-#include <thread>
 
 #include "support/virtual_user_agent.h"
 
@@ -104,45 +102,6 @@ TEST_F(PresenceTest, ThePublicationIsRefreshedByItsTagModifiedAndWithdrawnWithIt
     ASSERT_TRUE(publish);
     EXPECT_EQ(publish->expires(), 0);
     EXPECT_EQ(publish->header("SIP-If-Match"), "e3");
-}
-
-// Shutdown withdraws what the server has confirmed and waits, within its
-// bound, for the answer: held back here until after the check that
-// shutdown has not yet returned.
-TEST(ShutdownTest, WaitsForTheAnswerToThePublishRemoval) {
-    test::ScriptedPeer peer;
-    test::LogCapture logs;
-    const test::ScriptedPeer::Pump idle = [] {};
-    UserAgentConfig config;
-    config.bindAddress = "127.0.0.1";
-    config.udpPort = 0;
-    config.tcpPort = -1;
-    UserAgent ua(config);
-    ASSERT_TRUE(ua.start());
-    LineConfig line;
-    line.user = "alice";
-    line.domain = peer.hostPort();
-    const int id = ua.addLine(line);
-    ASSERT_TRUE(ua.setPresence(id, PresenceStatus{true, "", "", ""}));
-    const auto publish = peer.expect("PUBLISH", idle);
-    ASSERT_TRUE(publish);
-    peer.answer(*publish, 200, "SIP-ETag: e1\r\nExpires: 3600\r\n");
-    ASSERT_TRUE(logs.waitForLine("line " + std::to_string(id) + ": presence published for 3600 s"));
-    std::atomic<bool> returned{false};
-    std::thread stopping([&] {
-        ua.shutdown(std::chrono::milliseconds(3000));
-        returned = true;
-    });
-    // (A slow machine may still repeat the first PUBLISH: only the removal counts.)
-    const auto isRemoval = [](const SipMessage& m) { return m.expires() == 0; };
-    const auto removal = peer.expect("PUBLISH", idle, 5s, isRemoval);
-    ASSERT_TRUE(removal);
-    EXPECT_EQ(removal->header("SIP-If-Match"), "e1");
-    EXPECT_FALSE(peer.expect("PUBLISH", idle, 200ms, isRemoval));  // shutdown still waits
-    EXPECT_FALSE(returned);
-    peer.answer(*removal, 200);
-    stopping.join();
-    EXPECT_TRUE(returned);
 }
 
 }  // namespace
