@@ -46,6 +46,8 @@ TEST_F(MessageTest, GivesUpAfterTwoChallengesAndReportsNoAnswerAs408) {
     for (int i = 0; i < 3; ++i) {
         const auto m = expectMessage();
         ASSERT_TRUE(m) << i;
+        const std::string nonce = "nonce=\"n" + std::to_string(i - 1) + "\"";  // of the last challenge
+        EXPECT_EQ(m->header("Authorization").value_or("").find(nonce) != std::string::npos, i > 0);
         answer(*m, 401, "WWW-Authenticate: Digest realm=\"test\", nonce=\"n" + std::to_string(i) + "\"\r\n");
     }
     EXPECT_EQ(reported(1), std::vector<std::string>{"result " + std::to_string(refused) + " 401 Unauthorized"});

@@ -58,8 +58,9 @@ TEST(SipUriTest, KeepsParametersAndHeadersAsReceivedAndWritesThemBack) {
     edited.setParam("transport", "udp");  // replaced in place
     edited.removeParam("LR");
     edited.setFlagParam("ob");
+    edited.setFlagParam("MADDR");  // its value goes
     edited.headers.clear();
-    EXPECT_EQ(edited.toString(), "sip:h;Transport=udp;maddr=10.0.0.1;x=\"a;b\";y=<c;d>;ob");
+    EXPECT_EQ(edited.toString(), "sip:h;Transport=udp;maddr;x=\"a;b\";y=<c;d>;ob");
 }
 
 TEST(SipUriTest, ComparesByRfc3261Rules) {
