@@ -1,5 +1,6 @@
-// SIP messages: the parser's error texts, header handling, validation,
-// serialisation, typed accessors and responses built from requests.
+// SIP messages: the parser's error texts, header handling, serialisation,
+// header integers and names, and responses built from requests. The torture
+// messages (torture_test.cpp) add the published malformed forms.
 #include "sip/syntax/message.h"
 
 #include <gtest/gtest.h>
@@ -21,153 +22,55 @@ std::string invite(const std::string& extra = "", const std::string& body = "") 
     return "INVITE sip:bob@h SIP/2.0\r\n" + kInviteHeaders + extra + "\r\n" + body;
 }
 
-std::string parseError(const std::string& text) {
-    std::string error;
-    const auto m = SipMessage::parse(text, &error);
-    return m ? "" : error;
-}
-
-TEST(SipMessageTest, RejectsWithTheExactErrorText) {
-    const std::string vias = "Via: SIP/2.0/UDP h;branch=z9hG4bK1\r\n";
-    const std::string fromTo = "From: <sip:a@h>;tag=1\r\nTo: <sip:b@h>\r\n";
-    const std::string rest = "Call-ID: x\r\nCSeq: 1 OPTIONS\r\n" + vias;
+TEST(SipMessageTest, RejectsWithTheExactErrorTextOrAcceptsLenientForms) {
+    const std::string options = "OPTIONS sip:h SIP/2.0\r\nFrom: <sip:a@h>;tag=1\r\nTo: <sip:b@h>\r\n";
+    const std::string via = "Via: SIP/2.0/UDP h;branch=z9hG4bK1\r\n";
     const struct {
         std::string text;
-        const char* error;
+        const char* error;  // "": accepted
     } cases[] = {
         {"", "empty message"},
         {"\r\n\r\n", "missing start line"},
-        {"INVITE sip:10.0.0.1\r\n" + kInviteHeaders + "\r\n", "bad request line"},
         {"INVITE\r\n\r\n", "bad request line"},
-        {"INVITE sip:10.0.0.1 SIP/3.0\r\n" + kInviteHeaders + "\r\n", "unsupported SIP version"},
-        {"INVITE sip:10.0.0.1 SIP/2.0 \r\n\r\n", "unsupported SIP version"},
         {"IN(VITE sip:h SIP/2.0\r\n\r\n", "bad method"},
-        {"INVITE <sip:h> SIP/2.0\r\n\r\n", "bad Request-URI"},
-        {"INVITE  sip:h SIP/2.0\r\n\r\n", "bad Request-URI"},
-        {"INVITE xyz:h SIP/2.0\r\n\r\n", "bad Request-URI"},
         {"SIP/2.0\r\n\r\n", "bad status line"},
-        {"SIP/3.0 200 OK\r\n\r\n", "unsupported SIP version"},
         {"SIP/2.0 99 Low\r\n\r\n", "bad status code"},
-        {"SIP/2.0 1000 X\r\n\r\n", "bad status code"},
         {"SIP/2.0 700 X\r\n\r\n", "bad status code"},
-        {"SIP/2.0 2x0 X\r\n\r\n", "bad status code"},
-        {"SIP/2.0  200 OK\r\n\r\n", "bad status code"},
         {invite("Bad Name: x\r\n"), "bad header name"},
-        {invite(": x\r\n"), "bad header name"},
         {invite("NoColonHere\r\n"), "malformed header line"},
-        {invite("Content-Length: 5\r\n", "abc"), "truncated body"},
-        {invite("Content-Length: -1\r\n"), "bad Content-Length"},
         {invite("Content-Length: abc\r\n"), "bad Content-Length"},
-        {invite("Content-Length: 99999999999999999999\r\n"), "bad Content-Length"},
-        {"OPTIONS sip:h SIP/2.0\r\nTo: <sip:b@h>\r\n" + rest + "\r\n", "missing/invalid From"},
-        {"OPTIONS sip:h SIP/2.0\r\nFrom: <xyz:a>\r\nTo: <sip:b@h>\r\n" + rest + "\r\n", "missing/invalid From"},
-        {"OPTIONS sip:h SIP/2.0\r\nFrom: *\r\nTo: <sip:b@h>\r\n" + rest + "\r\n", "missing/invalid From"},
-        {"OPTIONS sip:h SIP/2.0\r\nFrom: <sip:a@h>\r\n" + rest + "\r\n", "missing/invalid To"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "CSeq: 1 OPTIONS\r\n" + vias + "\r\n", "missing Call-ID"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID:  \r\nCSeq: 1 OPTIONS\r\n" + vias + "\r\n",
-         "missing Call-ID"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\n" + vias + "\r\n", "missing/invalid CSeq"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\nCSeq: OPTIONS\r\n" + vias + "\r\n",
-         "missing/invalid CSeq"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\nCSeq: 2147483648 OPTIONS\r\n" + vias + "\r\n",
-         "missing/invalid CSeq"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\nCSeq: -1 OPTIONS\r\n" + vias + "\r\n",
-         "missing/invalid CSeq"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\nCSeq: 1 OPTIONS\r\n\r\n", "missing/invalid Via"},
-        {"OPTIONS sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\nCSeq: 1 OPTIONS\r\nVia: SIP/2.0/UDP\r\n\r\n",
-         "missing/invalid Via"},
-        {"INVITE sip:h SIP/2.0\r\n" + fromTo + "Call-ID: x\r\nCSeq: 1 invite\r\n" + vias + "\r\n",
-         "CSeq method does not match request method"},
+        {options + "CSeq: 1 OPTIONS\r\n" + via + "\r\n", "missing Call-ID"},
+        {options + "Call-ID: x\r\nCSeq: OPTIONS\r\n" + via + "\r\n", "missing/invalid CSeq"},
+        {options + "Call-ID: x\r\nCSeq: 1 OPTIONS\r\nVia: SIP/2.0/UDP\r\n\r\n", "missing/invalid Via"},
         {invite("Max-Forwards: ten\r\n"), "invalid Max-Forwards"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(parseError(c.text), c.error) << c.text;
-}
-
-TEST(SipMessageTest, AcceptsWhatThePeerMaySendInLenientForms) {
-    const std::string cases[] = {
-        "\r\n\r\n" + invite(),                                                // leading line breaks
-        "INVITE sip:bob@h SIP/2.0\nVia: SIP/2.0/UDP h;branch=z9hG4bK1\nFrom: <sip:a@h>;tag=1\n"
-        "To: sip:b@h\nCall-ID: x\nCSeq: 1 INVITE\n\n",                       // bare LF line ends
-        invite("Max-Forwards: -3\r\n"),                                       // no range check here
-        invite("Max-Forwards:  70 \r\n"),
-        "INVITE sip:bob@h SIP/2.0\r\n" + kInviteHeaders,                      // no blank line at all
-        invite("X-Empty:\r\n"),
-    };
-    for (const std::string& c : cases) EXPECT_EQ(parseError(c), "") << c;
-}
-
-TEST(SipMessageTest, ReadsStatusLineWithOrWithoutReason) {
-    const std::string headers = kInviteHeaders + "\r\n";
-    const struct {
-        std::string line;
-        int code;
-        const char* reason;
-    } cases[] = {
-        {"SIP/2.0 200", 200, ""},
-        {"SIP/2.0 200 ", 200, ""},
-        {"SIP/2.0 100 Trying", 100, "Trying"},
-        {"SIP/2.0 699 Very  odd reason ", 699, "Very  odd reason "},
-        {"SIP/2.0 486 Busy Here", 486, "Busy Here"},
+        {"\r\n\r\n" + invite(), ""},  // leading line breaks
+        {"INVITE sip:bob@h SIP/2.0\nVia: SIP/2.0/UDP h;branch=z9hG4bK1\nFrom: <sip:a@h>;tag=1\n"
+         "To: sip:b@h\nCall-ID: x\nCSeq: 1 INVITE\n\n",
+         ""},  // bare LF line ends
+        {invite("Max-Forwards: -3\r\n"), ""},  // no range check here
+        {"INVITE sip:bob@h SIP/2.0\r\n" + kInviteHeaders, ""},  // no blank line at all
     };
     for (const auto& c : cases) {
-        const auto m = SipMessage::parse(c.line + "\r\n" + headers);
-        ASSERT_TRUE(m) << c.line;
-        EXPECT_FALSE(m->isRequest);
-        EXPECT_EQ(m->statusCode, c.code);
-        EXPECT_EQ(m->reason, c.reason);
-        EXPECT_TRUE(m->method.empty());
+        std::string error;
+        const auto m = SipMessage::parse(c.text, &error);
+        EXPECT_EQ(m ? "" : error, c.error) << c.text;
     }
 }
 
-TEST(SipMessageTest, SplitsListHeadersAndExpandsCompactNames) {
+TEST(SipMessageTest, SplitsListHeadersUnfoldsLinesAndExpandsCompactNames) {
     const auto m = SipMessage::parse(invite(
         "v: SIP/2.0/UDP a;branch=z9hG4bK2, SIP/2.0/UDP b\r\n"
-        "Subject: a, b\r\n"
-        "Reply-To: <sip:x@h>, \"Doe, J\" <sip:y@h>\r\n"
+        "Subject: a, b\r\n   c\r\n"
         "Contact: \"A, B\" <sip:a@h;x=\"p,q\">, <sip:c@h>;q=0.5 , ,\r\n"
-        "Allow: INVITE,ACK , BYE\r\n"
-        "k: 100rel\r\n"
+        "Allow: INVITE,\r\n\tACK , BYE\r\n"
         "x-my-header: 1\r\n"));
     ASSERT_TRUE(m);
-    const std::vector<std::string> vias{"SIP/2.0/UDP 10.0.0.2:5060;branch=z9hG4bK1", "SIP/2.0/UDP a;branch=z9hG4bK2",
-                                        "SIP/2.0/UDP b"};
-    EXPECT_EQ(m->vias(), vias);
-    EXPECT_EQ(m->headers("Subject"), std::vector<std::string>{"a, b"});
-    EXPECT_EQ(m->headers("Reply-To"), (std::vector<std::string>{"<sip:x@h>", "\"Doe, J\" <sip:y@h>"}));
+    EXPECT_EQ(m->vias(), (std::vector<std::string>{"SIP/2.0/UDP 10.0.0.2:5060;branch=z9hG4bK1",
+                                                   "SIP/2.0/UDP a;branch=z9hG4bK2", "SIP/2.0/UDP b"}));
+    EXPECT_EQ(m->headers("Subject"), std::vector<std::string>{"a, b c"});
     EXPECT_EQ(m->headers("m"), (std::vector<std::string>{"\"A, B\" <sip:a@h;x=\"p,q\">", "<sip:c@h>;q=0.5"}));
     EXPECT_EQ(m->headers("allow"), (std::vector<std::string>{"INVITE", "ACK", "BYE"}));
-    EXPECT_EQ(m->header("Supported"), "100rel");
     EXPECT_EQ(m->header("X-MY-HEADER"), "1");
-    bool sawCanonicalName = false;
-    for (const HeaderField& h : m->headers()) sawCanonicalName |= h.name == "X-My-Header";
-    EXPECT_TRUE(sawCanonicalName);
-}
-
-TEST(SipMessageTest, SplitsExactlyTheListValuedHeaders) {
-    const char* lists[] = {"Via", "contact", "ROUTE", "Record-Route", "Allow", "Supported", "Require",
-                           "Proxy-Require", "Unsupported", "Accept", "Accept-Encoding", "Accept-Language",
-                           "Allow-Events", "Content-Encoding", "In-Reply-To", "Path", "Service-Route",
-                           "Content-Language", "Alert-Info", "Call-Info", "Error-Info", "reply-to", "u", "e"};
-    const char* singles[] = {"Subject", "User-Agent", "Server", "Warning", "Organization", "Date",
-                             "Authorization", "WWW-Authenticate", "Refer-To", "Event", "X-List"};
-    for (const char* name : lists) {
-        const auto m = SipMessage::parse(invite(std::string(name) + ": p, q\r\n"));
-        ASSERT_TRUE(m) << name;
-        const size_t expected = canonicalHeaderName(name) == "Via" ? 3U : 2U;  // the base message has one Via
-        EXPECT_EQ(m->headers(name).size(), expected) << name;
-    }
-    for (const char* name : singles) {
-        const auto m = SipMessage::parse(invite(std::string(name) + ": p, q\r\n"));
-        ASSERT_TRUE(m) << name;
-        EXPECT_EQ(m->headers(name), std::vector<std::string>{"p, q"}) << name;
-    }
-}
-
-TEST(SipMessageTest, UnfoldsContinuationLines) {
-    const auto m = SipMessage::parse(invite("Subject: a\r\n   b\r\n\tc\r\nAllow: INVITE,\r\n ACK\r\n"));
-    ASSERT_TRUE(m);
-    EXPECT_EQ(m->header("Subject"), "a b c");
-    EXPECT_EQ(m->headers("Allow"), (std::vector<std::string>{"INVITE", "ACK"}));
     // A continuation with no header before it is a header line by itself.
     const auto first = SipMessage::parse("INVITE sip:bob@h SIP/2.0\r\n " + kInviteHeaders + "\r\n");
     ASSERT_TRUE(first);
@@ -180,11 +83,9 @@ TEST(SipMessageTest, TakesTheBodyByContentLength) {
         std::string body;
     } cases[] = {
         {invite("Content-Length: 2\r\n", "abcde"), "ab"},
-        {invite("Content-Length: 0\r\n", "xyz"), ""},
         {invite("", "no length: all of it"), "no length: all of it"},
         {invite("l: 3\r\n", std::string("a\0b", 3)), std::string("a\0b", 3)},
         {invite("Content-Length: 4\r\nContent-Length: 1\r\n", "abcd"), "abcd"},  // the first one counts
-        {invite("Content-Length: 4\r\n", "\r\n\r\n"), "\r\n\r\n"},
     };
     for (const auto& c : cases) {
         const auto m = SipMessage::parse(c.text);
@@ -194,74 +95,12 @@ TEST(SipMessageTest, TakesTheBodyByContentLength) {
 }
 
 TEST(SipMessageTest, SerialisesWithOneComputedContentLengthLast) {
-    auto m = SipMessage::parse(invite("Content-Length: 99\r\nl: 7\r\nContent-Type: text/plain\r\n", std::string(99, 'x')));
+    const std::string lengths = "Content-Length: 99\r\nl: 7\r\n";
+    auto m = SipMessage::parse(invite(lengths + "Content-Type: text/plain\r\n", std::string(99, 'x')));
     ASSERT_TRUE(m);
     m->body = "hello";
-    const std::string wire = m->toString();
-    EXPECT_EQ(wire,
-              "INVITE sip:bob@h SIP/2.0\r\n" + kInviteHeaders +
-                  "Content-Type: text/plain\r\nContent-Length: 5\r\n\r\nhello");
-    const auto again = SipMessage::parse(wire);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->toString(), wire);
-
-    SipMessage response;
-    response.statusCode = 200;
-    response.addHeader("v", "SIP/2.0/UDP h;branch=z9hG4bK1");
-    EXPECT_EQ(response.toString(), "SIP/2.0 200 \r\nVia: SIP/2.0/UDP h;branch=z9hG4bK1\r\nContent-Length: 0\r\n\r\n");
-}
-
-TEST(SipMessageTest, HeaderAccessFindsEveryNameSpelling) {
-    SipMessage m;
-    m.addHeader("call-id", "  abc  ");
-    m.addHeader("X-Foo", "1");
-    m.addHeader("x-foo", "2");
-    m.addHeader("Via", "SIP/2.0/UDP h");
-    EXPECT_EQ(m.header("i"), "abc");
-    EXPECT_EQ(m.header("CALL-ID"), "abc");
-    EXPECT_EQ(m.callId(), "abc");
-    EXPECT_EQ(m.headers("X-FOO"), (std::vector<std::string>{"1", "2"}));
-    EXPECT_FALSE(m.header("Subject"));
-    m.setHeader("x-foo", "3");
-    EXPECT_EQ(m.headers("X-Foo"), std::vector<std::string>{"3"});
-    EXPECT_EQ(m.headers().back().name, "X-Foo");  // set appends after removing
-    m.removeHeader("v");
-    EXPECT_FALSE(m.hasHeader("Via"));
-    EXPECT_EQ(m.headers().size(), 2U);
-}
-
-TEST(SipMessageTest, TypedAccessorsReadTheirHeaders) {
-    const auto m = SipMessage::parse(
-        "SIP/2.0 200 OK\r\n"
-        "Via: SIP/2.0/UDP h;branch=z9hG4bK1\r\n"
-        "From: \"A\" <sip:a@h>;tag=ft\r\n"
-        "To: sip:b@h;tag=tt\r\n"
-        "Call-ID: id\r\n"
-        "CSeq:  4711 \t REGISTER \r\n"
-        "Max-Forwards: 69\r\n"
-        "Expires: 3600\r\n"
-        "Contact: <sip:b@10.0.0.1>;expires=60, <sip:b@10.0.0.2>\r\n"
-        "c: application/sdp\r\n"
-        "Record-Route: <sip:p1;lr>, <sip:p2;lr>\r\n"
-        "Route: <sip:r1;lr>\r\n\r\n");
-    ASSERT_TRUE(m);
-    EXPECT_EQ(m->cseq(), (CSeq{4711, "REGISTER"}));
-    EXPECT_EQ(m->fromTag(), "ft");
-    EXPECT_EQ(m->toTag(), "tt");
-    EXPECT_EQ(m->maxForwards(), 69);
-    EXPECT_EQ(m->expires(), 3600);
-    EXPECT_EQ(m->contact(), "<sip:b@10.0.0.1>;expires=60");
-    EXPECT_EQ(m->contentType(), "application/sdp");
-    EXPECT_EQ(m->recordRoutes(), (std::vector<std::string>{"<sip:p1;lr>", "<sip:p2;lr>"}));
-    EXPECT_EQ(m->routes(), std::vector<std::string>{"<sip:r1;lr>"});
-
-    SipMessage empty;
-    EXPECT_FALSE(empty.cseq());
-    EXPECT_FALSE(empty.maxForwards());
-    EXPECT_FALSE(empty.expires());
-    EXPECT_FALSE(empty.contact());
-    EXPECT_EQ(empty.fromTag(), "");
-    EXPECT_EQ(empty.callId(), "");
+    EXPECT_EQ(m->toString(), "INVITE sip:bob@h SIP/2.0\r\n" + kInviteHeaders +
+                                 "Content-Type: text/plain\r\nContent-Length: 5\r\n\r\nhello");
 }
 
 TEST(SipMessageTest, HeaderIntegersFollowOneRule) {
@@ -269,85 +108,50 @@ TEST(SipMessageTest, HeaderIntegersFollowOneRule) {
         const char* text;
         std::optional<int64_t> value;
     } cases[] = {
-        {"0", 0},
         {" \t70\r\n", 70},
         {"-3", -3},
-        {"\v12\f", 12},
         {"9223372036854775807", INT64_MAX},
-        {"-9223372036854775808", INT64_MIN},
         {"9223372036854775808", std::nullopt},
-        {"-9223372036854775809", std::nullopt},
-        {"", std::nullopt},
         {"-", std::nullopt},
         {"+5", std::nullopt},
-        {"5a", std::nullopt},
         {"5 5", std::nullopt},
-        {"0x10", std::nullopt},
     };
     for (const auto& c : cases) EXPECT_EQ(parseHeaderInteger(c.text), c.value) << c.text;
 }
 
 TEST(SipMessageTest, CanonicalNamesFollowTheCompactAndIrregularTables) {
     const std::pair<const char*, const char*> cases[] = {
-        {"i", "Call-ID"}, {"M", "Contact"}, {"e", "Content-Encoding"}, {"l", "Content-Length"},
-        {"c", "Content-Type"}, {"f", "From"}, {"s", "Subject"}, {"k", "Supported"}, {"t", "To"},
-        {"V", "Via"}, {"o", "Event"}, {"r", "Refer-To"}, {"u", "Allow-Events"}, {"b", "Referred-By"},
-        {"x", "Session-Expires"}, {"a", "Accept-Contact"}, {"j", "Reject-Contact"},
-        {"d", "Request-Disposition"}, {"y", "Identity"}, {"z", "Z"}, {"call-id", "Call-ID"},
-        {"CSEQ", "CSeq"}, {"www-authenticate", "WWW-Authenticate"}, {"Mime-Version", "MIME-Version"},
-        {"RACK", "RAck"}, {"rseq", "RSeq"}, {"x-my-header", "X-My-Header"}, {"X-MY-HEADER", "X-My-Header"},
-        {" proxy-authorization ", "Proxy-Authorization"}, {"record-route", "Record-Route"}, {"-x-", "-X-"},
-        {"min-se", "Min-SE"}, {"sip-etag", "SIP-ETag"}, {"Sip-If-Match", "SIP-If-Match"},
+        {"i", "Call-ID"},
+        {"M", "Contact"},
+        {"x", "Session-Expires"},
+        {"z", "Z"},
+        {"CSEQ", "CSeq"},
+        {"www-authenticate", "WWW-Authenticate"},
+        {"RACK", "RAck"},
+        {"X-MY-HEADER", "X-My-Header"},
+        {" proxy-authorization ", "Proxy-Authorization"},
+        {"min-se", "Min-SE"},
+        {"Sip-If-Match", "SIP-If-Match"},
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(canonicalHeaderName(in), out) << in;
 }
 
-TEST(SipMessageTest, ReasonPhrasesFallBackByClass) {
-    const std::pair<int, const char*> cases[] = {
-        {100, "Trying"}, {183, "Session Progress"}, {200, "OK"}, {302, "Moved Temporarily"},
-        {401, "Unauthorized"}, {406, "Not Acceptable"}, {481, "Call/Transaction Does Not Exist"},
-        {491, "Request Pending"}, {504, "Server Time-out"}, {606, "Not Acceptable"},
-        {604, "Does Not Exist Anywhere"}, {199, "Provisional"}, {299, "Success"}, {399, "Redirection"},
-        {499, "Client Error"}, {599, "Server Error"}, {699, "Global Failure"},
-    };
-    for (const auto& [code, text] : cases) EXPECT_EQ(reasonPhrase(code), text) << code;
-}
-
-class MakeResponseTest : public ::testing::Test {
-protected:
+TEST(MakeResponseTest, CopiesTheDialogHeadersAndTagsAndRoutesByTheCode) {
     SipMessage request = *SipMessage::parse(invite(
-        "Via: SIP/2.0/UDP proxy;branch=z9hG4bK9\r\n"
-        "Record-Route: <sip:p1;lr>, <sip:p2;lr>\r\n"
-        "Timestamp: 54\r\n"
-        "Subject: not copied\r\n"
-        "Content-Type: application/sdp\r\n",
-        "v=0\r\n"));
-};
-
-TEST_F(MakeResponseTest, CopiesTheDialogHeadersInOrder) {
+        "Record-Route: <sip:p1;lr>, <sip:p2;lr>\r\nTimestamp: 54\r\nSubject: not copied\r\n", "v=0\r\n"));
     const SipMessage r = makeResponse(request, 180, "", "tt");
     std::vector<std::string> names;
     for (const HeaderField& h : r.headers()) names.push_back(h.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"Via", "Via", "From", "To", "Call-ID", "CSeq", "Record-Route",
-                                                "Record-Route", "Timestamp"}));
+    EXPECT_EQ(names, (std::vector<std::string>{"Via", "From", "To", "Call-ID", "CSeq", "Record-Route",
+                                               "Record-Route", "Timestamp"}));
     EXPECT_EQ(r.reason, "Ringing");
-    EXPECT_EQ(r.vias(), request.vias());
     EXPECT_EQ(r.header("To"), "<sip:bob@h>;tag=tt");
     EXPECT_TRUE(r.body.empty());
-    EXPECT_TRUE(r.validate());
-}
-
-TEST_F(MakeResponseTest, TagsAndRouteSetsDependOnTheCode) {
-    EXPECT_EQ(makeResponse(request, 100, "", "tt").toTag(), "");        // 100 is hop by hop
-    EXPECT_EQ(makeResponse(request, 200, "", "").toTag(), "");          // no tag given
-    EXPECT_EQ(makeResponse(request, 486, "", "tt").toTag(), "tt");
-    EXPECT_TRUE(makeResponse(request, 486, "", "tt").recordRoutes().empty());
+    EXPECT_EQ(makeResponse(request, 100, "", "tt").toTag(), "");  // 100 is hop by hop
     EXPECT_TRUE(makeResponse(request, 100, "", "tt").recordRoutes().empty());
-    EXPECT_EQ(makeResponse(request, 101, "", "tt").recordRoutes().size(), 2U);
     EXPECT_EQ(makeResponse(request, 299, "", "tt").recordRoutes().size(), 2U);
     EXPECT_TRUE(makeResponse(request, 300, "", "tt").recordRoutes().empty());
     EXPECT_EQ(makeResponse(request, 603, "Not Today", "").reason, "Not Today");
-
     // An existing To tag is never replaced; a tag without a value is.
     request.setHeader("To", "sip:bob@h;tag=old");
     EXPECT_EQ(makeResponse(request, 200, "", "new").header("To"), "sip:bob@h;tag=old");

@@ -31,23 +31,21 @@ protected:
         ua->setListener(events);
         lineId = addLine(peer.hostPort());
     }
-
     int subscribe(int expires = 600) {
         return ua->subscribe(lineId, "sip:vm@" + peer.hostPort(), "message-summary", expires);
     }
     std::optional<SipMessage> expectSubscribe() { return peer.expect("SUBSCRIBE", pump, 2s); }
     // The notifier's NOTIFY within the dialog `subscribe` opened.
     void notify(const SipMessage& subscribe, const std::string& state, std::string_view body = kSummary,
-                const std::string& tag = "peer", const std::string& event = "message-summary") {
-        const std::string n = std::to_string(++notifies_);
-        const std::string text =
-            "NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() + ";branch=z9hG4bKn" + n + "\r\nMax-Forwards: 70\r\nFrom: <sip:vm@" + peer.hostPort() + ">;tag=" + tag +
-            "\r\nTo: " + subscribe.header("From").value_or("") + "\r\nCall-ID: " + subscribe.callId() +
-            "\r\nCSeq: " + n + " NOTIFY\r\nContact: <sip:vm@" + peer.hostPort() +
-            ">\r\nEvent: " + event + "\r\nSubscription-State: " + state + "\r\n" +
-            (body.empty() ? "" : "Content-Type: application/simple-message-summary\r\n") +
-            "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
-        toUs(text);
+                const std::string& tag = "peer") {
+        const std::string type = body.empty() ? "" : "Content-Type: application/simple-message-summary\r\n";
+        toUs({.method = "NOTIFY",
+              .callId = subscribe.callId(),
+              .extra = "Event: message-summary\r\nSubscription-State: " + state + "\r\n" + type,
+              .body = std::string(body),
+              .cseq = ++notifies_,
+              .toTag = subscribe.fromTag(),
+              .fromTag = tag});
     }
     // Subscribes and lets the notifier accept with `expires` and an active NOTIFY.
     std::optional<SipMessage> activeSubscription(int& id, int expires = 600) {
@@ -64,16 +62,12 @@ protected:
     }
     // The subscription has been reported ended and forgotten.
     bool gone(int id) {
-        return test::waitFor([&] {
-            pump();
-            return !ua->subscriptionInfo(id);
-        }, 2s);
+        return settle([&] { return !ua->subscriptionInfo(id); }, 2s);
     }
     std::vector<std::string> settledEvents() {
         pump();
         return events->take();
     }
-
     std::shared_ptr<Events> events = std::make_shared<Events>();
     int lineId = 0;
 
@@ -85,16 +79,10 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     int id = 0;
     const auto first = activeSubscription(id, 600);
     ASSERT_TRUE(first);
-    EXPECT_EQ(first->requestUri.toString(), "sip:vm@" + peer.hostPort());
-    EXPECT_EQ(first->header("Event"), "message-summary");
-    EXPECT_EQ(first->expires(), 600);
     EXPECT_EQ(first->header("Accept"), "application/simple-message-summary");
-    EXPECT_EQ(first->header("CSeq"), "1 SUBSCRIBE");
-    EXPECT_EQ(first->contact(), "<sip:alice@" + us() + ">");
-    EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing", "body 1 message-summary Messages-Waiting: yes",
+    EXPECT_EQ(settledEvents(), (std::vector<std::string>{"state subscribing",
+                                                         "body 1 message-summary Messages-Waiting: yes",
                                                          "state active"}));
-    EXPECT_EQ(ua->subscriptionInfo(id)->expires, 600);
-
     // 600 s granted: refreshed 30 s ahead, in the dialog.
     std::optional<SipMessage> refresh;
     EXPECT_EQ(nextSubscribeWithin(600s, &refresh), 570);
@@ -112,7 +100,6 @@ TEST_F(SubscriptionTest, SubscribesAndRefreshesWithinTheDialogBeforeItExpires) {
     notify(*first, "active;expires=40");
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(nextSubscribeWithin(40s), 20);
-    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
 }
 
 TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherForkIsRefused) {
@@ -129,39 +116,13 @@ TEST_F(SubscriptionTest, ANotifyBeforeTheTwoHundredSetsUpTheDialogAndAnotherFork
     notify(*s, "active;expires=600");
     EXPECT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
-    std::optional<SipMessage> refresh;
-    ASSERT_TRUE(nextSubscribeWithin(600s, &refresh));
-    EXPECT_EQ(refresh->toTag(), "peer");
-}
-
-TEST_F(SubscriptionTest, NotifyOutsideTheRulesIsRefusedAndChangesNothing) {
-    int id = 0;
-    const auto s = activeSubscription(id);
-    ASSERT_TRUE(s);
-    (void)settledEvents();
-    notify(*s, "active", kSummary, "peer", "presence");  // not the subscription's package
-    EXPECT_TRUE(peer.expectResponse(489, pump));
-    // No Subscription-State: the request is broken.
-    peer.send("NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
-                  ";branch=z9hG4bKx1\r\nMax-Forwards: 70\r\nFrom: <sip:vm@" + peer.hostPort() + ">;tag=peer\r\nTo: " +
-                  s->header("From").value_or("") + "\r\nCall-ID: " + s->callId() +
-                  "\r\nCSeq: 50 NOTIFY\r\nEvent: message-summary\r\nContent-Length: 0\r\n\r\n",
-              ua->localAddress(TransportKind::Udp));
-    EXPECT_TRUE(peer.expectResponse(400, pump));
-    // A summary that is not one is answered but not passed on.
-    notify(*s, "active", "Voice-Message: lots\r\n");
-    EXPECT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_TRUE(logs.has("subscription " + std::to_string(id) + ": unreadable message summary: "));
-    EXPECT_EQ(settledEvents(), std::vector<std::string>{});
-    EXPECT_EQ(ua->subscriptionInfo(id)->state, "active");
 }
 
 TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain) {
-    struct Case {
-        std::string state;
+    const struct {
+        const char* state;
         std::optional<int64_t> again;  // seconds until a new SUBSCRIBE; none: never
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"terminated;reason=deactivated", 0},
         {"terminated;reason=timeout", 0},
         {"terminated;reason=probation;retry-after=30", 30},
@@ -171,7 +132,7 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
         {"terminated;reason=noresource", std::nullopt},
         {"terminated;reason=giveup;retry-after=5", std::nullopt},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.state);
         int id = 0;
         const auto s = activeSubscription(id);
@@ -185,7 +146,6 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
             // A new dialog of the same subscription.
             EXPECT_NE(renewed->callId(), s->callId());
             EXPECT_TRUE(renewed->toTag().empty());
-            EXPECT_EQ(ua->subscriptionInfo(id)->state, "subscribing");
             EXPECT_TRUE(ua->unsubscribe(id));
             answer(*renewed, 481);
             (void)settledEvents();
@@ -196,21 +156,6 @@ TEST_F(SubscriptionTest, TerminationReasonsDecideWhetherAndWhenToSubscribeAgain)
             EXPECT_TRUE(gone(id));
         }
     }
-}
-
-TEST_F(SubscriptionTest, ANotifierThatEndsEverySubscriptionAtOnceIsGivenUpAfterFive) {
-    const int id = subscribe();
-    for (int round = 0; round <= 5; ++round) {
-        const auto s = expectSubscribe();
-        ASSERT_TRUE(s) << round;
-        answer(*s, 200, "Expires: 600\r\n");
-        notify(*s, "terminated;reason=deactivated", "");
-        ASSERT_TRUE(peer.expectResponse(200, pump));
-    }
-    EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 50ms));
-    const auto seen = settledEvents();
-    EXPECT_EQ(seen.back(), "state terminated deactivated");
-    EXPECT_TRUE(gone(id));
 }
 
 TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
@@ -226,7 +171,6 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     notify(*s, "active;expires=1800");
     ASSERT_TRUE(peer.expectResponse(200, pump));
     EXPECT_EQ(ua->subscriptionInfo(first)->expires, 1800);
-
     // 489: the notifier does not know the package; nothing follows.
     const int second = subscribe();
     s = expectSubscribe();
@@ -234,7 +178,6 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     answer(*s, 489);
     EXPECT_TRUE(gone(second));
     EXPECT_TRUE(peer.quiet("SUBSCRIBE", pump, 20ms));
-
     // Accepted, but no NOTIFY within 64*T1: tried again as a new subscription.
     const int third = subscribe();
     s = expectSubscribe();
@@ -246,28 +189,6 @@ TEST_F(SubscriptionTest, AnswersToTheSubscribeThatEndOrReshapeIt) {
     EXPECT_TRUE(logs.has("subscription " + std::to_string(third) + ": no NOTIFY after the SUBSCRIBE was accepted"));
     const auto seen = settledEvents();
     EXPECT_NE(std::find(seen.begin(), seen.end(), "state terminated bad-event 489"), seen.end());
-}
-
-TEST_F(SubscriptionTest, AFailedRefreshHoldsUntilExpiryAndA481StartsOverAtOnce) {
-    int id = 0;
-    const auto s = activeSubscription(id, 120);
-    ASSERT_TRUE(s);
-    std::optional<SipMessage> refresh;
-    EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
-    answer(*refresh, 500);
-    // Still active until the 120 s run out, then a new dialog.
-    std::optional<SipMessage> renewed;
-    EXPECT_EQ(nextSubscribeWithin(60s, &renewed), 30);
-    EXPECT_NE(renewed->callId(), s->callId());
-    answer(*renewed, 200, "Expires: 120\r\n");
-    notify(*renewed, "active;expires=120");
-    ASSERT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_EQ(nextSubscribeWithin(120s, &refresh), 90);
-    EXPECT_EQ(refresh->callId(), renewed->callId());
-    answer(*refresh, 481);
-    std::optional<SipMessage> fresh;
-    EXPECT_EQ(nextSubscribeWithin(5s, &fresh), 0);
-    EXPECT_NE(fresh->callId(), renewed->callId());
 }
 
 TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) {
@@ -287,9 +208,8 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     EXPECT_EQ(settledEvents(), (std::vector<std::string>{"body 1 message-summary Messages-Waiting: yes",
                                                          "state unsubscribed"}));
     EXPECT_TRUE(gone(id));
-    EXPECT_FALSE(nextSubscribeWithin(700s));
-
-    // Unsubscribed before the first answer: the 2xx is followed by Expires 0.
+    // Unsubscribed before the first answer: the 2xx is followed by Expires 0,
+    // and without a last NOTIFY the subscription ends after 64*T1 anyway.
     const int early = subscribe();
     const auto first = expectSubscribe();
     ASSERT_TRUE(first);
@@ -299,31 +219,8 @@ TEST_F(SubscriptionTest, UnsubscribingSendsExpiresZeroAndEndsWithTheLastNotify) 
     ASSERT_TRUE(withdraw);
     EXPECT_EQ(withdraw->expires(), 0);
     answer(*withdraw, 200);
-    // No last NOTIFY: the subscription ends after 64*T1 anyway.
     advance(32s);
     EXPECT_TRUE(gone(early));
-}
-
-TEST_F(SubscriptionTest, UnsolicitedMessageSummaryIsTakenOtherPackagesAreNot) {
-    const auto unsolicited = [&](const std::string& event, std::string_view body) {
-        peer.send("NOTIFY sip:alice@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
-                      ";branch=z9hG4bKu" + event + std::to_string(body.size()) + "\r\nMax-Forwards: 70\r\nFrom: <sip:" +
-                      peer.hostPort() + ">;tag=r1\r\nTo: <sip:alice@" + peer.hostPort() + ">\r\nCall-ID: u-" + event +
-                      std::to_string(body.size()) + "\r\nCSeq: 1 NOTIFY\r\nEvent: " + event +
-                      "\r\nSubscription-State: active\r\nContent-Type: application/simple-message-summary\r\n"
-                      "Content-Length: " +
-                      std::to_string(body.size()) + "\r\n\r\n" + std::string(body),
-                  ua->localAddress(TransportKind::Udp));
-    };
-    unsolicited("message-summary", kSummary);
-    EXPECT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_EQ(settledEvents(), std::vector<std::string>{"body 0 message-summary Messages-Waiting: yes"});
-    unsolicited("presence", kSummary);
-    EXPECT_TRUE(peer.expectResponse(481, pump));
-    unsolicited("message-summary", "nonsense");
-    EXPECT_TRUE(peer.expectResponse(200, pump));
-    EXPECT_EQ(settledEvents(), std::vector<std::string>{});
-    EXPECT_TRUE(logs.has("unsolicited message summary dropped: "));
 }
 
 }  // namespace

@@ -35,6 +35,18 @@ private:
     std::vector<std::string> lines_;
 };
 
+// A request the peer sends us, from <sip:peer@...> to <sip:`user`@us>.
+struct PeerRequest {
+    std::string method{};
+    std::string callId{};
+    std::string extra{};  // header lines, each ended by CRLF
+    std::string body{};
+    int cseq = 1;
+    std::string toTag{};
+    std::string fromTag = "peer";
+    std::string user = "alice";
+};
+
 class VirtualUserAgentTest : public ::testing::Test {
 protected:
     // `adjust` changes the configuration before the user agent is made.
@@ -48,35 +60,47 @@ protected:
         ua = std::make_unique<UserAgent>(config);
     }
     void SetUp() override { ASSERT_TRUE(ua->start()); }
-
     // A line "alice"; `domain` empty for one that works peer to peer.
-    int addLine(const std::string& domain) {
+    int addLine(const std::string& domain, const std::string& user = "alice") {
         LineConfig line;
-        line.user = "alice";
+        line.user = user;
         line.password = "secret";
         line.domain = domain;
         return ua->addLine(line);
     }
     void advance(std::chrono::milliseconds d) { advanceVirtualTime(ua->eventLoop(), *clock, d); }
     [[nodiscard]] std::string us() { return ua->localAddress(TransportKind::Udp).toString(); }
-    // The peer's request as it reaches our UDP port.
-    void toUs(const std::string& text) { peer.send(text, ua->localAddress(TransportKind::Udp)); }
+    void toUs(const PeerRequest& r) {
+        const std::string text =
+            r.method + " sip:" + r.user + "@" + us() + " SIP/2.0\r\nVia: SIP/2.0/UDP " + peer.hostPort() +
+            ";branch=z9hG4bKp" + std::to_string(++branches_) + "\r\nMax-Forwards: 70\r\nFrom: <sip:peer@" +
+            peer.hostPort() + ">;tag=" + r.fromTag + "\r\nTo: <sip:" + r.user + "@" + us() + ">" +
+            (r.toTag.empty() ? "" : ";tag=" + r.toTag) + "\r\nCall-ID: " + r.callId + "\r\nCSeq: " +
+            std::to_string(r.cseq) + " " + r.method + "\r\nContact: <sip:peer@" + peer.hostPort() + ">\r\n" +
+            r.extra + "Content-Length: " + std::to_string(r.body.size()) + "\r\n\r\n" + r.body;
+        peer.send(text, ua->localAddress(TransportKind::Udp));
+    }
     // The peer answers `request`, and the user agent has taken the answer
     // before the test moves time on (else a jump could time out the
     // transaction the answer was meant for).
-    void answer(const SipMessage& request, int code, const std::string& extra = "", const std::string& toTag = "peer") {
+    void answer(const SipMessage& request, int code, const std::string& extra = "",
+                const std::string& toTag = "peer") {
         const size_t before = received();
         peer.answer(request, code, extra, toTag);
-        EXPECT_TRUE(waitFor([&] {
-            pump();
-            return received() > before;
-        }, std::chrono::seconds(2)));
+        EXPECT_TRUE(settle([&] { return received() > before; }));
         pump();
     }
     [[nodiscard]] size_t received() const {
         size_t n = 0;
         for (const std::string& line : logs.lines()) n += line.rfind("RECV", 0) == 0;
         return n;
+    }
+    // Runs the loop until `done` holds; false when it did not within `limit`.
+    bool settle(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+        return waitFor([&] {
+            pump();
+            return done();
+        }, limit);
     }
     // Moves virtual time on in 1 s steps until a `method` request comes:
     // how long that took, or nothing within `limit`.
@@ -92,20 +116,14 @@ protected:
         }
         return std::nullopt;
     }
-    // The header names of `m` in order, a list header's repeats as one.
-    static std::vector<std::string> headerNames(const SipMessage& m) {
-        std::vector<std::string> names;
-        for (const HeaderField& h : m.headers()) {
-            if (names.empty() || names.back() != h.name) names.push_back(h.name);
-        }
-        return names;
-    }
-
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::unique_ptr<UserAgent> ua;
     ScriptedPeer peer;
     LogCapture logs;
     ScriptedPeer::Pump pump = [this] { ua->eventLoop().runDue(); };
+
+private:
+    int branches_ = 0;
 };
 
 }  // namespace kelsip::test

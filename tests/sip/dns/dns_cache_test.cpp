@@ -54,12 +54,10 @@ TEST(DnsAnswerTest, FollowsTheCnameChainToTheRecordsAsked) {
     EXPECT_EQ(a.status, DnsStatus::Ok);
     EXPECT_EQ(lastBytes(a), (std::vector<uint8_t>{1, 2}));
     EXPECT_EQ(a.ttlSeconds, 100U) << "the chain lives as long as its shortest link";
-
     // Asking for the alias itself gives the CNAME, not what it leads to.
     const DnsAnswer alias = answerFromResponse(m, "www.test", RecordType::CNAME);
     ASSERT_EQ(alias.records.size(), 1U);
     EXPECT_EQ(alias.records[0].target() ? *alias.records[0].target() : "", "mid.test");
-
     // A loop of aliases ends, with nothing found.
     const Message loop = response(Rcode::NoError, {cnameRecord("a.test", "b.test", 60), cnameRecord("b.test", "a.test", 60)});
     EXPECT_TRUE(answerFromResponse(loop, "a.test", RecordType::A).records.empty());
@@ -116,13 +114,11 @@ TEST(DnsCacheTest, KeepsAnAnswerForExactlyItsLifetime) {
     DnsCache cache;
     const int64_t start = 1000 * kSecond;
     cache.put("Host.Test.", RecordType::A, okAnswer(1, 60), start);
-
     const auto early = cache.get("host.test", RecordType::A, start + 59 * kSecond + kSecond / 2);
     ASSERT_TRUE(early) << "names are cached without case or final dot";
     EXPECT_TRUE(early->fromCache);
     EXPECT_EQ(early->ttlSeconds, 1U) << "what is left, rounded up";
     EXPECT_EQ(lastBytes(*early), (std::vector<uint8_t>{1}));
-
     EXPECT_FALSE(cache.get("host.test", RecordType::AAAA, start)) << "the type is part of the key";
     EXPECT_FALSE(cache.get("host.test", RecordType::A, start + 60 * kSecond));
     EXPECT_EQ(cache.size(), 0U) << "an expired answer is dropped when met";
@@ -138,13 +134,11 @@ TEST(DnsCacheTest, KeepsNegativeAnswersButNotFailuresOrZeroLifetimes) {
     ASSERT_TRUE(hit);
     EXPECT_EQ(hit->status, DnsStatus::NoSuchName);
     EXPECT_FALSE(cache.get("gone.test", RecordType::A, 5 * kSecond));
-
     DnsAnswer failed;
     failed.error = "timed out";
     failed.ttlSeconds = 60;
     cache.put("slow.test", RecordType::A, failed, 0);
     EXPECT_FALSE(cache.get("slow.test", RecordType::A, 0));
-
     cache.put("zero.test", RecordType::A, okAnswer(1, 0), 0);
     EXPECT_FALSE(cache.get("zero.test", RecordType::A, 0));
 }
@@ -160,7 +154,6 @@ TEST(DnsCacheTest, WhenFullDropsExpiredThenSoonestToExpire) {
     EXPECT_TRUE(cache.get("b.test", RecordType::A, 0));
     EXPECT_TRUE(cache.get("c.test", RecordType::A, 0));
     EXPECT_TRUE(cache.get("d.test", RecordType::A, 0));
-
     // At 60 s c has expired: it makes the room, b (soonest alive) stays.
     cache.put("e.test", RecordType::A, okAnswer(5, 10), 60 * kSecond);
     EXPECT_EQ(cache.size(), 3U);

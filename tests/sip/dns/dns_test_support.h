@@ -47,7 +47,6 @@ public:
     Wire& string(std::string_view s) { return u8(static_cast<unsigned>(s.size())).text(s); }
     // Type, class IN, TTL and the data length of a record whose name was just written.
     Wire& record(unsigned type, uint32_t ttl, unsigned dataLength) { return u16(type).u16(1).u32(ttl).u16(dataLength); }
-
     [[nodiscard]] size_t size() const { return bytes_.size(); }
     [[nodiscard]] const std::vector<uint8_t>& bytes() const { return bytes_; }
 
@@ -94,7 +93,6 @@ struct SilentServer {
         while (socket.receiveFrom(buffer, sizeof buffer, from).ok()) ++count;
         return count;
     }
-
     net::Socket socket;
     net::SocketAddress address;
 };

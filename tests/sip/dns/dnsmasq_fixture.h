@@ -23,14 +23,12 @@ protected:
         ASSERT_TRUE(DnsmasqServer::installed("dnsmasq"))
             << "dnsmasq not found: install dnsmasq-base (scripts/setup does)";
     }
-
     void TearDown() override {
         if (!HasFailure()) return;
         for (const auto& server : servers_) {
             std::cerr << "---- dnsmasq on " << server->address().toString() << " ----\n" << server->log() << "----\n";
         }
     }
-
     // Starts one more dnsmasq with these configuration lines; kept until
     // the test ends. Null (with a failure recorded) when it did not start.
     DnsmasqServer* startDnsmasq(const std::vector<std::string>& config) {

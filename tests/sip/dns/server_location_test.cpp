@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <future>
 #include <optional>
-#include <random>
 
 #include "dns_test_support.h"
 #include "dnsmasq_fixture.h"
@@ -68,7 +66,6 @@ TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
 struct OfflineLocator {
     explicit OfflineLocator(ServerLocationOptions options = {})
         : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, clientOptions()), locator(client, options) {}
-
     DnsClientOptions clientOptions() {
         DnsClientOptions o;
         o.servers = {silent.address};
@@ -83,7 +80,6 @@ struct OfflineLocator {
         EXPECT_TRUE(runUntil(loop, [&] { return result.has_value(); }));
         return result.value_or(LocateResult{});
     }
-
     SilentServer silent;
     std::shared_ptr<ManualClock> clock;
     EventLoop loop;
@@ -124,26 +120,6 @@ TEST(ServerLocationTest, NumericHostsAndRefusedUrisNeedNoDns) {
                   });
 }
 
-TEST(ServerLocationTest, FollowsTheEnabledTransports) {
-    ServerLocationOptions withTls;
-    withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
-    OfflineLocator tls(withTls);
-    checkRules(tls, {
-                        {"sips:192.0.2.1", {"TLS 192.0.2.1:5061"}},
-                        {"sips:192.0.2.1;transport=tcp", {"TLS 192.0.2.1:5061"}},
-                        {"sip:192.0.2.1:5070;transport=tls", {"TLS 192.0.2.1:5070"}},
-                    });
-
-    ServerLocationOptions udpOnly;
-    udpOnly.transports = {TransportKind::Udp};
-    OfflineLocator udp(udpOnly);
-    checkRules(udp, {
-                        {"sip:192.0.2.1;transport=tcp", {}, "transport not enabled"},
-                        {"sip:proxy.test:5070;transport=tcp", {}, "transport not enabled"},
-                        {"sip:proxy.test;transport=tcp", {}, "transport not enabled"},
-                    });
-}
-
 TEST(ServerLocationTest, CancelledOrDestroyedLocatorsNeverCallBack) {
     OfflineLocator l;
     bool called = false;
@@ -161,8 +137,7 @@ TEST(ServerLocationTest, CancelledOrDestroyedLocatorsNeverCallBack) {
 // One zone for every resolution case; dnsmasq answers for *.test and
 // nothing else.
 const std::vector<std::string> kZone = {
-    "local=/test/",
-    "local-ttl=60",
+    "local=/test/", "local-ttl=60",
     // NAPTR -> SRV -> A/AAAA. By order: SCTP (unknown here), TLS (not
     // built), TCP, UDP.
     "naptr-record=naptr.test,1,10,s,SIP+D2S,,_sip._sctp.naptr.test",
@@ -170,28 +145,17 @@ const std::vector<std::string> kZone = {
     "naptr-record=naptr.test,20,10,s,SIP+D2U,,_sip._udp.naptr.test",
     "naptr-record=naptr.test,10,10,s,SIP+D2T,,_sip._tcp.naptr.test",
     "naptr-record=naptr.test,10,20,a,SIP+D2U,,udp.naptr.test",
-    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0",
-    "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
-    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0",
-    "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
-    "host-record=sctp.naptr.test,127.0.0.20",
-    "host-record=tls.naptr.test,127.0.0.23",
+    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0", "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
+    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0", "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
+    "host-record=sctp.naptr.test,127.0.0.20", "host-record=tls.naptr.test,127.0.0.23",
     // Sent along in the SRV answer's additional section.
     "host-record=tcp.naptr.test,127.0.0.21,::21",
     // Not sent along: needs its own A/AAAA lookups.
     "address=/udp.naptr.test/127.0.0.22",
     // SRV only, two priorities for UDP, one TCP record.
-    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0",
-    "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
-    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0",
-    "host-record=first.prio.test,127.0.0.31",
-    "host-record=second.prio.test,127.0.0.32",
-    "host-record=tcp.prio.test,127.0.0.33",
-    // SRV only, one priority, weights 60 and 20.
-    "srv-host=_sip._udp.weight.test,heavy.weight.test,5060,10,60",
-    "srv-host=_sip._udp.weight.test,light.weight.test,5060,10,20",
-    "host-record=heavy.weight.test,127.0.0.41",
-    "host-record=light.weight.test,127.0.0.42",
+    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0", "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
+    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0", "host-record=first.prio.test,127.0.0.31",
+    "host-record=second.prio.test,127.0.0.32", "host-record=tcp.prio.test,127.0.0.33",
     // No NAPTR, no SRV: addresses only.
     "host-record=plain.test,127.0.0.51,::51",
 };
@@ -214,7 +178,6 @@ protected:
         loop_.reset();
         test::DnsmasqTest::TearDown();
     }
-
     LocateResult locate(std::string_view text, ServerLocationOptions options = {}) {
         ServerLocator locator(*client_, std::move(options));
         return locateWith(locator, text);
@@ -227,7 +190,6 @@ protected:
         EXPECT_TRUE(runUntil(*loop_, [&] { return result.has_value(); })) << text;
         return result.value_or(LocateResult{});
     }
-
     test::DnsmasqServer* dnsmasq_ = nullptr;
     std::shared_ptr<ManualClock> clock_;
     std::unique_ptr<EventLoop> loop_;
@@ -240,19 +202,16 @@ TEST_F(ServerLocationDnsmasqTest, FollowsNaptrThenSrvThenAddresses) {
     // record without the "s" flag are passed over.
     EXPECT_EQ(targetTexts(locate("sip:naptr.test").targets),
               (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
-
     ServerLocationOptions v6First;
     v6First.addressOrder = AddressOrder::V6First;
     EXPECT_EQ(targetTexts(locate("sip:naptr.test", v6First).targets),
               (std::vector<std::string>{"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"}));
-
     ServerLocationOptions withTls;
     withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
     EXPECT_EQ(targetTexts(locate("sip:naptr.test", withTls).targets),
               (std::vector<std::string>{"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070",
                                         "UDP 127.0.0.22:5080"}));
     EXPECT_EQ(targetTexts(locate("sips:naptr.test", withTls).targets), (std::vector<std::string>{"TLS 127.0.0.23:5061"}));
-
     const LocateResult noTls = locate("sips:naptr.test");
     EXPECT_TRUE(noTls.targets.empty());
     EXPECT_EQ(noTls.error, "transport not enabled");
@@ -261,43 +220,15 @@ TEST_F(ServerLocationDnsmasqTest, FollowsNaptrThenSrvThenAddresses) {
 TEST_F(ServerLocationDnsmasqTest, WithoutNaptrTriesSrvPerTransportInPriorityOrder) {
     EXPECT_EQ(targetTexts(locate("sip:prio.test").targets),
               (std::vector<std::string>{"UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002", "TCP 127.0.0.33:5003"}));
-
     ServerLocationOptions tcpFirst;
     tcpFirst.transports = {TransportKind::Tcp, TransportKind::Udp};
     EXPECT_EQ(targetTexts(locate("sip:prio.test", tcpFirst).targets),
               (std::vector<std::string>{"TCP 127.0.0.33:5003", "UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002"}));
-
     // Without UDP, the last resort is TCP on 5060.
     ServerLocationOptions tcpOnly;
     tcpOnly.transports = {TransportKind::Tcp};
     EXPECT_EQ(targetTexts(locate("sip:plain.test", tcpOnly).targets),
               (std::vector<std::string>{"TCP 127.0.0.51:5060", "TCP [::51]:5060"}));
-}
-
-TEST_F(ServerLocationDnsmasqTest, EqualPrioritiesComeInWeightedRandomOrder) {
-    ServerLocationOptions options;
-    auto engine = std::make_shared<std::mt19937>(3263);
-    options.random = [engine](uint32_t bound) { return std::uniform_int_distribution<uint32_t>(0, bound)(*engine); };
-    ServerLocator locator(*client_, options);
-    const std::vector<std::string> heavyFirst = {"UDP 127.0.0.41:5060", "UDP 127.0.0.42:5060"};
-    const std::vector<std::string> lightFirst = {"UDP 127.0.0.42:5060", "UDP 127.0.0.41:5060"};
-    int heavy = 0;
-    int light = 0;
-    for (int i = 0; i < 400; ++i) {
-        const auto order = targetTexts(locateWith(locator, "sip:weight.test").targets);
-        if (order == heavyFirst) {
-            ++heavy;
-        } else if (order == lightFirst) {
-            ++light;
-        } else {
-            ADD_FAILURE() << "unexpected targets at run " << i;
-            break;
-        }
-    }
-    // 60 : 20 -> three in four runs start with the heavy one.
-    EXPECT_NEAR(heavy, 300, 45);
-    EXPECT_EQ(heavy + light, 400);
-    EXPECT_LE(client_->stats().udpQueriesSent, 8U) << "repeated lookups come from the cache";
 }
 
 TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
@@ -328,29 +259,6 @@ TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
         EXPECT_EQ(r.error, c.error);
         EXPECT_EQ(client_->stats().udpQueriesSent - before, c.queries);
     }
-}
-
-TEST_F(ServerLocationDnsmasqTest, ResolvesPastASilentFirstServer) {
-    // Real time here: every query of the three stages meets the silent
-    // server first, so the try time-out is kept short.
-    SilentServer silent;
-    EventLoop loop;
-    DnsClientOptions options;
-    options.servers = {silent.address, dnsmasq_->address()};
-    options.tryTimeout = 150ms;
-    options.triesPerServer = 1;
-    DnsClient client(loop, options);
-    ServerLocator locator(client);
-    loop.start();
-
-    std::promise<LocateResult> promise;
-    auto future = promise.get_future();
-    loop.post([&] { locator.locate(*SipUri::parse("sip:naptr.test"), [&](LocateResult r) { promise.set_value(std::move(r)); }); });
-    ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(targetTexts(future.get().targets),
-              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
-    loop.stop();
-    EXPECT_GE(silent.drain(), 3U) << "NAPTR, SRV and A/AAAA each met the silent server first";
 }
 
 }  // namespace
