@@ -85,6 +85,7 @@ TEST(DnsAnswerTest, StatusAndLifetimeFollowTheRcodeAndTheSoa) {
         {"records only under another name", response(Rcode::NoError, {addressRecord("x.test", 1, 90)}),
          DnsStatus::Ok, "", 30},
         {"server failure", response(Rcode::ServerFailure, none), DnsStatus::Failed, "server failure", 0},
+        {"refused", response(Rcode::Refused, none), DnsStatus::Failed, "refused", 0},
         {"unknown rcode", response(static_cast<Rcode>(9), none), DnsStatus::Failed, "bad response", 0},
     };
     for (const Case& c : cases) {
