@@ -40,7 +40,8 @@ TEST(VirtualLoopTest, RunsTasksThenTimersInDueThenIdOrderAndForgetsCancelledOnes
     loop.cancel(999999);     // never issued
     EXPECT_EQ(loop.runDue(), 4U);
     advanceVirtualTime(loop, *clock, 100ms);
-    EXPECT_EQ(ran, (std::vector<std::string>{"task1@0", "task2", "task3@0", "now@0", "a1@10", "a2@10", "b@20", "c@30"}));
+    const std::vector<std::string> order = {"task1@0", "task2", "task3@0", "now@0", "a1@10", "a2@10", "b@20", "c@30"};
+    EXPECT_EQ(ran, order);
     EXPECT_EQ(loop.pendingTimers(), 0U);
     EXPECT_LT(cancelled, byTimer);  // ids grow and are never reused
 }

@@ -74,7 +74,9 @@ TEST(ViaAnnotationTest, MarksWhereARequestReallyCameFrom) {
         {"SIP/2.0/UDP host.example.com;branch=z9hG4bK1",
          "192.0.2.1:5060",
          "SIP/2.0/UDP host.example.com;branch=z9hG4bK1;received=192.0.2.1"},
-        {"SIP/2.0/UDP [2001:db8::1];branch=z9hG4bK1", "[2001:db8::1]:5060", "SIP/2.0/UDP [2001:db8::1];branch=z9hG4bK1"},
+        {"SIP/2.0/UDP [2001:db8::1];branch=z9hG4bK1",
+         "[2001:db8::1]:5060",
+         "SIP/2.0/UDP [2001:db8::1];branch=z9hG4bK1"},
     };
     for (const auto& c : cases) {
         auto m = SipMessage::parse(request(c.via));
