@@ -53,7 +53,6 @@ TEST(DnsClientTest, TriesEachServerOnScheduleThenFails) {
     for (uint64_t sent = 1; sent <= 4; ++sent) {
         SCOPED_TRACE(sent);
         ASSERT_TRUE(c.waitSent(sent));
-        EXPECT_EQ(c.client.stats().udpQueriesSent, sent);
         c.loop.runDue();
         EXPECT_FALSE(answer->has_value());
         c.advance(1000ms);
@@ -61,7 +60,6 @@ TEST(DnsClientTest, TriesEachServerOnScheduleThenFails) {
     ASSERT_TRUE(c.waitAnswer(answer));
     EXPECT_EQ((*answer)->status, DnsStatus::Failed);
     EXPECT_EQ((*answer)->error, "timed out");
-    EXPECT_EQ(c.client.stats().udpQueriesSent, 4U);
     EXPECT_EQ(first.drain(), 2U);
     EXPECT_EQ(second.drain(), 2U);
 }
@@ -100,9 +98,6 @@ TEST(DnsClientTest, TakesOnlyTheAnswerThatMatchesItsQuery) {
     ASSERT_TRUE(query);
     const auto decoded = decodeMessage(*query);
     ASSERT_TRUE(decoded);
-    EXPECT_TRUE(decoded->header.recursionDesired);
-    ASSERT_EQ(decoded->questions.size(), 1U);
-    EXPECT_EQ(decoded->questions[0].name, "match.test");
     const unsigned id = decoded->header.id;
     const auto send = [&](SilentServer& from, const std::vector<uint8_t>& bytes) {
         ASSERT_TRUE(from.socket.sendTo(bytes.data(), bytes.size(), client).ok());
@@ -110,59 +105,38 @@ TEST(DnsClientTest, TakesOnlyTheAnswerThatMatchesItsQuery) {
     send(server, answerTo(id ^ 0x5A5A, "match.test", 1));  // another id
     send(server, answerTo(id, "other.test", 2));           // another question
     send(stranger, answerTo(id, "match.test", 3));         // another sender
-    std::vector<uint8_t> query0 = *query;                  // the query itself, not a response
-    send(server, query0);
+    send(server, *query);                                  // the query itself, not a response
     send(server, answerTo(id, "MATCH.test", 4));           // the answer
     ASSERT_TRUE(c.waitAnswer(answer));
     ASSERT_EQ((*answer)->status, DnsStatus::Ok);
     ASSERT_EQ((*answer)->records.size(), 1U);
     EXPECT_EQ((*answer)->records[0].address()->ip(), "10.0.0.4");
-    EXPECT_EQ((*answer)->server, server.address);
-    EXPECT_EQ(c.client.stats().udpQueriesSent, 1U);
 }
 
 using DnsClientDnsmasqTest = test::DnsmasqTest;
 
-TEST_F(DnsClientDnsmasqTest, CachesAnswersForTheirLifetimeInVirtualTime) {
+// What the cache keeps and for how long is the cache's own test; here, that
+// the client fills it and asks it first, on the loop's clock.
+TEST_F(DnsClientDnsmasqTest, AnswersFromTheCacheUntilTheRecordsExpire) {
     auto* dnsmasq = startDnsmasq({"local=/test/", "local-ttl=60", "host-record=h.test,127.0.0.5,::5"});
     ASSERT_TRUE(dnsmasq);
     DnsClientOptions options;
     options.servers = {dnsmasq->address()};
-    options.cache.negativeTtl = 5s;
     VirtualClient c(options);
-    const auto first = c.query("h.test", RecordType::A);
-    ASSERT_TRUE(c.waitAnswer(first));
-    ASSERT_EQ((*first)->status, DnsStatus::Ok) << (*first)->error;
-    ASSERT_EQ((*first)->records.size(), 1U);
-    EXPECT_EQ((*first)->records[0].address()->ip(), "127.0.0.5");
-    EXPECT_EQ((*first)->ttlSeconds, 60U);
-    EXPECT_FALSE((*first)->fromCache);
-    EXPECT_EQ((*first)->server, dnsmasq->address());
+    const auto ask = [&c](bool fromCache) {
+        const auto answer = c.query("h.test", RecordType::A);
+        ASSERT_TRUE(c.waitAnswer(answer));
+        ASSERT_EQ((*answer)->status, DnsStatus::Ok) << (*answer)->error;
+        EXPECT_EQ((*answer)->records[0].address()->ip(), "127.0.0.5");
+        EXPECT_EQ((*answer)->fromCache, fromCache);
+    };
+    ask(false);
     c.advance(59s);
-    const auto cached = c.query("H.Test.", RecordType::A);
-    ASSERT_TRUE(c.waitAnswer(cached));
-    EXPECT_TRUE((*cached)->fromCache);
-    EXPECT_EQ((*cached)->ttlSeconds, 1U);
-    EXPECT_EQ(c.client.stats().udpQueriesSent, 1U);
-    EXPECT_EQ(c.client.stats().cacheHits, 1U);
+    ask(true);
     c.advance(1s);
-    const auto expired = c.query("h.test", RecordType::A);
-    ASSERT_TRUE(c.waitAnswer(expired));
-    EXPECT_FALSE((*expired)->fromCache);
+    ask(false);
     EXPECT_EQ(c.client.stats().udpQueriesSent, 2U);
-    // No such name: kept for the short negative lifetime only.
-    const auto missing = c.query("nothing.test", RecordType::A);
-    ASSERT_TRUE(c.waitAnswer(missing));
-    EXPECT_EQ((*missing)->status, DnsStatus::NoSuchName);
-    c.advance(4s);
-    const auto stillMissing = c.query("nothing.test", RecordType::A);
-    ASSERT_TRUE(c.waitAnswer(stillMissing));
-    EXPECT_TRUE((*stillMissing)->fromCache);
-    c.advance(1s);
-    const auto askedAgain = c.query("nothing.test", RecordType::A);
-    ASSERT_TRUE(c.waitAnswer(askedAgain));
-    EXPECT_FALSE((*askedAgain)->fromCache);
-    EXPECT_EQ(c.client.stats().udpQueriesSent, 4U);
+    EXPECT_EQ(c.client.stats().cacheHits, 1U);
 }
 
 TEST_F(DnsClientDnsmasqTest, AsksAgainOverTcpWhenTheAnswerIsTruncated) {
@@ -195,14 +169,6 @@ TEST_F(DnsClientDnsmasqTest, MovesPastARefusingServerAtOnce) {
     ASSERT_EQ((*answer)->status, DnsStatus::Ok) << (*answer)->error;
     EXPECT_EQ((*answer)->server, knowing->address());
     EXPECT_EQ(c.client.stats().udpQueriesSent, 2U) << "no time-out, no retry to a server that refused";
-    // Every server refusing is a failure that says so.
-    DnsClientOptions onlyRefusing;
-    onlyRefusing.servers = {refusing->address()};
-    VirtualClient r(onlyRefusing);
-    const auto refused = r.query("h.example", RecordType::A);
-    ASSERT_TRUE(r.waitAnswer(refused));
-    EXPECT_EQ((*refused)->status, DnsStatus::Failed);
-    EXPECT_EQ((*refused)->error, "refused");
 }
 
 }  // namespace

@@ -14,8 +14,7 @@
 
 namespace kelsip::test {
 
-// A DNS message as bytes, written field by field. Names go out as plain
-// labels; pointers and anything malformed are written by hand with raw().
+// A DNS message written field by field; anything malformed by hand with raw().
 class Wire {
 public:
     Wire& u8(unsigned v) {
@@ -43,7 +42,6 @@ public:
         return u8(0);
     }
     Wire& pointer(size_t offset) { return u8(0xC0 | ((offset >> 8) & 0x3F)).u8(offset & 0xFF); }
-    // A character-string: length byte and bytes.
     Wire& string(std::string_view s) { return u8(static_cast<unsigned>(s.size())).text(s); }
     // Type, class IN, TTL and the data length of a record whose name was just written.
     Wire& record(unsigned type, uint32_t ttl, unsigned dataLength) { return u16(type).u16(1).u32(ttl).u16(dataLength); }
@@ -61,9 +59,8 @@ inline Wire responseHeader(unsigned id, unsigned flags, unsigned qd, unsigned an
     return w;
 }
 
-// Runs the loop's due work on this thread until `condition` holds; false
-// when `timeout` (real time) passes first. For loops on a manual clock,
-// whose completions arrive from the DNS worker thread.
+// Runs the loop's due work until `condition` holds (the DNS worker posts
+// its completions to the loop); false when `timeout` passes first.
 template <typename F>
 bool runUntil(EventLoop& loop, F&& condition, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -75,8 +72,7 @@ bool runUntil(EventLoop& loop, F&& condition, std::chrono::milliseconds timeout 
     }
 }
 
-// A UDP socket on 127.0.0.1 that the test holds and never answers from:
-// a name server that has gone silent.
+// A UDP socket on 127.0.0.1 that never answers: a name server gone silent.
 struct SilentServer {
     SilentServer() {
         socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
@@ -84,7 +80,6 @@ struct SilentServer {
             if (auto local = socket.localAddress()) address = *local;
         }
     }
-    // The datagrams sent to it so far (read without waiting).
     size_t drain() {
         if (!socket.setNonBlocking(true)) return 0;
         size_t count = 0;

@@ -29,8 +29,7 @@ protected:
             std::cerr << "---- dnsmasq on " << server->address().toString() << " ----\n" << server->log() << "----\n";
         }
     }
-    // Starts one more dnsmasq with these configuration lines; kept until
-    // the test ends. Null (with a failure recorded) when it did not start.
+    // Kept until the test ends; null, with a failure recorded, when it did not start.
     DnsmasqServer* startDnsmasq(const std::vector<std::string>& config) {
         auto server = std::make_unique<DnsmasqServer>();
         std::string error;

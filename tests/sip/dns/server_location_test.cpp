@@ -1,5 +1,5 @@
-// Server location: SRV ordering with a fixed random source, the rules that
-// need no DNS, and NAPTR, SRV and A/AAAA resolution against dnsmasq.
+// Server location: SRV ordering with a fixed random source, and the whole
+// lookup (URI rules, NAPTR, SRV, A/AAAA) against dnsmasq.
 #include "sip/dns/server_location.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::runUntil;
-using test::SilentServer;
 
 std::vector<std::string> targetTexts(const std::vector<SipTarget>& targets) {
     std::vector<std::string> out;
@@ -61,79 +60,6 @@ TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
     }
 }
 
-// A locator over a client whose only server never answers: any DNS use
-// shows as a sent query.
-struct OfflineLocator {
-    explicit OfflineLocator(ServerLocationOptions options = {})
-        : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, clientOptions()), locator(client, options) {}
-    DnsClientOptions clientOptions() {
-        DnsClientOptions o;
-        o.servers = {silent.address};
-        return o;
-    }
-    LocateResult locate(std::string_view text) {
-        const auto uri = SipUri::parse(text);
-        EXPECT_TRUE(uri) << text;
-        std::optional<LocateResult> result;
-        locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
-        EXPECT_FALSE(result) << "results never arrive inside locate()";
-        EXPECT_TRUE(runUntil(loop, [&] { return result.has_value(); }));
-        return result.value_or(LocateResult{});
-    }
-    SilentServer silent;
-    std::shared_ptr<ManualClock> clock;
-    EventLoop loop;
-    DnsClient client;
-    ServerLocator locator;
-};
-
-struct RuleCase {
-    const char* uri;
-    std::vector<std::string> targets;
-    const char* error = "";
-};
-
-void checkRules(OfflineLocator& l, const std::vector<RuleCase>& cases) {
-    for (const RuleCase& c : cases) {
-        SCOPED_TRACE(c.uri);
-        const LocateResult r = l.locate(c.uri);
-        EXPECT_EQ(targetTexts(r.targets), c.targets);
-        EXPECT_EQ(r.error, c.error);
-    }
-    EXPECT_EQ(l.client.stats().udpQueriesSent, 0U) << "none of these needs DNS";
-}
-
-TEST(ServerLocationTest, NumericHostsAndRefusedUrisNeedNoDns) {
-    OfflineLocator l;
-    checkRules(l, {
-                      {"sip:192.0.2.1", {"UDP 192.0.2.1:5060"}},
-                      {"sip:alice@192.0.2.1:5070;transport=TCP", {"TCP 192.0.2.1:5070"}},
-                      {"sip:[2001:db8::1]", {"UDP [2001:db8::1]:5060"}},
-                      {"sip:[2001:db8::1]:5080;transport=tcp", {"TCP [2001:db8::1]:5080"}},
-                      {"sip:proxy.test;maddr=192.0.2.7;transport=tcp", {"TCP 192.0.2.7:5060"}},
-                      {"sips:192.0.2.1", {}, "transport not enabled"},
-                      {"sip:192.0.2.1;transport=tls", {}, "transport not enabled"},
-                      {"sip:192.0.2.1;transport=sctp", {}, "unknown transport"},
-                      {"sips:192.0.2.1;transport=udp", {}, "sips over udp"},
-                      {"tel:+1-201-555-0123", {}, "tel uri is not routed"},
-                      {"sip:proxy.test;transport=ws", {}, "unknown transport"},
-                  });
-}
-
-TEST(ServerLocationTest, CancelledOrDestroyedLocatorsNeverCallBack) {
-    OfflineLocator l;
-    bool called = false;
-    const auto id = l.locator.locate(*SipUri::parse("sip:192.0.2.1"), [&](LocateResult) { called = true; });
-    l.locator.cancel(id);
-    {
-        ServerLocator shortLived(l.client);
-        shortLived.locate(*SipUri::parse("sip:192.0.2.2"), [&](LocateResult) { called = true; });
-        shortLived.locate(*SipUri::parse("sip:pending.test"), [&](LocateResult) { called = true; });
-    }
-    l.loop.runDue();
-    EXPECT_FALSE(called);
-}
-
 // One zone for every resolution case; dnsmasq answers for *.test and
 // nothing else.
 const std::vector<std::string> kZone = {
@@ -145,17 +71,23 @@ const std::vector<std::string> kZone = {
     "naptr-record=naptr.test,20,10,s,SIP+D2U,,_sip._udp.naptr.test",
     "naptr-record=naptr.test,10,10,s,SIP+D2T,,_sip._tcp.naptr.test",
     "naptr-record=naptr.test,10,20,a,SIP+D2U,,udp.naptr.test",
-    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0", "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
-    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0", "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
-    "host-record=sctp.naptr.test,127.0.0.20", "host-record=tls.naptr.test,127.0.0.23",
+    "srv-host=_sip._sctp.naptr.test,sctp.naptr.test,5090,0,0",
+    "srv-host=_sips._tcp.naptr.test,tls.naptr.test,5061,0,0",
+    "srv-host=_sip._tcp.naptr.test,tcp.naptr.test,5070,0,0",
+    "srv-host=_sip._udp.naptr.test,udp.naptr.test,5080,0,0",
+    "host-record=sctp.naptr.test,127.0.0.20",
+    "host-record=tls.naptr.test,127.0.0.23",
     // Sent along in the SRV answer's additional section.
     "host-record=tcp.naptr.test,127.0.0.21,::21",
     // Not sent along: needs its own A/AAAA lookups.
     "address=/udp.naptr.test/127.0.0.22",
     // SRV only, two priorities for UDP, one TCP record.
-    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0", "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
-    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0", "host-record=first.prio.test,127.0.0.31",
-    "host-record=second.prio.test,127.0.0.32", "host-record=tcp.prio.test,127.0.0.33",
+    "srv-host=_sip._udp.prio.test,second.prio.test,5002,20,0",
+    "srv-host=_sip._udp.prio.test,first.prio.test,5001,10,0",
+    "srv-host=_sip._tcp.prio.test,tcp.prio.test,5003,10,0",
+    "host-record=first.prio.test,127.0.0.31",
+    "host-record=second.prio.test,127.0.0.32",
+    "host-record=tcp.prio.test,127.0.0.33",
     // No NAPTR, no SRV: addresses only.
     "host-record=plain.test,127.0.0.51,::51",
 };
@@ -178,70 +110,57 @@ protected:
         loop_.reset();
         test::DnsmasqTest::TearDown();
     }
-    LocateResult locate(std::string_view text, ServerLocationOptions options = {}) {
-        ServerLocator locator(*client_, std::move(options));
-        return locateWith(locator, text);
-    }
-    LocateResult locateWith(ServerLocator& locator, std::string_view text) {
-        const auto uri = SipUri::parse(text);
-        EXPECT_TRUE(uri) << text;
-        std::optional<LocateResult> result;
-        locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
-        EXPECT_TRUE(runUntil(*loop_, [&] { return result.has_value(); })) << text;
-        return result.value_or(LocateResult{});
-    }
     test::DnsmasqServer* dnsmasq_ = nullptr;
     std::shared_ptr<ManualClock> clock_;
     std::unique_ptr<EventLoop> loop_;
     std::unique_ptr<DnsClient> client_;
 };
 
-TEST_F(ServerLocationDnsmasqTest, FollowsNaptrThenSrvThenAddresses) {
-    // TCP's NAPTR comes first by order; its SRV answer carries both
-    // addresses; UDP's target needs its own lookup. SCTP, TLS and the
-    // record without the "s" flag are passed over.
-    EXPECT_EQ(targetTexts(locate("sip:naptr.test").targets),
-              (std::vector<std::string>{"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}));
-    ServerLocationOptions v6First;
-    v6First.addressOrder = AddressOrder::V6First;
-    EXPECT_EQ(targetTexts(locate("sip:naptr.test", v6First).targets),
-              (std::vector<std::string>{"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"}));
-    ServerLocationOptions withTls;
-    withTls.transports = {TransportKind::Udp, TransportKind::Tcp, TransportKind::Tls};
-    EXPECT_EQ(targetTexts(locate("sip:naptr.test", withTls).targets),
-              (std::vector<std::string>{"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070",
-                                        "UDP 127.0.0.22:5080"}));
-    EXPECT_EQ(targetTexts(locate("sips:naptr.test", withTls).targets), (std::vector<std::string>{"TLS 127.0.0.23:5061"}));
-    const LocateResult noTls = locate("sips:naptr.test");
-    EXPECT_TRUE(noTls.targets.empty());
-    EXPECT_EQ(noTls.error, "transport not enabled");
-}
+using enum TransportKind;
+const std::vector<TransportKind> kUdpTcp = {Udp, Tcp};
 
-TEST_F(ServerLocationDnsmasqTest, WithoutNaptrTriesSrvPerTransportInPriorityOrder) {
-    EXPECT_EQ(targetTexts(locate("sip:prio.test").targets),
-              (std::vector<std::string>{"UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002", "TCP 127.0.0.33:5003"}));
-    ServerLocationOptions tcpFirst;
-    tcpFirst.transports = {TransportKind::Tcp, TransportKind::Udp};
-    EXPECT_EQ(targetTexts(locate("sip:prio.test", tcpFirst).targets),
-              (std::vector<std::string>{"TCP 127.0.0.33:5003", "UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002"}));
-    // Without UDP, the last resort is TCP on 5060.
-    ServerLocationOptions tcpOnly;
-    tcpOnly.transports = {TransportKind::Tcp};
-    EXPECT_EQ(targetTexts(locate("sip:plain.test", tcpOnly).targets),
-              (std::vector<std::string>{"TCP 127.0.0.51:5060", "TCP [::51]:5060"}));
-}
-
-TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
+TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) {
     struct Case {
         const char* uri;
         std::vector<std::string> targets;
         uint64_t queries;  // sent to dnsmasq for this URI, the cache cleared before
         const char* error = "";
+        std::vector<TransportKind> transports = kUdpTcp;
+        AddressOrder order = AddressOrder::V4First;
     } cases[] = {
-        // Nothing published but addresses: UDP on 5060.
+        // Numeric hosts and URIs refused as they are need no DNS.
+        {"sip:192.0.2.1", {"UDP 192.0.2.1:5060"}, 0},
+        {"sip:alice@192.0.2.1:5070;transport=TCP", {"TCP 192.0.2.1:5070"}, 0},
+        {"sip:[2001:db8::1]:5080;transport=tcp", {"TCP [2001:db8::1]:5080"}, 0},
+        {"sip:proxy.test;maddr=192.0.2.7;transport=tcp", {"TCP 192.0.2.7:5060"}, 0},
+        {"sips:192.0.2.1", {}, 0, "transport not enabled"},
+        {"sip:192.0.2.1;transport=sctp", {}, 0, "unknown transport"},
+        {"sips:192.0.2.1;transport=udp", {}, 0, "sips over udp"},
+        {"tel:+1-201-555-0123", {}, 0, "tel uri is not routed"},
+        // TCP's NAPTR comes first by order; its SRV answer carries both
+        // addresses; UDP's target needs its own lookup. SCTP, TLS and the
+        // record without the "s" flag are passed over.
+        {"sip:naptr.test", {"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}, 5},
+        {"sip:naptr.test",
+         {"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"},
+         5,
+         "",
+         kUdpTcp,
+         AddressOrder::V6First},
+        {"sip:naptr.test",
+         {"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"},
+         6,
+         "",
+         {Udp, Tcp, Tls}},
+        {"sips:naptr.test", {"TLS 127.0.0.23:5061"}, 2, "", {Udp, Tcp, Tls}},
+        {"sips:naptr.test", {}, 1, "transport not enabled"},
+        // Without NAPTR: SRV per transport in the order configured, each in priority order.
+        {"sip:prio.test", {"UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002", "TCP 127.0.0.33:5003"}, 3},
+        {"sip:prio.test", {"TCP 127.0.0.33:5003", "UDP 127.0.0.31:5001", "UDP 127.0.0.32:5002"}, 3, "", {Tcp, Udp}},
+        // Nothing published but addresses: UDP on 5060, or TCP where UDP is not used.
         {"sip:plain.test", {"UDP 127.0.0.51:5060", "UDP [::51]:5060"}, 5},
+        {"sip:plain.test", {"TCP 127.0.0.51:5060", "TCP [::51]:5060"}, 4, "", {Tcp}},
         // An explicit port: only A and AAAA, whatever NAPTR and SRV say.
-        {"sip:plain.test:5099", {"UDP 127.0.0.51:5099", "UDP [::51]:5099"}, 2},
         {"sip:plain.test:5099;transport=tcp", {"TCP 127.0.0.51:5099", "TCP [::51]:5099"}, 2},
         {"sip:naptr.test:5099", {}, 2, "no server found"},
         // A transport parameter: that transport's SRV, else its default port.
@@ -254,11 +173,34 @@ TEST_F(ServerLocationDnsmasqTest, PortsAndTransportParametersNarrowTheLookups) {
         SCOPED_TRACE(c.uri);
         client_->clearCache();
         const uint64_t before = client_->stats().udpQueriesSent;
-        const LocateResult r = locate(c.uri);
-        EXPECT_EQ(targetTexts(r.targets), c.targets);
-        EXPECT_EQ(r.error, c.error);
+        ServerLocationOptions options;
+        options.transports = c.transports;
+        options.addressOrder = c.order;
+        ServerLocator locator(*client_, options);
+        const auto uri = SipUri::parse(c.uri);
+        ASSERT_TRUE(uri);
+        std::optional<LocateResult> result;
+        locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
+        EXPECT_FALSE(result) << "results never arrive inside locate()";
+        ASSERT_TRUE(runUntil(*loop_, [&] { return result.has_value(); }));
+        EXPECT_EQ(targetTexts(result->targets), c.targets);
+        EXPECT_EQ(result->error, c.error);
         EXPECT_EQ(client_->stats().udpQueriesSent - before, c.queries);
     }
+}
+
+TEST_F(ServerLocationDnsmasqTest, CancelledOrDestroyedLocatorsNeverCallBack) {
+    ServerLocator locator(*client_);
+    bool called = false;
+    const auto id = locator.locate(*SipUri::parse("sip:192.0.2.1"), [&](LocateResult) { called = true; });
+    locator.cancel(id);
+    {
+        ServerLocator shortLived(*client_);
+        shortLived.locate(*SipUri::parse("sip:192.0.2.2"), [&](LocateResult) { called = true; });
+        shortLived.locate(*SipUri::parse("sip:plain.test"), [&](LocateResult) { called = true; });
+    }
+    loop_->runDue();
+    EXPECT_FALSE(called);
 }
 
 }  // namespace
