@@ -1,7 +1,5 @@
 // Calls between our user agent and baresip through Kamailio with digest
-// authentication, over UDP and TCP: both ways with audio checked by
-// content, DTMF both ways, hold and resume, cancellation and refusal, blind
-// transfer, and a run of calls that leaves nothing behind.
+// authentication, over UDP and TCP, with the audio checked by content.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -12,8 +10,6 @@
 #include "support/wav.h"
 
 namespace kelsip {
-
-static void PrintTo(TransportKind kind, std::ostream* out) { *out << transportName(kind); }
 
 namespace {
 
@@ -31,14 +27,12 @@ protected:
     void startBoth(bool autoAnswer = true) {
         kamailio_ = startKamailio();
         ASSERT_TRUE(kamailio_);
-        test::BaresipOptions options{"bob", kamailio_->hostPort(), "bobsecret", kamailio_->hostPort(),
-                                     GetParam() == TransportKind::Tcp ? test::BaresipTransport::Tcp
-                                                                      : test::BaresipTransport::Udp,
-                                     autoAnswer, files_.file("bob.wav"), {}};
+        const test::BaresipOptions options{"bob", "bobsecret", kamailio_->hostPort(), GetParam(), autoAnswer,
+                                           files_.file("bob.wav"), {}};
         ASSERT_TRUE(test::writeTone(options.audioSource, kBaresipTone, 30.0));
         bob_ = start<test::BaresipPeer>(options);
         ASSERT_TRUE(bob_);
-        ASSERT_EQ(bob_->waitForRegistration(), true);
+        ASSERT_TRUE(bob_->waitForEvent("REGISTER_OK"));
         UserAgentConfig config = loopbackConfig();
         config.rtpPortMin = 52000;  // away from the default range a benchmark may hold
         config.rtpPortMax = 53999;
@@ -96,17 +90,15 @@ protected:
     }
     double recordedSeconds() {
         const auto files = bob_->recordings();
-        std::error_code ec;
-        const auto size = files.empty() ? 0 : std::filesystem::file_size(files.back(), ec);
-        return ec || size < 44 ? 0.0 : static_cast<double>(size - 44) / 16000.0;
+        const auto audio = files.empty() ? std::nullopt : test::readWav(files.back());
+        return audio ? audio->seconds() : 0.0;
     }
     // Bob's one recording holds our tone in nine of ten quarter seconds of
     // its first `seconds`, and never his own.
     void expectBobHeardUs(double seconds) {
         ASSERT_EQ(bob_->recordings().size(), 1u);
-        std::string error;
-        const auto audio = test::readWav(bob_->recordings().front(), &error);
-        ASSERT_TRUE(audio) << error;
+        const auto audio = test::readWav(bob_->recordings().front());
+        ASSERT_TRUE(audio) << bob_->recordings().front() << " is no mono 16-bit PCM WAV file";
         ASSERT_GE(audio->seconds(), seconds);
         size_t blocks = 0, ours = 0, his = 0;
         for (size_t at = 0; at + 2000 <= static_cast<size_t>(seconds * 8000); at += 2000, ++blocks) {
@@ -128,8 +120,7 @@ private:
     test::TempDir files_{"velmora-call-audio"};
 };
 
-INSTANTIATE_TEST_SUITE_P(Transports, CallInteropTest, ::testing::Values(TransportKind::Udp, TransportKind::Tcp),
-                         [](const auto& p) { return std::string(transportName(p.param)); });
+INSTANTIATE_TEST_SUITE_P(Transports, CallInteropTest, test::kBothTransports, ::testing::PrintToStringParamName());
 
 TEST_P(CallInteropTest, OurCallCarriesAudioAndDigitsBothWaysAndHolds) {
     ASSERT_NO_FATAL_FAILURE(startBoth());
@@ -214,7 +205,7 @@ TEST_P(CallInteropTest, AnUnansweredCallIsCancelledByUsOrRefusedByBaresip) {
         EXPECT_EQ(events->now().lastCall[call].statusCode, c.status);
         EXPECT_EQ(bob_->waitForClosed(), c.bobsReason);
     }
-    for (const test::BaresipEvent& e : bob_->events()) EXPECT_NE(e.type, "CALL_ESTABLISHED");
+    EXPECT_FALSE(bob_->waitForEvent("CALL_ESTABLISHED", 100ms));
     EXPECT_TRUE(waitFor([&] { return ua_->calls().empty(); }, 5s));
 }
 
@@ -248,19 +239,13 @@ TEST_P(CallInteropTest, BlindTransferSendsBaresipOnToAThirdPhone) {
     (void)ua_->hangupCall(call);
 }
 
-size_t entries(const char* folder) {
-    std::error_code ec;
-    size_t n = 0;
-    for (auto it = std::filesystem::directory_iterator(folder, ec); !ec && it != std::filesystem::directory_iterator();
-         it.increment(ec)) {
-        ++n;
-    }
-    return n;
+auto entries(const char* folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
 }
 
 TEST_P(CallInteropTest, TenCallsInARowLeaveNoSocketOrThreadBehind) {
     ASSERT_NO_FATAL_FAILURE(startBoth());
-    size_t files = 0, threads = 0;
+    std::ptrdiff_t files = 0, threads = 0;
     for (int i = 0; i < 11; ++i) {
         SCOPED_TRACE("call " + std::to_string(i + 1));
         const int call = callBob();

@@ -1,9 +1,5 @@
-// Calls against SIPp, whose scenarios (tests/interop/sipp/call_*.xml) send
-// exactly what a test needs: INVITEs we refuse, a late ACK, CANCEL before
-// and after the answer, hold re-INVITEs, 100rel, session refreshes and
-// REFER as the called side; a repeated 200, a busy callee, our CANCEL, our
-// hold, PRACKs and a 422 as the caller. What SIPp cannot check itself
-// (times, branches, whether two messages are the same) is read from its trace.
+// Calls against SIPp (tests/interop/sipp/call_*.xml); what SIPp cannot check
+// itself (times, branches, whether two messages are the same) is read from its trace.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -33,9 +29,7 @@ protected:
         config.enable100rel = enable100rel;
         ua = startUserAgent(config);
         ASSERT_TRUE(ua);
-        LineConfig line;
-        line.user = "alice";
-        lineId = ua->addLine(line);
+        lineId = addAlice(*ua, "");
         ASSERT_GT(lineId, 0);
     }
     // The next call SIPp placed, once it rang here.
@@ -50,7 +44,6 @@ protected:
     // SIPp calls us with `scenario` and we answer as soon as it rings (or,
     // with `beforeAnswer`, once that returns); the call must end with SIPp's
     // BYE, after the states `expected`, and SIPp find all as it checks.
-    // SIPp's trace.
     Trace answerAndWait(const std::string& scenario, std::vector<std::string> arguments = {},
                         const States& expected = kAnswered, const std::function<void()>& beforeAnswer = {}) {
         const size_t before = events->now().incoming.size();

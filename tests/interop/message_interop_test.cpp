@@ -1,6 +1,5 @@
-// Instant messages against real peers: both ways with baresip through
-// Kamailio's digest challenge (UDP and TCP), and with servers found through
-// DNS SRV, failover past a 503 (SIPp) and past servers that never answer.
+// Instant messages both ways with baresip through Kamailio's challenge, and
+// SRV failover past a 503 (SIPp) and past servers that never answer.
 #include <gtest/gtest.h>
 
 #include "interop/support/interop_test.h"
@@ -8,8 +7,6 @@
 #include "support/baresip_peer.h"
 
 namespace kelsip {
-
-static void PrintTo(TransportKind kind, std::ostream* out) { *out << transportName(kind); }
 
 namespace {
 
@@ -28,21 +25,18 @@ protected:
 
 class KamailioMessageTest : public MessageInteropTest, public ::testing::WithParamInterface<TransportKind> {};
 
-INSTANTIATE_TEST_SUITE_P(Transports, KamailioMessageTest, ::testing::Values(TransportKind::Udp, TransportKind::Tcp),
-                         [](const auto& p) { return std::string(transportName(p.param)); });
+INSTANTIATE_TEST_SUITE_P(Transports, KamailioMessageTest, test::kBothTransports, ::testing::PrintToStringParamName());
 
 TEST_P(KamailioMessageTest, MessagesCrossTheProxyChallengeBothWays) {
     auto* kamailio = startKamailio();
     ASSERT_TRUE(kamailio);
     const std::string alice = "sip:alice@" + kamailio->hostPort();
     const std::string bob = "sip:bob@" + kamailio->hostPort();
-    test::BaresipOptions options{"bob", kamailio->hostPort(), "bobsecret", kamailio->hostPort(),
-                                 GetParam() == TransportKind::Tcp ? test::BaresipTransport::Tcp
-                                                                  : test::BaresipTransport::Udp,
-                                 true, {}, {"\"Alice\" <" + alice + ">"}};
+    const test::BaresipOptions options{"bob", "bobsecret", kamailio->hostPort(), GetParam(), true, {},
+                                       {"\"Alice\" <" + alice + ">"}};
     auto* baresip = start<test::BaresipPeer>(options);
     ASSERT_TRUE(baresip);
-    ASSERT_EQ(baresip->waitForRegistration(), true);
+    ASSERT_TRUE(baresip->waitForEvent("REGISTER_OK"));
     ua = startUserAgent(loopbackConfig());
     ASSERT_TRUE(ua);
     const int line = registerAlice(*ua, *kamailio, GetParam());
@@ -83,9 +77,7 @@ TEST_F(MessageInteropTest, FailsOverToTheNextSrvTargetAfterA503) {
     ASSERT_TRUE(unavailable && available);
     auto* dns = startSrv("msg.test", {unavailable->port(), available->port()});
     ASSERT_TRUE(dns);
-    UserAgentConfig config = loopbackConfig();
-    config.dnsServers = {dns->address()};
-    ua = startUserAgent(config);
+    ua = startUserAgent(loopbackConfig(true, 500, {dns->address()}));
     ASSERT_TRUE(ua);
 
     const int id = ua->sendMessage(addAlice(*ua, "msg.test"), "bob", "Hello through the spare server", "text/plain");
@@ -108,9 +100,7 @@ TEST_F(MessageInteropTest, TriesEverySrvTargetThatNeverAnswersThenReportsOneTime
     }
     auto* dns = startSrv("msg.test", {silent[0].localAddress()->port(), silent[1].localAddress()->port()});
     ASSERT_TRUE(dns);
-    UserAgentConfig config = loopbackConfig(true, 50);  // each target gives up after 3.2 s
-    config.dnsServers = {dns->address()};
-    ua = startUserAgent(config);
+    ua = startUserAgent(loopbackConfig(true, 50, {dns->address()}));  // each target gives up after 3.2 s
     ASSERT_TRUE(ua);
 
     const int id = ua->sendMessage(addAlice(*ua, "msg.test"), "bob", "Anyone there?", "");

@@ -1,8 +1,5 @@
-// Subscriptions and presence against SIPp (tests/interop/sipp/mwi_*.xml,
-// publish_etag.xml, watcher_*.xml): a voicemail server, a registrar telling
-// of waiting messages unasked, a presence server that loses our entity tag,
-// and watchers of our presence. SIPp checks the exact headers; times, tags
-// and bodies that change are read from its message trace.
+// Subscriptions and presence against SIPp (mwi_*.xml, publish_etag.xml,
+// watcher_*.xml), which checks the exact headers; times and tags are read from its trace.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

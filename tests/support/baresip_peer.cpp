@@ -40,27 +40,31 @@ std::string jsonString(std::string_view text) {
     return out + "\"";
 }
 
+std::string header(const std::string& message, const std::string& name) {
+    const size_t at = message.find("\n" + name + ": ");
+    if (at == std::string::npos || at > message.find("\n\n")) return {};
+    const size_t start = at + name.size() + 3;
+    return message.substr(start, message.find('\n', start) - start);
+}
+
 // Its SIP trace (-s): each message after a coloured "#" and a line naming
-// the route, up to the colour reset.
+// the route, up to the colour reset; a retransmission only once.
 std::vector<std::string> tracedSipMessages(const std::string& log) {
     static constexpr std::string_view kStart = "\x1b[36;1m#\n";
     std::vector<std::string> out;
+    std::vector<std::string> seen;
     for (size_t at = log.find(kStart); at != std::string::npos; at = log.find(kStart, at + 1)) {
         const size_t text = log.find('\n', at + kStart.size());
         const size_t end = log.find("\x1b[;m", text);
         if (end == std::string::npos) break;
         std::string message = log.substr(text + 1, end - text - 1);
         std::erase(message, '\r');
+        const std::string key = header(message, "Call-ID") + header(message, "CSeq") + message.substr(0, 12);
+        if (std::ranges::count(seen, key) > 0) continue;
+        seen.push_back(key);
         out.push_back(std::move(message));
     }
     return out;
-}
-
-std::string header(const std::string& message, const std::string& name) {
-    const size_t at = message.find("\n" + name + ": ");
-    if (at == std::string::npos || at > message.find("\n\n")) return {};
-    const size_t start = at + name.size() + 3;
-    return message.substr(start, message.find('\n', start) - start);
 }
 
 // The URI of a From value ("\"Bob\" <sip:bob@h>;tag=x" gives sip:bob@h).
@@ -74,7 +78,7 @@ std::string fromUri(const std::string& message) {
 }  // namespace
 
 std::string BaresipPeer::aor() const {
-    return "sip:" + options_.user + "@" + (options_.domain.empty() ? hostPort() : options_.domain);
+    return "sip:" + options_.user + "@" + options_.registrar;
 }
 
 bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
@@ -132,13 +136,11 @@ bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
     baresip.lostPort = [&] { return process_.isRunning() || log().find("Address already in use") != std::string::npos; };
     if (!launch(baresip, error)) return false;
 
-    const bool tcp = options.transport == BaresipTransport::Tcp;
+    const bool tcp = options.transport == TransportKind::Tcp;
     std::string account = "<" + aor() + (tcp ? ";transport=tcp" : "") + ">;answermode=" +
                           (options.autoAnswer ? "auto" : "manual") + ";audio_codecs=pcmu,pcma";
     if (!options.password.empty()) account += ";auth_pass=" + options.password;
-    account += options.registrar.empty() ? ";regint=0"
-                                         : ";regint=600;outbound=\"sip:" + options.registrar +
-                                               (tcp ? ";transport=tcp" : "") + "\"";
+    account += ";regint=600;outbound=\"sip:" + options.registrar + (tcp ? ";transport=tcp" : "") + "\"";
     // Added once ctrl_tcp listens, so that no registration event is missed.
     std::string complaint;
     if (!command("uanew", account, &complaint)) {
@@ -171,7 +173,7 @@ bool BaresipPeer::pump(int timeoutMs) {
         const std::string json = received_.substr(colon + 1, length);
         received_.erase(0, colon + length + 2);
         if (member(json, "event") == "true") {
-            events_.push_back({member(json, "type"), member(json, "param"), json});
+            events_.push_back({member(json, "type"), member(json, "param")});
             handed_.push_back(false);
         } else if (member(json, "response") == "true") {
             responses_.emplace_back(member(json, "token"), json);
@@ -221,21 +223,6 @@ std::optional<std::string> BaresipPeer::waitForClosed() {
     return event ? std::optional(event->param) : std::nullopt;
 }
 
-std::optional<bool> BaresipPeer::waitForRegistration() {
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    do {
-        for (const BaresipEvent& e : events_) {
-            if (e.type == "REGISTER_OK" || e.type == "REGISTER_FAIL") return e.type == "REGISTER_OK";
-        }
-    } while (Clock::now() < deadline && pump(50));
-    return std::nullopt;
-}
-
-std::vector<BaresipEvent> BaresipPeer::events() {
-    pump(0);
-    return events_;
-}
-
 std::string BaresipPeer::receivedDigits() {
     pump(0);
     std::string digits;
@@ -245,12 +232,9 @@ std::string BaresipPeer::receivedDigits() {
 
 std::vector<BaresipMessage> BaresipPeer::receivedMessages() const {
     std::vector<BaresipMessage> out;
-    std::vector<std::string> seen;
     for (const std::string& m : tracedSipMessages(log())) {
-        const std::string key = header(m, "Call-ID") + header(m, "CSeq");
         // Its own MESSAGEs are traced too, from its own account.
-        if (m.rfind("MESSAGE ", 0) != 0 || fromUri(m) == aor() || std::ranges::count(seen, key) > 0) continue;
-        seen.push_back(key);
+        if (!m.starts_with("MESSAGE ") || fromUri(m) == aor()) continue;
         out.push_back({fromUri(m), header(m, "Content-Type"), m.substr(m.find("\n\n") + 2)});
     }
     return out;
@@ -258,16 +242,12 @@ std::vector<BaresipMessage> BaresipPeer::receivedMessages() const {
 
 std::vector<int> BaresipPeer::messageAnswers() const {
     std::vector<int> out;
-    std::vector<std::string> seen;
     for (const std::string& m : tracedSipMessages(log())) {
         // Answers to its own MESSAGEs name its account in From.
-        const std::string key = header(m, "Call-ID") + header(m, "CSeq") + m.substr(0, 12);
-        if (m.rfind("SIP/2.0 ", 0) != 0 || header(m, "CSeq").find(" MESSAGE") == std::string::npos ||
-            fromUri(m) != aor() || std::atoi(m.c_str() + 8) < 200 || std::ranges::count(seen, key) > 0) {
-            continue;
+        if (m.starts_with("SIP/2.0 ") && header(m, "CSeq").ends_with(" MESSAGE") && fromUri(m) == aor() &&
+            std::atoi(m.c_str() + 8) >= 200) {
+            out.push_back(std::atoi(m.c_str() + 8));
         }
-        seen.push_back(key);
-        out.push_back(std::atoi(m.c_str() + 8));
     }
     return out;
 }

@@ -32,8 +32,6 @@ public:
     }
     // "127.0.0.1:P".
     [[nodiscard]] std::string hostPort() const { return address().toString(); }
-    // Stops the program; the destructor does too.
-    void stop() { process_.stop(); }
     // What the program has written so far.
     [[nodiscard]] virtual std::string log() const { return process_.log(); }
 

@@ -34,9 +34,8 @@ public:
     // not installed. A name with a slash is taken as it is.
     [[nodiscard]] static std::string findProgram(std::string_view name);
 
-    // Starts the program in a process group of its own, which gets SIGTERM
-    // when the starting thread ends, so a crashed test leaves no peer
-    // behind. False, with the reason in `error`, when it is not installed.
+    // In a process group of its own, which gets SIGTERM when the starting
+    // thread ends, so a crashed test leaves no peer behind.
     [[nodiscard]] bool start(const ProcessOptions& options, std::string* error);
     [[nodiscard]] bool isRunning();
     // Its exit status, or 128 + the signal's number, once it has ended.

@@ -62,7 +62,7 @@ bool writeWav(const std::filesystem::path& path, const WavAudio& audio, std::str
     return static_cast<bool>(out);
 }
 
-std::optional<WavAudio> readWav(const std::filesystem::path& path, std::string* error) {
+std::optional<WavAudio> readWav(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     auto tag = [&](size_t at, std::string_view name) {
@@ -84,7 +84,6 @@ std::optional<WavAudio> readWav(const std::filesystem::path& path, std::string* 
             at = body + length + (length & 1);
         }
     }
-    if (error != nullptr) *error = path.string() + " is no mono 16-bit PCM WAV file";
     return std::nullopt;
 }
 

@@ -24,7 +24,7 @@ struct WavAudio {
 [[nodiscard]] bool writeWav(const std::filesystem::path& path, const WavAudio& audio, std::string* error = nullptr);
 // A mono 16-bit PCM file. A data length of 0 or past the end is taken to the
 // end of the file: a recorder still writing has not filled it in yet.
-[[nodiscard]] std::optional<WavAudio> readWav(const std::filesystem::path& path, std::string* error = nullptr);
+[[nodiscard]] std::optional<WavAudio> readWav(const std::filesystem::path& path);
 
 // A sine of `frequency` hertz for `seconds` at a quarter of full scale.
 [[nodiscard]] bool writeTone(const std::filesystem::path& path, double frequency, double seconds);

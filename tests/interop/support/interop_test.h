@@ -1,7 +1,5 @@
-// Base fixture of the interop tests: starts the peers a test asks for, keeps
-// them until it ends, and on failure prints every peer's log and the
-// stack's own log lines. Also what the tests share: a listener that keeps
-// everything the user agent reports, and SIPp's message trace read back.
+// Base fixture of the interop tests: the peers a test starts, kept until it
+// ends and their logs printed on failure; what the user agent reported; SIPp's trace.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,7 +21,13 @@
 #include "support/log_capture.h"
 #include "support/wait.h"
 
-namespace kelsip::test {
+namespace kelsip {
+
+inline void PrintTo(TransportKind kind, std::ostream* out) { *out << transportName(kind); }
+
+namespace test {
+
+inline const auto kBothTransports = ::testing::Values(TransportKind::Udp, TransportKind::Tcp);
 
 using namespace std::chrono_literals;
 
@@ -139,14 +143,7 @@ struct Traced {
         const auto end = text.find("\n\n");
         return end == std::string::npos ? "" : text.substr(end + 2);
     }
-    [[nodiscard]] bool isRequest(std::string_view method) const {
-        return text.starts_with(std::string(method) + " ");
-    }
     [[nodiscard]] int status() const { return text.starts_with("SIP/2.0 ") ? std::atoi(text.c_str() + 8) : 0; }
-    // A response with this status to a request with this CSeq ("1 INVITE").
-    [[nodiscard]] bool isResponse(int code, std::string_view cseq) const {
-        return status() == code && header("CSeq") == cseq;
-    }
     [[nodiscard]] std::string toTag() const { return param(header("To"), ";tag="); }
     [[nodiscard]] std::string branch() const { return param(header("Via"), ";branch="); }
     static std::string param(const std::string& value, const std::string& name) {
@@ -196,10 +193,15 @@ Trace select(const Trace& trace, F wanted) {
     return out;
 }
 inline Trace requests(const Trace& trace, bool received, std::string_view method) {
-    return select(trace, [&](const Traced& m) { return m.received == received && m.isRequest(method); });
+    return select(trace, [&](const Traced& m) {
+        return m.received == received && m.text.starts_with(std::string(method) + " ");
+    });
 }
+// Responses with this status to a request with this CSeq ("1 INVITE").
 inline Trace responses(const Trace& trace, bool received, int code, std::string_view cseq) {
-    return select(trace, [&](const Traced& m) { return m.received == received && m.isResponse(code, cseq); });
+    return select(trace, [&](const Traced& m) {
+        return m.received == received && m.status() == code && m.header("CSeq") == cseq;
+    });
 }
 
 class InteropTest : public ::testing::Test {
@@ -228,15 +230,14 @@ protected:
         return nullptr;
     }
     KamailioServer* startKamailio(const KamailioOptions& options = {}) { return start<KamailioServer>(options); }
-    DnsmasqServer* startDnsmasq(const std::vector<std::string>& config) { return start<DnsmasqServer>(config); }
     // SIPp answering with `scenario` for `calls` calls.
     SippRunner* startSipp(const std::string& scenario, int calls = 1) {
-        return start<SippRunner>(SippOptions{scenario, "", false, calls, 15s, {}});
+        return start<SippRunner>(SippOptions{scenario, "", calls, 15s, {}});
     }
     // SIPp sending `scenario` to the user agent; `arguments` such as "-key", "name", "value".
     SippRunner* sippTo(UserAgent& ua, const std::string& scenario, std::vector<std::string> arguments = {}) {
         return start<SippRunner>(
-            SippOptions{scenario, ua.localAddress(TransportKind::Udp).toString(), false, 1, 10s, std::move(arguments)});
+            SippOptions{scenario, ua.localAddress(TransportKind::Udp).toString(), 1, 10s, std::move(arguments)});
     }
     // SRV records of `domain` for the ports in priority order, each at 127.0.0.1.
     DnsmasqServer* startSrv(const std::string& domain, const std::vector<uint16_t>& ports) {
@@ -247,15 +248,17 @@ protected:
                              std::to_string(10 * (i + 1)) + ",0");
             config.push_back("host-record=" + host + ",127.0.0.1");
         }
-        return startDnsmasq(config);
+        return start<DnsmasqServer>(config);
     }
 
     [[nodiscard]] LogCapture& logs() { return logs_; }
 
     // A user agent on loopback in real time: UDP, and TCP unless `tcp` is
-    // false, on free ports. `t1Ms` shortens UDP time-outs (64 x T1).
-    static UserAgentConfig loopbackConfig(bool tcp = true, int64_t t1Ms = 500) {
+    // false, on free ports, asking `dns`. `t1Ms` shortens UDP time-outs (64 x T1).
+    static UserAgentConfig loopbackConfig(bool tcp = true, int64_t t1Ms = 500,
+                                          std::vector<net::SocketAddress> dns = {}) {
         UserAgentConfig config;
+        config.dnsServers = std::move(dns);
         config.bindAddress = "127.0.0.1";
         config.udpPort = 0;
         config.tcpPort = tcp ? 0 : -1;
@@ -273,9 +276,9 @@ protected:
         ua->setListener(events);
         return ua;
     }
-    // A line for alice (password "secret") at `domain`, not registered.
-    static int addAlice(UserAgent& ua, const std::string& domain, TransportKind transport = TransportKind::Udp,
-                        int expires = 3600, const std::string& password = "secret") {
+    // Alice (password "secret") at `domain`, not registered.
+    static LineConfig alice(const std::string& domain, TransportKind transport = TransportKind::Udp,
+                            int expires = 3600, const std::string& password = "secret") {
         LineConfig line;
         line.user = "alice";
         line.password = password;
@@ -283,18 +286,17 @@ protected:
         line.transport = transport;
         line.expires = expires;
         line.reregisterOnFailure = false;
-        return ua.addLine(line);
+        return line;
+    }
+    static int addAlice(UserAgent& ua, const std::string& domain, TransportKind transport = TransportKind::Udp,
+                        int expires = 3600, const std::string& password = "secret") {
+        return ua.addLine(alice(domain, transport, expires, password));
     }
     // Alice's line at `kamailio`, through it as outbound proxy, registered;
     // 0 after a recorded failure.
     static int registerAlice(UserAgent& ua, const KamailioServer& kamailio, TransportKind transport) {
-        LineConfig line;
-        line.user = "alice";
-        line.password = "secret";
-        line.domain = kamailio.hostPort();
+        LineConfig line = alice(kamailio.hostPort(), transport);
         line.outboundProxy = "sip:" + kamailio.hostPort();
-        line.transport = transport;
-        line.reregisterOnFailure = false;
         const int id = ua.addLine(line);
         if (id > 0 && ua.registerLine(id) &&
             waitFor([&] { return ua.registrationState(id) == RegistrationState::Registered; }, 5s)) {
@@ -312,4 +314,5 @@ private:
     std::vector<std::unique_ptr<PeerProcess>> peers_;
 };
 
-}  // namespace kelsip::test
+}  // namespace test
+}  // namespace kelsip

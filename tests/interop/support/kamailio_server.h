@@ -5,23 +5,20 @@
 
 #include <chrono>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/peer_process.h"
 
 namespace kelsip::test {
 
+// Its accounts: alice (password "secret") and bob ("bobsecret"); the digest
+// realm is the request's domain.
 struct KamailioOptions {
-    // Accounts and their passwords; the digest realm is the request's domain.
-    std::vector<std::pair<std::string, std::string>> users = {{"alice", "secret"}, {"bob", "bobsecret"}};
     // Names Kamailio takes as its own besides 127.0.0.1 (a domain found
     // through DNS, say).
     std::vector<std::string> domains;
-    // The registrar's limits, in seconds: tests lower them to see refreshes.
+    // The registrar's shortest expiry, in seconds: tests lower it to see refreshes.
     int minExpires = 60;
-    int maxExpires = 3600;
-    int defaultExpires = 3600;
     // How long a nonce stays valid, in seconds: past it Kamailio answers
     // credentials with a new challenge marked stale.
     int nonceExpires = 300;
@@ -30,24 +27,18 @@ struct KamailioOptions {
 class KamailioServer : public PeerProcess {
 public:
     KamailioServer() : PeerProcess("kamailio") {}
-    // Where Debian keeps its modules, or empty when they are not there.
-    [[nodiscard]] static std::string findModules();
 
-    // Writes kamailio.cfg, starts Kamailio in the foreground and waits until
-    // it answers an OPTIONS on UDP and accepts a TCP connection. On failure
-    // the reason is in `error` and Kamailio's output in log().
+    // Ready once it answers an OPTIONS on UDP and accepts a TCP connection;
+    // on failure the reason is in `error` and Kamailio's output in log().
     [[nodiscard]] bool start(const KamailioOptions& options, std::string* error);
 
-    // Sends OPTIONS for sip:user@domain (domain: hostPort() when empty)
-    // from a fresh UDP socket and returns the final status code, 0 when none
-    // came within `timeout`. With a binding Kamailio relays it to the user
-    // agent (which answers 200); without one it answers 404 itself.
+    // The final status to OPTIONS sip:user@domain (domain: hostPort() when
+    // empty), 0 when none came within `timeout`: with a binding Kamailio
+    // relays it to the user agent (200), without one it answers 404 itself.
     [[nodiscard]] int optionsTo(const std::string& user, const std::string& domain = "",
                                 std::chrono::milliseconds timeout = std::chrono::seconds(3)) const;
 
-    // The configuration logs one line per request ("request REGISTER from
-    // alice ...") and per saved REGISTER ("saved binding of alice, Expires
-    // N"); these count them.
+    // Requests and saved REGISTERs, as the configuration logs them.
     [[nodiscard]] int requestsSeen(const std::string& method, const std::string& fromUser) const;
     [[nodiscard]] int bindingsSaved(const std::string& user) const;
 

@@ -11,38 +11,36 @@ namespace kelsip::test {
 
 namespace {
 
-// True when a socket of the kind is bound to 127.0.0.1:port (for TCP:
-// listening). Linux only, as the interop tests are.
-bool boundOnLoopback(bool tcp, uint16_t port) {
-    std::ifstream table(tcp ? "/proc/net/tcp" : "/proc/net/udp");
+// True when a UDP socket is bound to 127.0.0.1:port. Linux only, as the
+// interop tests are.
+bool boundOnLoopback(uint16_t port) {
+    std::ifstream table("/proc/net/udp");
     char wanted[32];
     std::snprintf(wanted, sizeof wanted, "0100007F:%04X", static_cast<unsigned>(port));
     std::string line;
     std::getline(table, line);  // the column names
     while (std::getline(table, line)) {
         std::istringstream fields(line);
-        std::string slot, local, remote, state;
-        fields >> slot >> local >> remote >> state;
-        // 0A: TCP_LISTEN; a UDP socket shows 07 (TCP_CLOSE) whether bound or not.
-        if (local == wanted && (!tcp || state == "0A")) return true;
+        std::string slot, local;
+        fields >> slot >> local;
+        if (local == wanted) return true;
     }
     return false;
 }
 
 }  // namespace
 
-std::string SippRunner::scenarioFolder() { return VELMORA_SIPP_SCENARIOS; }
-
 bool SippRunner::start(const SippOptions& options, std::string* error) {
-    const std::string scenario =
-        options.scenario.find('/') == std::string::npos ? scenarioFolder() + "/" + options.scenario : options.scenario;
+    const std::string scenario = options.scenario.find('/') == std::string::npos
+                                     ? VELMORA_SIPP_SCENARIOS "/" + options.scenario
+                                     : options.scenario;
     Launch sipp;
     sipp.program = "sipp";
     sipp.package = "sip-tester";
     sipp.prepare = [&](ProcessOptions& run, std::string*) {
-        run.arguments = {"-sf", scenario, "-i", "127.0.0.1", "-p", std::to_string(port_), "-t",
-                         options.tcp ? "t1" : "u1", "-m", std::to_string(options.calls), "-timeout",
-                         std::to_string(options.timeout.count()) + "s", "-timeout_error", "-nostdin",
+        run.arguments = {"-sf", scenario, "-i", "127.0.0.1", "-p", std::to_string(port_), "-t", "u1", "-m",
+                         std::to_string(options.calls), "-timeout", std::to_string(options.timeout.count()) + "s",
+                         "-timeout_error", "-nostdin",
                          "-trace_msg", "-message_file", dir_.file("messages.log").string(), "-trace_err",
                          "-error_file", dir_.file("errors.log").string()};
         run.arguments.insert(run.arguments.end(), options.arguments.begin(), options.arguments.end());
@@ -50,7 +48,7 @@ bool SippRunner::start(const SippOptions& options, std::string* error) {
         run.stopGrace = std::chrono::milliseconds(1000);
         return true;
     };
-    sipp.ready = [&] { return boundOnLoopback(options.tcp, port_); };
+    sipp.ready = [&] { return boundOnLoopback(port_); };
     // 254: SIPp could not bind its socket; the port went to someone else.
     sipp.lostPort = [&] { return process_.exitCode() == 254; };
     return launch(sipp, error);
