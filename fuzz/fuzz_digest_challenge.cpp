@@ -42,13 +42,4 @@ VELMORA_FUZZ_TARGET {
         expected.push_back({"cnonce", request.cnonce});
     }
     require(*params == expected, "every parameter of our credentials reads back as written", input, value);
-
-    // Read as a challenge, our credentials carry the same realm, nonce,
-    // opaque, algorithm and qop that we answered.
-    const auto again = kelsip::parseChallenge(value, false);
-    require(again.has_value(), "our credentials parse as a challenge", input, value);
-    require(again->realm == challenge->realm && again->nonce == challenge->nonce &&
-                again->opaque == challenge->opaque && again->algorithm == challenge->algorithm &&
-                again->qop == challenge->qop,
-            "the challenge's values survive in our credentials", input, value);
 }

@@ -1,6 +1,5 @@
 // Fuzz target for the DNS message decoder.
 #include "fuzz/fuzz_support.h"
-#include "sip/dns/dns_answer.h"
 #include "sip/dns/dns_message.h"
 
 using velmora::fuzz::require;
@@ -32,10 +31,6 @@ void checkRecord(const dns::ResourceRecord& rr, std::string_view input) {
         checkName(soa->primary, input);
         checkName(soa->mailbox, input);
     }
-    require(rr.ttl <= 0x7FFFFFFFu, "a TTL never has its top bit set", input);
-    if (const kelsip::net::SocketAddress* address = rr.address()) {
-        require(address->isV4() == (rr.type == dns::RecordType::A), "an address has its record's family", input);
-    }
 }
 
 }  // namespace
@@ -59,16 +54,5 @@ VELMORA_FUZZ_TARGET {
     for (const dns::Question& q : message->questions) checkName(q.name, input);
     for (const auto* section : {&message->answers, &message->authority, &message->additional}) {
         for (const dns::ResourceRecord& rr : *section) checkRecord(rr, input);
-    }
-
-    // The answer for the first question takes its records from the answers.
-    if (!message->questions.empty()) {
-        const dns::Question& q = message->questions[0];
-        const dns::DnsAnswer answer = dns::answerFromResponse(*message, q.name, q.type);
-        require(answer.records.size() <= message->answers.size(), "an answer's records come from the response",
-                input);
-        for (const dns::ResourceRecord& rr : answer.records) {
-            require(rr.type == q.type, "an answer holds only the type asked", input);
-        }
     }
 }

@@ -26,7 +26,6 @@ TEST(TelephoneEventTest, PayloadAndDigitCodes) {
     }
     EXPECT_EQ(dtmfEventCode('b'), 13);
     EXPECT_FALSE(dtmfEventCode('E'));
-    EXPECT_FALSE(dtmfEventCode('\0'));
     EXPECT_FALSE(dtmfDigit(16));
 }
 
