@@ -1,7 +1,5 @@
-// Subscriptions of ours against a scripted notifier, in virtual time: the
-// SUBSCRIBE's form, refresh times, the NOTIFY that overtakes the 2xx,
-// forks, 423 and 489, what each termination reason leads to, expiry and
-// unsubscribing; and the unsolicited message-summary NOTIFY.
+// Subscriptions of ours against a scripted notifier, in virtual time: refresh times, forks, 423 and 489,
+// termination reasons, expiry and unsubscribing.
 #include <gtest/gtest.h>
 
 #include "support/virtual_user_agent.h"
