@@ -1,7 +1,4 @@
-// User agents calling each other peer to peer on loopback: an attended
-// transfer, where the call that arrives with Replaces takes the place of
-// the consultation call. (Plain calls, hold, DTMF and blind transfer are
-// proved against baresip in the interop tests.)
+// User agents calling each other peer to peer on loopback: an attended transfer with Replaces.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -194,7 +194,7 @@ TEST_F(CallTimingTest, A422MakesTheInviteGoAgainWithTheFarEndsMinimum) {
     EXPECT_TRUE(reaches(call, "Connected"));
 }
 
-TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartAndALaterForksAnswerIsEnded) {
+TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartALaterForksAnswerIsEndedAndGlareBacksOff) {
     const int call = ua->makeCall(lineId, "sip:alice@" + peer.hostPort());
     const auto inv = peer.expect("INVITE", pump);
     ASSERT_TRUE(inv);
@@ -220,20 +220,13 @@ TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartAndALaterForksAnswerIsEn
     const auto bye = peer.expect("BYE", pump);
     ASSERT_TRUE(bye);
     EXPECT_EQ(bye->requestUri.user, "f1");
-    ASSERT_TRUE(ua->hangupCall(call));
-    const auto ours = peer.expect("BYE", pump);
-    ASSERT_TRUE(ours);
-    EXPECT_EQ(ours->toTag(), "f2");
-}
-
-TEST_F(CallTimingTest, GlareOnHoldIsRetriedAfterTheCallIdOwnersBackOff) {
-    const int call = connectedCall();  // the far end allows UPDATE, so the hold goes as one
+    // Glare on hold: we placed the call, so we own its Call-ID and try again 2.1 to 4 s later.
     ASSERT_TRUE(ua->holdCall(call));
-    const auto first = peer.expect("UPDATE", pump);
-    ASSERT_TRUE(first);
-    peer.answer(*first, 491, "", "t1");
+    const auto update = peer.expect("UPDATE", pump);
+    ASSERT_TRUE(update);
+    EXPECT_EQ(update->toTag(), "f2");
+    peer.answer(*update, 491, "", "f2");
     EXPECT_TRUE(settle([&] { return logs.has("call " + std::to_string(call) + ": re-offer rejected with 491"); }));
-    // We placed the call, so we own its Call-ID: 2.1 to 4 s before trying again.
     advance(2099ms);
     EXPECT_TRUE(peer.quiet("UPDATE", pump, 5ms));
     advance(1901ms);

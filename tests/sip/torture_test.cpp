@@ -15,11 +15,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The parser is lenient where a higher layer is the better judge (it answers
-// 400, 415, 416 or 420 with the request in hand: odd Date, unknown Require or
-// Content-Type, doubled From, URI headers in a Contact) and strict where the
-// bytes cannot be trusted: framing, the start line, and the headers every
-// transaction needs.
+// Lenient where a higher layer answers with the request in hand (odd Date, unknown Require or Content-Type,
+// doubled From, URI headers in a Contact); strict on framing, the start line and the transaction's headers.
 const std::map<std::string, std::string> kRefused = {
     {"rfc4475/clerr.dat", "truncated body"},
     {"rfc4475/ncl.dat", "bad Content-Length"},  // negative

@@ -1,6 +1,4 @@
-// Instant messages against a scripted peer, in virtual time: giving up on
-// challenges, the one result each message gets, and the messages that
-// arrive. (A proxy challenge answered is proved against Kamailio.)
+// Instant messages against a scripted peer, in virtual time: challenges, results and arriving messages.
 #include <gtest/gtest.h>
 
 #include "support/virtual_user_agent.h"

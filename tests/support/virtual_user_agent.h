@@ -7,7 +7,8 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <utility>
+#include <vector>
 #include <string>
 
 #include "sip/core/event_loop.h"
@@ -18,20 +19,14 @@
 
 namespace kelsip::test {
 
-// What a test's listener heard, as lines, taken in arrival order.
+// What a test's listener heard, as lines, taken in arrival order. The loop
+// runs on the test's thread, so the listener does too.
 class EventLines {
 public:
-    void add(const std::string& line) {
-        std::lock_guard lock(mutex_);
-        lines_.push_back(line);
-    }
-    std::vector<std::string> take() {
-        std::lock_guard lock(mutex_);
-        return std::exchange(lines_, {});
-    }
+    void add(const std::string& line) { lines_.push_back(line); }
+    std::vector<std::string> take() { return std::exchange(lines_, {}); }
 
 private:
-    std::mutex mutex_;
     std::vector<std::string> lines_;
 };
 
