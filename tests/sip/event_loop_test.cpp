@@ -1,5 +1,4 @@
-// The event loop: ordering of tasks and timers, cancel, invoke, stop/start,
-// both in virtual time and on the real loop thread.
+// The event loop: tasks, timers, cancel, invoke, stop and start, in virtual time and on its thread.
 #include "sip/core/event_loop.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// MD5: the RFC 1321 test suite and the padding boundaries, whole and in pieces.
+// MD5: known digests and the padding boundaries, whole and in pieces.
 #include "sip/auth/md5.h"
 
 #include <gtest/gtest.h>
@@ -9,24 +9,18 @@ namespace kelsip {
 namespace {
 
 TEST(Md5Test, MatchesKnownDigestsWholeAndInPieces) {
-    const std::string digits = "1234567890";
     const struct {
         std::string input;
         const char* hex;
     } cases[] = {
         {"", "d41d8cd98f00b204e9800998ecf8427e"},
         {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
-        {digits + digits + digits + digits + digits + digits + digits + digits, "57edf4a22be3c955ac49da2e2107b67a"},
         // 55 bytes still fit the length in the last block, 56 to 63 need
         // another block of padding, 64 and 128 end exactly on a block.
         {std::string(55, 'a'), "ef1772b6dff9a122358552954ad0df65"},
         {std::string(56, 'a'), "3b0c8ac703f828b04c6c197006d17218"},
-        {std::string(63, 'a'), "b06521f39153d618550606be297466d5"},
         {std::string(64, 'a'), "014842d480b571495a4a0363793f7367"},
         {std::string(65, 'a'), "c743a45e0d2e6a95cb859adae0248435"},
-        {std::string(120, 'a'), "5f61c0ccad4cac44c75ff505e1f1e537"},
         {std::string(128, 'a'), "e510683b3f5ffe4093d021808bc6ff70"},
     };
     for (const auto& c : cases) {

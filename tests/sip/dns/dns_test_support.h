@@ -1,15 +1,18 @@
-// Helpers of the DNS tests: messages written byte by byte, driving a loop
-// in virtual time until a condition holds, and a UDP socket that never answers.
+// Helpers of the DNS tests: messages written byte by byte, a client on a loop
+// in virtual time, and a UDP socket that never answers.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "sip/core/event_loop.h"
+#include "sip/dns/dns_client.h"
 #include "sip/net/socket.h"
 
 namespace kelsip::test {
@@ -71,6 +74,28 @@ bool runUntil(EventLoop& loop, F&& condition, std::chrono::milliseconds timeout 
         std::this_thread::yield();
     }
 }
+
+// A client on a loop in virtual time.
+struct VirtualClient {
+    explicit VirtualClient(dns::DnsClientOptions options)
+        : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, std::move(options)) {}
+    // Starts a lookup whose answer lands in the returned slot.
+    std::shared_ptr<std::optional<dns::DnsAnswer>> query(std::string_view name, dns::RecordType type) {
+        auto slot = std::make_shared<std::optional<dns::DnsAnswer>>();
+        client.query(name, type, [slot](const dns::DnsAnswer& a) { *slot = a; });
+        return slot;
+    }
+    bool waitSent(uint64_t n) {
+        return runUntil(loop, [&] { return client.stats().udpQueriesSent >= n; });
+    }
+    bool waitAnswer(const std::shared_ptr<std::optional<dns::DnsAnswer>>& slot) {
+        return runUntil(loop, [&] { return slot->has_value(); });
+    }
+    void advance(std::chrono::milliseconds d) { advanceVirtualTime(loop, *clock, d); }
+    std::shared_ptr<ManualClock> clock;
+    EventLoop loop;
+    dns::DnsClient client;
+};
 
 // A UDP socket on 127.0.0.1 that never answers: a name server gone silent.
 struct SilentServer {

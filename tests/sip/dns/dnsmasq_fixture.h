@@ -1,15 +1,16 @@
-// Test fixture for tests against a real dnsmasq: skipped where it cannot
-// run (Windows/Wine), failed where it should but is missing, its log shown
-// when a test fails.
+// Tests against a real dnsmasq: skipped where it cannot run (Windows/Wine),
+// failed where it should but is missing, its log shown when a test fails.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "dns_test_support.h"
 #include "support/dnsmasq_server.h"
 
 namespace kelsip::test {
@@ -41,9 +42,18 @@ protected:
         }
         return servers_.back().get();
     }
+    // A client in virtual time asking one dnsmasq; null when it did not start.
+    VirtualClient* startClient(const std::vector<std::string>& config) {
+        DnsmasqServer* server = startDnsmasq(config);
+        if (server == nullptr) return nullptr;
+        dns::DnsClientOptions options;
+        options.servers = {server->address()};
+        return &client_.emplace(options);
+    }
 
 private:
     std::vector<std::unique_ptr<DnsmasqServer>> servers_;
+    std::optional<VirtualClient> client_;
 };
 
 }  // namespace kelsip::test

@@ -1,5 +1,4 @@
-// Server location: SRV ordering with a fixed random source, and the whole
-// lookup (URI rules, NAPTR, SRV, A/AAAA) against dnsmasq.
+// Server location: SRV ordering with a fixed random source, and whole lookups against dnsmasq.
 #include "sip/dns/server_location.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +6,6 @@
 #include <deque>
 #include <optional>
 
-#include "dns_test_support.h"
 #include "dnsmasq_fixture.h"
 
 namespace kelsip::dns {
@@ -60,12 +58,10 @@ TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
     }
 }
 
-// One zone for every resolution case; dnsmasq answers for *.test and
-// nothing else.
+// One zone for every resolution case; dnsmasq answers for *.test and nothing else.
 const std::vector<std::string> kZone = {
     "local=/test/", "local-ttl=60",
-    // NAPTR -> SRV -> A/AAAA. By order: SCTP (unknown here), TLS (not
-    // built), TCP, UDP.
+    // NAPTR -> SRV -> A/AAAA. By order: SCTP (unknown here), TLS (not built), TCP, UDP.
     "naptr-record=naptr.test,1,10,s,SIP+D2S,,_sip._sctp.naptr.test",
     "naptr-record=naptr.test,5,10,s,SIPS+D2T,,_sips._tcp.naptr.test",
     "naptr-record=naptr.test,20,10,s,SIP+D2U,,_sip._udp.naptr.test",
@@ -92,41 +88,22 @@ const std::vector<std::string> kZone = {
     "host-record=plain.test,127.0.0.51,::51",
 };
 
-class ServerLocationDnsmasqTest : public test::DnsmasqTest {
-protected:
-    void SetUp() override {
-        test::DnsmasqTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        dnsmasq_ = startDnsmasq(kZone);
-        ASSERT_TRUE(dnsmasq_);
-        clock_ = std::make_shared<ManualClock>();
-        loop_ = std::make_unique<EventLoop>(clock_);
-        DnsClientOptions options;
-        options.servers = {dnsmasq_->address()};
-        client_ = std::make_unique<DnsClient>(*loop_, options);
-    }
-    void TearDown() override {
-        client_.reset();
-        loop_.reset();
-        test::DnsmasqTest::TearDown();
-    }
-    test::DnsmasqServer* dnsmasq_ = nullptr;
-    std::shared_ptr<ManualClock> clock_;
-    std::unique_ptr<EventLoop> loop_;
-    std::unique_ptr<DnsClient> client_;
-};
+using ServerLocationDnsmasqTest = test::DnsmasqTest;
 
 using enum TransportKind;
+using enum AddressOrder;
 const std::vector<TransportKind> kUdpTcp = {Udp, Tcp};
 
 TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) {
+    test::VirtualClient* dns = startClient(kZone);
+    ASSERT_TRUE(dns);
     struct Case {
         const char* uri;
         std::vector<std::string> targets;
         uint64_t queries;  // sent to dnsmasq for this URI, the cache cleared before
         const char* error = "";
         std::vector<TransportKind> transports = kUdpTcp;
-        AddressOrder order = AddressOrder::V4First;
+        AddressOrder order = V4First;
     } cases[] = {
         // Numeric hosts and URIs refused as they are need no DNS.
         {"sip:192.0.2.1", {"UDP 192.0.2.1:5060"}, 0},
@@ -141,17 +118,9 @@ TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) 
         // addresses; UDP's target needs its own lookup. SCTP, TLS and the
         // record without the "s" flag are passed over.
         {"sip:naptr.test", {"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}, 5},
-        {"sip:naptr.test",
-         {"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"},
-         5,
-         "",
-         kUdpTcp,
-         AddressOrder::V6First},
-        {"sip:naptr.test",
-         {"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"},
-         6,
-         "",
-         {Udp, Tcp, Tls}},
+        {"sip:naptr.test", {"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"}, 5, "", kUdpTcp, V6First},
+        {"sip:naptr.test", {"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"},
+         6, "", {Udp, Tcp, Tls}},
         {"sips:naptr.test", {"TLS 127.0.0.23:5061"}, 2, "", {Udp, Tcp, Tls}},
         {"sips:naptr.test", {}, 1, "transport not enabled"},
         // Without NAPTR: SRV per transport in the order configured, each in priority order.
@@ -171,35 +140,37 @@ TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) 
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.uri);
-        client_->clearCache();
-        const uint64_t before = client_->stats().udpQueriesSent;
+        dns->client.clearCache();
+        const uint64_t before = dns->client.stats().udpQueriesSent;
         ServerLocationOptions options;
         options.transports = c.transports;
         options.addressOrder = c.order;
-        ServerLocator locator(*client_, options);
+        ServerLocator locator(dns->client, options);
         const auto uri = SipUri::parse(c.uri);
         ASSERT_TRUE(uri);
         std::optional<LocateResult> result;
         locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
         EXPECT_FALSE(result) << "results never arrive inside locate()";
-        ASSERT_TRUE(runUntil(*loop_, [&] { return result.has_value(); }));
+        ASSERT_TRUE(runUntil(dns->loop, [&] { return result.has_value(); }));
         EXPECT_EQ(targetTexts(result->targets), c.targets);
         EXPECT_EQ(result->error, c.error);
-        EXPECT_EQ(client_->stats().udpQueriesSent - before, c.queries);
+        EXPECT_EQ(dns->client.stats().udpQueriesSent - before, c.queries);
     }
 }
 
 TEST_F(ServerLocationDnsmasqTest, CancelledOrDestroyedLocatorsNeverCallBack) {
-    ServerLocator locator(*client_);
+    test::VirtualClient* dns = startClient(kZone);
+    ASSERT_TRUE(dns);
+    ServerLocator locator(dns->client);
     bool called = false;
     const auto id = locator.locate(*SipUri::parse("sip:192.0.2.1"), [&](LocateResult) { called = true; });
     locator.cancel(id);
     {
-        ServerLocator shortLived(*client_);
+        ServerLocator shortLived(dns->client);
         shortLived.locate(*SipUri::parse("sip:192.0.2.2"), [&](LocateResult) { called = true; });
         shortLived.locate(*SipUri::parse("sip:plain.test"), [&](LocateResult) { called = true; });
     }
-    loop_->runDue();
+    dns->loop.runDue();
     EXPECT_FALSE(called);
 }
 
