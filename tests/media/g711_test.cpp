@@ -11,8 +11,7 @@
 namespace kelsip {
 namespace {
 
-// Known code words at zero and full scale, and every code word decoded and
-// encoded again: a wrong segment or step moves a value into another code.
+// Known code words at zero and full scale, and every code word decoded and encoded again.
 TEST(G711Test, CodeWordsMatchTheLawsAndSurviveARoundTrip) {
     struct Law {
         const char* name;
@@ -74,8 +73,7 @@ TEST(G711CodecTest, DescribesItselfAndAppendsPacketsBehindWhatTheOutputHolds) {
     }
 }
 
-// A tone starting at `hz` whose pitch rises by `glide` Hz a second, as a
-// voice's does.
+// A tone starting at `hz` whose pitch rises by `glide` Hz a second.
 std::vector<int16_t> toneOf(double hz, double glide, size_t count) {
     std::vector<int16_t> out(count);
     for (size_t i = 0; i < count; ++i) {
@@ -101,11 +99,8 @@ int largestStep(const std::vector<int16_t>& x, size_t from, size_t to) {
     return step;
 }
 
-// 50 ms of a tone played, 20 ms lost, then the next packet. A steady tone is
-// carried on closely: periods below the shortest searched (1 kHz, found as
-// a multiple), near the longest (75 Hz) and of no whole number of samples
-// (220 Hz). A gliding one cannot be predicted, but neither end of the loss
-// may click, and the packet after it plays exactly once its blend is over.
+// 50 ms of a tone, 20 ms lost, then the next packet: a steady tone carries on closely, a gliding one at least
+// without a click, and the packet after the loss plays exactly once its blend is over.
 TEST(G711ConcealmentTest, RepeatsThePitchAndBlendsIntoTheNextPacket) {
     struct Case {
         double hz;

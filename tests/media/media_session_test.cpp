@@ -1,6 +1,4 @@
-// Two media sessions over the simulated network: what the receiver plays
-// against what the sender captured under each network condition, clock
-// drift, RFC 4733 digits, hold, source changes and the RTCP reports.
+// Two media sessions over the simulated network, from captured audio to what the far end plays.
 #include "media/session/media_session.h"
 
 #include <gtest/gtest.h>
@@ -28,8 +26,7 @@ constexpr int64_t kSecond = 1000000;
 
 const NegotiatedCodec kPcmu{"PCMU", 0, 8000, 20, 101, ""};
 
-// Noise from a fixed generator: every lag reads differently, so the delay
-// between what was sent and what plays is unambiguous.
+// Noise from a fixed generator: every lag reads differently, so the delay is unambiguous.
 int16_t noise(uint64_t index) {
     uint64_t x = index * 0x9e3779b97f4a7c15ULL;
     x ^= x >> 29;
@@ -68,7 +65,6 @@ struct Call {
 
     CallSimulation simulation() { return CallSimulation(network, *sender, *receiver, noise); }
     // The RTP packets the sender handed to the network from its `from`th on.
-    // A packet's bytes stay where they are when the list grows.
     [[nodiscard]] std::vector<RtpPacket> rtpSent(size_t from = 0) const {
         std::vector<RtpPacket> out;
         for (size_t i = from; i < network.sent(0).size(); ++i) {
@@ -83,8 +79,7 @@ struct Call {
     std::shared_ptr<Listener> listener = std::make_shared<Listener>();
 };
 
-// The share of 20 ms windows after `from` that play the best-case signal
-// exactly at some lag near the last one found.
+// The share of 20 ms windows after `from` playing the best-case signal exactly, at a lag near the last.
 double intactShare(const std::vector<int16_t>& played, size_t from) {
     size_t intact = 0, windows = 0;
     int64_t lag = 0;
@@ -136,8 +131,7 @@ TEST(MediaSessionTest, ReceivedAudioUnderNetworkConditions) {
         EXPECT_GE(intactShare(sim.played, 3 * 8000), c.minIntact);
         EXPECT_LE(st.playout.targetDelayMs, 50.0);  // jitter raises it, but only so far
         EXPECT_EQ(st.payloadType, 0);
-        // Loss figures are the network's own count: nothing lost goes
-        // unnoticed, nothing duplicated counts as lost.
+        // Loss figures are the network's own count; duplicates do not count as lost.
         if (c.link.duplicate == 0) {
             EXPECT_NEAR(static_cast<double>(st.packetsLost), static_cast<double>(call.network.dropped(0)), 2.0);
         } else {
@@ -163,14 +157,11 @@ TEST(MediaSessionTest, DigitsCrossAsRfc4733EventsAndAreReportedOncePerEvent) {
         EXPECT_EQ(call.listener->digits, "1#D");
         EXPECT_EQ(call.receiver->statistics().digitsReceived, 3u);
         EXPECT_EQ(call.sender->statistics().digitsSent, 3u);
-        // The audio a digit replaces was never lost: on a clean network
-        // nothing is concealed, though the buffer runs dry before the event.
+        // The audio a digit replaces was never lost: a clean network conceals nothing.
         if (!lossy) { EXPECT_EQ(call.receiver->statistics().playout.samplesConcealed, 0u); }
         if (!lossy) continue;
 
-        // The second digit on the wire: start with the marker, 50 ms updates,
-        // three end packets, all with one timestamp and consecutive sequence
-        // numbers; audio resumes after it as a new talkspurt.
+        // '#' on the wire: marker, 50 ms updates, three ends, one timestamp; audio resumes as a new talkspurt.
         const auto packets = call.rtpSent();
         std::vector<RtpPacket> hash;
         size_t lastOfHash = 0;
@@ -215,8 +206,7 @@ std::vector<uint8_t> rtpBytes(uint32_t ssrc, uint16_t seq, uint32_t ts, uint8_t 
     return out;
 }
 
-// One call through hold, resume and receive-only, while a stray source, bad
-// input and at last a new source that persists reach the receiver.
+// One call through hold, resume and receive-only, with a stray source, bad input and a new source.
 TEST(MediaSessionTest, HoldResumeAndSourceChanges) {
     Call call;
     auto sim = call.simulation();
@@ -224,14 +214,12 @@ TEST(MediaSessionTest, HoldResumeAndSourceChanges) {
     const std::vector<uint8_t> tone(160, linearToUlaw(5000));
     call.network.inject(1, Channel::Rtp, rtpBytes(0x5555, 1, 1000, 0, tone));
     EXPECT_EQ(call.receiver->statistics().remoteSsrc, 0x0a0a0a0au);
-    // Bad input of every kind is counted and dropped.
     call.network.inject(1, Channel::Rtp, {0x00, 0x01, 0x02});
     call.network.inject(1, Channel::Rtp, rtpBytes(0x0a0a0a0a, 7, 7, 96, tone));  // not negotiated
     call.network.inject(1, Channel::Rtcp, {0x80, 0xc9, 0xff, 0xff});
     EXPECT_EQ(call.receiver->statistics().packetsDiscarded, 3u);
 
-    // Hold stops sending; the receiver's last second of playout is silence
-    // once its buffer ran dry.
+    // Hold stops sending; the receiver's buffer runs dry into silence.
     call.sender->setDirection(MediaDirection::Inactive);
     EXPECT_FALSE(call.sender->sendDigit('5'));
     const auto receivedBefore = call.receiver->statistics().packetsReceived;
@@ -241,8 +229,7 @@ TEST(MediaSessionTest, HoldResumeAndSourceChanges) {
     EXPECT_TRUE(std::all_of(sim.played.end() - 4000, sim.played.end(), [](int16_t s) { return s == 0; }));
     EXPECT_LE(call.receiver->statistics().packetsReceived, receivedBefore + 2);
 
-    // Resuming starts a talkspurt: three seconds of hold pass on the RTP
-    // clock too, and the sequence runs on.
+    // Resuming starts a talkspurt: the hold passes on the RTP clock too, and the sequence runs on.
     call.sender->setDirection(MediaDirection::SendRecv);
     sim.run(kSecond);
     const auto packets = call.rtpSent();
@@ -256,8 +243,7 @@ TEST(MediaSessionTest, HoldResumeAndSourceChanges) {
     EXPECT_EQ(packets[resumed].sequence, static_cast<uint16_t>(packets[resumed - 1].sequence + 1));
     EXPECT_GT(call.receiver->statistics().packetsReceived, receivedBefore + 30);
 
-    // Receive-only: we play but send nothing but reports. Our source gone
-    // quiet, a new one that keeps sending takes over.
+    // Receive-only: we send no RTP. Our source gone quiet, a new one that keeps sending takes over.
     call.sender->setDirection(MediaDirection::RecvOnly);
     const size_t resumedAt = call.network.sent(0).size();
     for (uint16_t i = 0; i < 40; ++i) {
@@ -284,8 +270,7 @@ TEST(MediaSessionTest, ReportsFlowAtRfc3550IntervalsWithLossJitterAndRoundTrip) 
         reports.push_back(*RtcpCompound::parse(p.bytes));
     }
     ASSERT_GE(times.size(), 10u);
-    // The first comes after half the minimum, the rest after 5 s, each
-    // spread over 0.5..1.5 times and divided by e - 3/2.
+    // The first after half the 5 s minimum, the rest after it, spread over 0.5..1.5 and divided by e - 3/2.
     EXPECT_GE(times[0], 1025000);
     EXPECT_LE(times[0], 3080000);
     for (size_t i = 1; i < times.size(); ++i) {
@@ -301,8 +286,7 @@ TEST(MediaSessionTest, ReportsFlowAtRfc3550IntervalsWithLossJitterAndRoundTrip) 
     EXPECT_EQ(sr->reports[0].ssrc, 0x0b0b0b0bu);
     EXPECT_TRUE(std::holds_alternative<RtcpSdes>(reports.back().packets[1]));
 
-    // The receiver's reports tell the sender what the network dropped, and
-    // the LSR/DLSR echo gives the 40 ms round trip.
+    // The receiver's reports tell the sender what was dropped; LSR/DLSR give the 40 ms round trip.
     const auto a = call.sender->statistics();
     ASSERT_TRUE(a.remotePacketsLost && a.roundTripMs && a.remoteJitterMs);
     EXPECT_NEAR(static_cast<double>(*a.remotePacketsLost), static_cast<double>(call.network.dropped(0)), 10.0);
@@ -330,9 +314,7 @@ TEST(MediaSessionTest, AReceiverThatOnlyListensSendsReceiverReports) {
     for (const auto& p : call.network.sent(1)) {
         const auto c = RtcpCompound::parse(p.bytes);
         ASSERT_TRUE(p.channel == Channel::Rtcp && c);
-        const auto* rr = std::get_if<RtcpReceiverReport>(&c->packets.at(0));
-        ASSERT_NE(rr, nullptr);
-        EXPECT_EQ(rr->reports.size(), 1u);
+        EXPECT_EQ(std::get<RtcpReceiverReport>(c->packets.at(0)).reports.size(), 1u);
     }
 }
 

@@ -1,5 +1,4 @@
-// Codec choice: the format table and its lookups, the registry, and offer and
-// answer as a peer sees them on the wire.
+// Codec choice: the format table, the registry, and offer and answer on the wire.
 #include "media/codec/negotiation.h"
 
 #include <gtest/gtest.h>

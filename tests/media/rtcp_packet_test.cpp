@@ -1,5 +1,4 @@
-// RTCP compounds from hand-built datagrams: report blocks with negative loss,
-// SDES and BYE texts, skipped packet types, and hostile counts and lengths.
+// RTCP compounds from hand-built datagrams, hostile counts and lengths among them.
 #include "media/rtp/rtcp_packet.h"
 
 #include <gtest/gtest.h>

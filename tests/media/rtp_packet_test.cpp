@@ -1,5 +1,4 @@
-// RTP packets from hand-built datagrams: every header field, the lengths a
-// hostile sender can lie about, and what the writer refuses.
+// RTP packets from hand-built datagrams: every header field, lying lengths and what the writer refuses.
 #include "media/rtp/rtp_packet.h"
 
 #include <gtest/gtest.h>
@@ -10,8 +9,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 TEST(RtpPacketTest, ReadsEveryHeaderFieldAndWritesTheSameBytes) {
-    // V=2 P X CC=2, M with PT 96, two CSRCs, a one-word extension, a 3-byte
-    // payload and 3 octets of padding.
+    // V=2 P X CC=2, M, PT 96, two CSRCs, a one-word extension, 3 bytes of payload and 3 of padding.
     const Bytes full = {0xb2, 0xe0, 0x12, 0x34, 0xde, 0xad, 0xbe, 0xef, 0x01, 0x02, 0x03, 0x04,  // header
                         0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0x10, 0x11,                          // CSRCs
                         0xbe, 0xde, 0x00, 0x01, 0x10, 0xaa, 0x00, 0x00,                          // extension

@@ -1,6 +1,4 @@
-// Receive statistics and RTCP timing: the RFC 3550 jitter on known arrival
-// patterns, the sequence tracker's loss figures across wraps, restarts and
-// duplicates, and the report interval's bounds.
+// Receive statistics: jitter, the sequence tracker's loss figures and the RTCP interval.
 #include "media/rtp/rtp_statistics.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +19,6 @@ TEST(RtpStatisticsTest, JitterIsZeroOnTimeAndConvergesToTheMeanDeviation) {
     EXPECT_NEAR(alternating.value(), 40.0, 1.0);
     EXPECT_NEAR(alternating.milliseconds(), 5.0, 0.1);
 
-    // The timestamp wrapping does not look like a jump.
     InterarrivalJitter wrapping;
     for (int i = 0; i < 50; ++i) wrapping.update(0xfffff000u + 160u * static_cast<uint32_t>(i), 20000LL * i);
     EXPECT_EQ(wrapping.value(), 0u);
@@ -45,7 +42,6 @@ TEST(RtpStatisticsTest, SequenceTrackerCountsLossAcrossWrapsReorderingAndRestart
         // A wild jump is ignored once; repeated, the source restarted.
         {"stray jump", {10, 11, 5000, 12}, 0, 12},
         {"restart", {10, 11, 5000, 5001, 5002}, 0, 5002},
-        // Probation: a first packet that does not continue starts it again.
         {"probation", {10, 20, 21, 22}, 0, 22},
     };
     for (const auto& c : cases) {
@@ -72,9 +68,7 @@ TEST(RtpStatisticsTest, FractionLostCoversOnlyTheLatestInterval) {
 }
 
 TEST(RtpStatisticsTest, RtcpIntervalKeepsTheMinimumSpreadAndCompensation) {
-    // Two parties at 5 % of G.711's bandwidth are far below the minimum. In a
-    // crowded session the interval grows with the members, and with few
-    // senders the receivers' share is three quarters of the bandwidth.
+    // Two parties sit at the minimum; among 1000 members, receivers share three quarters of the bandwidth.
     const struct {
         RtcpIntervalInput in;
         double random01, deterministic;

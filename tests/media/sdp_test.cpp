@@ -1,5 +1,4 @@
-// SDP bodies: what the parser accepts and refuses, what the writer emits,
-// the attribute queries and our own descriptions.
+// SDP bodies: parsing, writing, the attribute queries and our own descriptions.
 #include "media/sdp/sdp.h"
 
 #include <gtest/gtest.h>
@@ -77,8 +76,7 @@ TEST(SdpTest, RefusesWithTheFixedTextsAndReadsOddFieldsTolerantly) {
         "v=x\r\no=bob  id 99999999999999999999 IN IP4 h\r\nc=IN IP4 224.2.1.1/127/3\r\n"
         "m=audio 49170/2 RTP/AVP 0  8 \r\na=fmtp:\r\na=:v\r\n");
     ASSERT_TRUE(sdp);
-    // The token after two blanks is empty and "id" no number: both read as 0,
-    // and the extra blank shifts the rest.
+    // An empty token and "id" both read as 0, and the extra blank shifts the rest.
     EXPECT_EQ(sdp->toString(), "v=0\r\no=bob 0 0 IN IN IP4\r\ns=-\r\nc=IN IP4 224.2.1.1\r\nt=0 0\r\n"
                                "m=audio 49170 RTP/AVP 0 8\r\na=fmtp\r\na=:v\r\n");
 }

@@ -1,5 +1,4 @@
-// RFC 4733 events: the payload bytes, the digits, the sender's packet
-// schedule on the stream's packet grid, and the receiver's single report.
+// RFC 4733 events: payload bytes, digits, the sender's schedule and the receiver's single report.
 #include "media/session/telephone_event.h"
 
 #include <gtest/gtest.h>
