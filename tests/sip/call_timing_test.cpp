@@ -1,6 +1,5 @@
-// Call timers in virtual time against a scripted peer: the 2xx repeated
-// until the ACK, the reliable 180 repeated until its PRACK, the no-answer
-// cancel, session timers and 422, forked early dialogs and glare.
+// Call timers in virtual time against a scripted peer: 2xx and reliable 180 repeats, no-answer cancel,
+// session timers and 422, forked early dialogs and glare.
 #include <gtest/gtest.h>
 
 #include "support/virtual_user_agent.h"
@@ -37,8 +36,7 @@ protected:
         toUs({.method = method, .callId = "timing-1", .extra = extra, .cseq = cseq, .toTag = toTag, .user = "bob"});
     }
     [[nodiscard]] int64_t nowMs() const { return clock->nowNs() / 1'000'000; }
-    // Moves time on in 100 ms steps for `span`, noting when each response of
-    // `code` arrived, relative to `from`.
+    // Moves time on in 100 ms steps for `span`, noting when each `code` response arrived, relative to `from`.
     std::vector<int64_t> responsesOver(int code, std::chrono::milliseconds span, int64_t from) {
         std::vector<int64_t> at;
         for (int64_t t = 0; t <= span.count(); t += 100) {
@@ -110,23 +108,8 @@ TEST_F(CallTimingTest, ReliableRingingRepeatsDoublingUntilItFailsAt64T1) {
     const auto ringing = peer.expectResponse(180, pump);
     ASSERT_TRUE(ringing);
     EXPECT_EQ(ringing->header("Require"), "100rel");
-    const int64_t start = nowMs();
-    std::vector<int64_t> times = {0};
-    std::optional<int64_t> failedAt;
-    for (int64_t t = 0; t <= 32000; t += 100) {
-        advance(100ms);
-        while (auto r = peer.expectResponse(0, pump, 3ms)) {
-            if (r->statusCode == 180) {
-                EXPECT_TRUE(r->header("RSeq"));
-                times.push_back(nowMs() - start);
-            } else {
-                EXPECT_EQ(r->statusCode, 504);
-                failedAt = nowMs() - start;
-            }
-        }
-    }
-    EXPECT_EQ(times, (std::vector<int64_t>{0, 500, 1500, 3500, 7500, 15500, 31500}));
-    EXPECT_EQ(failedAt, 32000);
+    EXPECT_EQ(responsesOver(180, 31900ms, nowMs()), (std::vector<int64_t>{500, 1500, 3500, 7500, 15500, 31500}));
+    EXPECT_TRUE(peer.expectResponse(504, pump));  // at 32 s: an earlier one is skipped above
     EXPECT_TRUE(logs.has("call 1: no PRACK received"));
 }
 

@@ -60,8 +60,6 @@ TEST_F(RegistrationTest, BuildsTheRegisterWithItsHeadersInOrder) {
     EXPECT_TRUE(peer.quiet("REGISTER", pump, 50ms));
 }
 
-// Challenged, registered, refreshed, challenged again on the refresh,
-// un-registered: one line's life.
 TEST_F(RegistrationTest, AnswersChallengesRefreshesAndUnregisters) {
     const int line = addLine(peer.hostPort());
     ASSERT_TRUE(ua->registerLine(line));
@@ -105,7 +103,6 @@ TEST_F(RegistrationTest, AnswersChallengesRefreshesAndUnregisters) {
     EXPECT_EQ(bye->expires(), 0);
     peer.answer(*bye, 200);
     ASSERT_TRUE(reach(line, RegistrationState::Unregistered));
-    // A refresh is no new state.
     EXPECT_EQ(states->take(), (std::vector<std::string>{"Registering 0", "Registered 200 OK", "Unregistering 0",
                                                         "Unregistered 200 OK"}));
     advance(4000s);

@@ -1,6 +1,4 @@
-// Our presence against a scripted peer, in virtual time: a watcher that
-// subscribes (the answer, the NOTIFYs with the document, expiry), and the
-// publication's refresh, modify and removal.
+// Our presence against a scripted peer, in virtual time: a watcher's subscription, our publication.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -24,8 +22,7 @@ protected:
         VirtualUserAgentTest::SetUp();
         ua->setListener(gate);
     }
-    // The next new NOTIFY: repeats of one whose answer the user agent has
-    // not yet taken (time jumps ahead of it) are skipped.
+    // The next new NOTIFY, skipping repeats sent while time jumped ahead of our answer.
     std::optional<SipMessage> expectNotify(std::chrono::milliseconds timeout = 2s) {
         return peer.expect("NOTIFY", pump, timeout, [this](const SipMessage& m) {
             return seen_.insert(m.callId() + " " + std::to_string(m.cseq() ? m.cseq()->number : 0)).second;

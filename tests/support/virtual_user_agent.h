@@ -1,5 +1,4 @@
-// A user agent on loopback in virtual time with a scripted peer beside it:
-// the fixture of the tests that check what the user agent sends and when.
+// A user agent on loopback in virtual time with a scripted peer beside it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,8 +18,7 @@
 
 namespace kelsip::test {
 
-// What a test's listener heard, as lines, taken in arrival order. The loop
-// runs on the test's thread, so the listener does too.
+// What a test's listener heard, as lines in arrival order (the loop runs on the test's thread).
 class EventLines {
 public:
     void add(const std::string& line) { lines_.push_back(line); }
@@ -44,7 +42,6 @@ struct PeerRequest {
 
 class VirtualUserAgentTest : public ::testing::Test {
 protected:
-    // `adjust` changes the configuration before the user agent is made.
     explicit VirtualUserAgentTest(const std::function<void(UserAgentConfig&)>& adjust = {}) {
         UserAgentConfig config;
         config.bindAddress = "127.0.0.1";
@@ -75,9 +72,7 @@ protected:
             r.extra + "Content-Length: " + std::to_string(r.body.size()) + "\r\n\r\n" + r.body;
         peer.send(text, ua->localAddress(TransportKind::Udp));
     }
-    // The peer answers `request`, and the user agent has taken the answer
-    // before the test moves time on (else a jump could time out the
-    // transaction the answer was meant for).
+    // The peer answers `request`, and the user agent takes the answer before time moves on.
     void answer(const SipMessage& request, int code, const std::string& extra = "",
                 const std::string& toTag = "peer") {
         const size_t before = received();
