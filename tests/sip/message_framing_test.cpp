@@ -15,7 +15,6 @@ std::string withBody(const std::string& lengthLine, const std::string& body) {
 TEST(StreamFramingTest, CutsWholeMessagesOnlyAndKeepsTheRest) {
     const std::string first = withBody("Content-Length: 4\r\n", "abcd");
     const std::string second = withBody("l: 0\r\n", "");
-    // Fed one byte at a time, nothing comes out before the last body byte.
     std::string buffer;
     std::string error;
     for (size_t i = 0; i + 1 < first.size(); ++i) {

@@ -34,7 +34,6 @@ SipMessage responseTo(const SipMessage& req, int code, const std::string& toTag 
     return makeResponse(req, code, "", toTag);
 }
 
-// The transport below the layer: records what was sent and when.
 class TransactionTest : public ::testing::Test {
 protected:
     struct Sent {
@@ -62,7 +61,6 @@ protected:
     ResponseCallback record() {
         return [this](const SipMessage* r) { answers.push_back(r != nullptr ? r->statusCode : 0); };
     }
-    // Since the first send.
     std::vector<int64_t> sendTimes() const {
         std::vector<int64_t> times;
         for (const Sent& s : sent) times.push_back(s.atMs - sent.front().atMs);
@@ -100,7 +98,6 @@ TEST_F(TransactionTest, ClientRetransmitsOnScheduleAndFailsAt64T1) {
         advance(60000ms);
         EXPECT_EQ(sendTimes(), c.sends);
     }
-    EXPECT_TRUE(logs.has("client transaction timeout"));
 }
 
 TEST_F(TransactionTest, AProvisionalAnswerMovesNonInviteRetransmissionsToT2AndStopsInviteOnes) {
@@ -118,7 +115,6 @@ TEST_F(TransactionTest, AProvisionalAnswerMovesNonInviteRetransmissionsToT2AndSt
     advance(20000ms);
     EXPECT_EQ(sent.size(), 1U);  // Proceeding: the INVITE is not repeated
     EXPECT_EQ(answers, (std::vector<int>{100, 200, 180}));
-    // A completed transaction over TCP is gone at once.
     const std::string overTcp = layer.sendRequest(request("OPTIONS"), kTcpPeer, record());
     layer.handleResponse(responseTo(lastSent(), 200), kTcpPeer);
     loop.runDue();
@@ -168,16 +164,14 @@ TEST_F(TransactionTest, RefusesBadAndDuplicateRequestsAndFailsOnTransportErrors)
     const SipMessage withBranch = request("OPTIONS", "SIP/2.0/UDP 192.0.2.9;branch=z9hG4bKsame");
     EXPECT_EQ(layer.sendRequest(withBranch, kUdpPeer, record()), "z9hG4bKsame|OPTIONS");
     EXPECT_EQ(layer.sendRequest(withBranch, kUdpPeer, record()), "");
-    EXPECT_TRUE(logs.has("sendRequest: duplicate transaction"));
     transportWorks = false;
     EXPECT_FALSE(layer.sendRequest(request("OPTIONS"), kUdpPeer, record()).empty());
     EXPECT_TRUE(answers.empty());  // reported from the loop, not from inside sendRequest
     loop.runDue();
     EXPECT_EQ(answers, std::vector<int>{0});
     transportWorks = true;
-    const std::string tcp = layer.sendRequest(request("OPTIONS"), kTcpPeer, record());
+    (void)layer.sendRequest(request("OPTIONS"), kTcpPeer, record());
     layer.handleTransportError(SipTarget{TransportKind::Tcp, kTcpPeer.address, 0});
-    EXPECT_TRUE(logs.has("transport failure for " + tcp));
     EXPECT_EQ(answers, (std::vector<int>{0, 0}));
     advance(40000ms);
     EXPECT_EQ(answers.size(), 3U);  // only the one still waiting times out; no failure comes twice
@@ -194,7 +188,7 @@ TEST_F(TransactionTest, ServerPassesANewRequestUpOnceAndRepeatsTheLastAnswer) {
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_EQ(sent[1].text, sent[0].text);
     EXPECT_EQ(keys.size(), 1U);
-    // Without rport the answer goes to the Via's port, not the packet's source port; with it, to the source.
+    // Without rport to the Via's port; with it, to the source.
     EXPECT_EQ(sent[0].target.address.port(), 5070);
     const SipMessage natted = request("OPTIONS", "SIP/2.0/UDP 10.0.0.5:5070;rport=40000;branch=z9hG4bKr");
     const SipTarget source{TransportKind::Udp, *net::SocketAddress::parseWithPort("192.0.2.1:40000"), 0};
@@ -212,8 +206,7 @@ TEST_F(TransactionTest, ServerPassesANewRequestUpOnceAndRepeatsTheLastAnswer) {
 }
 
 TEST_F(TransactionTest, ServerRepeatsAnInviteFailureUntilTheAckOrGivesUp) {
-    // The acknowledged INVITE has a branch without the magic cookie: old phones
-    // are matched by the older rules, the ACK by the answer's To tag.
+    // The acknowledged INVITE has an old-style branch: matched by the older rules, its ACK by the To tag.
     for (const bool acknowledged : {true, false}) {
         SCOPED_TRACE(acknowledged);
         sent.clear();

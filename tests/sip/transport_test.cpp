@@ -22,7 +22,6 @@ std::string request(const std::string& via, const std::string& body = "", const 
            "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-// Received messages, collected on the loop thread, read by the test.
 class Inbox {
 public:
     ReceiveHandler handler() {
@@ -114,13 +113,11 @@ protected:
         EXPECT_TRUE(t->open(nullptr));
         return t;
     }
-    // A plain TCP peer connected to `at`.
     net::Socket connectTo(const SocketAddress& at) {
         net::Socket s = net::Socket::open(net::AddressFamily::V4, net::SocketType::Tcp);
         EXPECT_EQ(s.connect(at), net::ConnectStatus::Connected);
         return s;
     }
-    // Reads from a blocking peer socket until `n` bytes arrived.
     static std::string readBytes(net::Socket& s, size_t n) {
         std::string got;
         char buf[4096];
@@ -178,7 +175,6 @@ TEST_F(StreamTest, ReusesOneConnectionPerAddressAndReportsPeerCloseAndConnectFai
     ASSERT_TRUE(first && second);
     EXPECT_EQ(first->second.connection, second->second.connection);  // the same accepted connection
     EXPECT_EQ(client->connectionCount(), 1U);
-    // The server answers on the connection it accepted; the client gets it on #1.
     ASSERT_TRUE(server->send(request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bKc"), first->second));
     auto back = inbox.next();
     ASSERT_TRUE(back);
@@ -186,7 +182,6 @@ TEST_F(StreamTest, ReusesOneConnectionPerAddressAndReportsPeerCloseAndConnectFai
     server->close();
     EXPECT_TRUE(logs.waitForLine("connection #1 to " + to.address.toString() + " closed"));
     EXPECT_TRUE(test::waitFor([&] { return client->connectionCount() == 0; }, 5s));
-    // Nobody listens there any more.
     ASSERT_TRUE(client->send(request("SIP/2.0/TCP h;branch=z9hG4bK1"), to));
     EXPECT_TRUE(logs.waitForLine("connection to " + to.address.toString() + " failed"));
     EXPECT_TRUE(test::waitFor([&] {
@@ -204,7 +199,6 @@ TEST_F(StreamTest, ClosesIdleConnectionsAndThoseWhoseBufferOutgrowsTheLimit) {
     sendAll(idle, request("SIP/2.0/TCP 127.0.0.1;branch=z9hG4bK1"));
     ASSERT_TRUE(inbox.next());
     net::Socket flooding = connectTo(tcp->localAddress());
-    // A header block that never ends.
     std::string endless = "OPTIONS sip:b@h SIP/2.0\r\n";
     while (endless.size() < 100 * 1024) endless += "X-Filler: " + std::string(100, 'f') + "\r\n";
     sendAll(flooding, endless);

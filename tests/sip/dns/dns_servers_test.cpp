@@ -1,4 +1,4 @@
-// Name servers from resolv.conf text and files.
+// Name servers from resolv.conf files.
 #include "sip/dns/dns_servers.h"
 
 #include <gtest/gtest.h>
@@ -9,14 +9,8 @@
 namespace kelsip::dns {
 namespace {
 
-std::vector<std::string> texts(const std::vector<net::SocketAddress>& servers) {
-    std::vector<std::string> out;
-    for (const auto& s : servers) out.push_back(s.toString());
-    return out;
-}
-
-TEST(ResolvConfTest, TakesNameserverLinesInOrder) {
-    const char* text =
+TEST(ResolvConfTest, TakesNameserverLinesInOrderOrFallsBackToTheLocalHost) {
+    const char* lines =
         "# written by the network manager\n"
         "search example.test\n"
         "nameserver 192.0.2.53\n"
@@ -28,21 +22,25 @@ TEST(ResolvConfTest, TakesNameserverLinesInOrder) {
         "nameservers 192.0.2.98\n"
         "options timeout:2 attempts:3\r\n"
         "nameserver 198.51.100.7";        // no final line break
-    EXPECT_EQ(texts(parseResolvConf(text)),
-              (std::vector<std::string>{"192.0.2.53:53", "[2001:db8::53]:53", "198.51.100.7:53"}));
-    EXPECT_TRUE(parseResolvConf("").empty());
-}
-
-TEST(ResolvConfTest, ReadsAFileAndFallsBackToTheLocalHost) {
+    const struct {
+        const char* text;  // null: no file
+        std::vector<std::string> servers;
+        const char* error;
+    } cases[] = {
+        {lines, {"192.0.2.53:53", "[2001:db8::53]:53", "198.51.100.7:53"}, ""},
+        {"search example.test\n", {"127.0.0.1:53"}, ""},
+        {nullptr, {}, "cannot read resolv.conf"},
+    };
     const auto path = std::filesystem::temp_directory_path() / "velmora-resolv-test.conf";
-    std::ofstream(path) << "search example.test\n";
-    std::string error;
-    // The C library's rule: no "nameserver" line means this host.
-    EXPECT_EQ(texts(readResolvConf(path.string(), &error)), (std::vector<std::string>{"127.0.0.1:53"}));
-    EXPECT_TRUE(error.empty());
-    std::filesystem::remove(path);
-    EXPECT_TRUE(readResolvConf(path.string(), &error).empty());
-    EXPECT_EQ(error, "cannot read resolv.conf");
+    for (const auto& c : cases) {
+        std::filesystem::remove(path);
+        if (c.text != nullptr) std::ofstream(path) << c.text;
+        std::string error;
+        std::vector<std::string> servers;
+        for (const auto& s : readResolvConf(path.string(), &error)) servers.push_back(s.toString());
+        EXPECT_EQ(servers, c.servers);
+        EXPECT_EQ(error, c.error);
+    }
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Helpers of the DNS tests: messages written byte by byte, a client on a loop
-// in virtual time, and a UDP socket that never answers.
+// Helpers of the DNS tests: wire messages, a client in virtual time, a silent server.
 #pragma once
 
 #include <chrono>
@@ -62,8 +61,7 @@ inline Wire responseHeader(unsigned id, unsigned flags, unsigned qd, unsigned an
     return w;
 }
 
-// Runs the loop's due work until `condition` holds (the DNS worker posts
-// its completions to the loop); false when `timeout` passes first.
+// Runs the loop's due work until `condition` holds; false when `timeout` passes first.
 template <typename F>
 bool runUntil(EventLoop& loop, F&& condition, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -75,7 +73,6 @@ bool runUntil(EventLoop& loop, F&& condition, std::chrono::milliseconds timeout 
     }
 }
 
-// A client on a loop in virtual time.
 struct VirtualClient {
     explicit VirtualClient(dns::DnsClientOptions options)
         : clock(std::make_shared<ManualClock>()), loop(clock), client(loop, std::move(options)) {}

@@ -11,24 +11,17 @@
 namespace kelsip::dns {
 namespace {
 
-using namespace std::chrono_literals;
 using test::runUntil;
 
-std::vector<std::string> targetTexts(const std::vector<SipTarget>& targets) {
+template <typename T, typename F>
+std::vector<std::string> texts(const std::vector<T>& items, F text) {
     std::vector<std::string> out;
-    for (const SipTarget& t : targets) out.push_back(t.toString());
-    return out;
-}
-
-std::vector<std::string> srvTargets(const std::vector<SrvData>& records) {
-    std::vector<std::string> out;
-    for (const SrvData& r : records) out.push_back(r.target);
+    for (const T& item : items) out.push_back(text(item));
     return out;
 }
 
 TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
-    // Priority 10 holds z (weight 0), a (60), b (20): the running sums in
-    // draw order are z 0, a 60, b 80; the draw takes the first sum >= r.
+    // Priority 10's running sums in draw order: z 0, a 60, b 80; a draw takes the first sum >= r.
     const std::vector<SrvData> records = {
         {20, 0, 5060, "c"}, {10, 60, 5060, "a"}, {10, 20, 5060, "b"}, {10, 0, 5060, "z"}, {30, 5, 5060, "d"},
     };
@@ -53,7 +46,7 @@ TEST(SrvOrderTest, SortsByPriorityThenDrawsByWeight) {
             c.draws.pop_front();
             return v;
         };
-        EXPECT_EQ(srvTargets(orderSrvRecords(records, random)), c.order);
+        EXPECT_EQ(texts(orderSrvRecords(records, random), [](const SrvData& r) { return r.target; }), c.order);
         EXPECT_EQ(bounds, c.bounds);
     }
 }
@@ -114,9 +107,7 @@ TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) 
         {"sip:192.0.2.1;transport=sctp", {}, 0, "unknown transport"},
         {"sips:192.0.2.1;transport=udp", {}, 0, "sips over udp"},
         {"tel:+1-201-555-0123", {}, 0, "tel uri is not routed"},
-        // TCP's NAPTR comes first by order; its SRV answer carries both
-        // addresses; UDP's target needs its own lookup. SCTP, TLS and the
-        // record without the "s" flag are passed over.
+        // By NAPTR order; SCTP, TLS and the record without the "s" flag passed over.
         {"sip:naptr.test", {"TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"}, 5},
         {"sip:naptr.test", {"TCP [::21]:5070", "TCP 127.0.0.21:5070", "UDP 127.0.0.22:5080"}, 5, "", kUdpTcp, V6First},
         {"sip:naptr.test", {"TLS 127.0.0.23:5061", "TCP 127.0.0.21:5070", "TCP [::21]:5070", "UDP 127.0.0.22:5080"},
@@ -152,7 +143,7 @@ TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) 
         locator.locate(*uri, [&](LocateResult r) { result = std::move(r); });
         EXPECT_FALSE(result) << "results never arrive inside locate()";
         ASSERT_TRUE(runUntil(dns->loop, [&] { return result.has_value(); }));
-        EXPECT_EQ(targetTexts(result->targets), c.targets);
+        EXPECT_EQ(texts(result->targets, [](const SipTarget& t) { return t.toString(); }), c.targets);
         EXPECT_EQ(result->error, c.error);
         EXPECT_EQ(dns->client.stats().udpQueriesSent - before, c.queries);
     }
@@ -161,15 +152,11 @@ TEST_F(ServerLocationDnsmasqTest, LocatesByNaptrSrvAndAddressesOrByTheUriAlone) 
 TEST_F(ServerLocationDnsmasqTest, CancelledOrDestroyedLocatorsNeverCallBack) {
     test::VirtualClient* dns = startClient(kZone);
     ASSERT_TRUE(dns);
-    ServerLocator locator(dns->client);
     bool called = false;
-    const auto id = locator.locate(*SipUri::parse("sip:192.0.2.1"), [&](LocateResult) { called = true; });
-    locator.cancel(id);
-    {
-        ServerLocator shortLived(dns->client);
-        shortLived.locate(*SipUri::parse("sip:192.0.2.2"), [&](LocateResult) { called = true; });
-        shortLived.locate(*SipUri::parse("sip:plain.test"), [&](LocateResult) { called = true; });
-    }
+    const auto call = [&](LocateResult) { called = true; };
+    ServerLocator locator(dns->client);
+    locator.cancel(locator.locate(*SipUri::parse("sip:192.0.2.1"), call));
+    ServerLocator(dns->client).locate(*SipUri::parse("sip:plain.test"), call);
     dns->loop.runDue();
     EXPECT_FALSE(called);
 }
