@@ -145,7 +145,8 @@ TEST_F(CallSippTest, AnswersHoldReoffersInKindAndCancelAfterTheAnswerChangesNoth
     // SIPp checks each answer's direction: recvonly, sendrecv, inactive.
     answerAndWait("call_in_held.xml");
     std::vector<bool> remoteHold;
-    for (const CallInfo& info : events->now().callInfos[answered]) remoteHold.push_back(info.remoteHold);
+    const test::Seen seen = events->now();  // a copy: the loop must not run over a temporary's element
+    for (const CallInfo& info : seen.callInfos.at(answered)) remoteHold.push_back(info.remoteHold);
     EXPECT_THAT(remoteHold, ElementsAre(true, false, true));
 
     const Trace trace = answerAndWait("call_in_cancel_after_answer.xml");

@@ -66,7 +66,7 @@ TEST(DnsClientTest, TakesOnlyTheAnswerThatMatchesItsQuery) {
     net::SocketAddress client;
     const auto query = receiveQuery(server, client);
     ASSERT_TRUE(query);
-    const unsigned id = ((*query)[0] << 8) | (*query)[1];
+    const unsigned id = (static_cast<unsigned>((*query)[0]) << 8) | (*query)[1];
     const auto send = [&](SilentServer& from, const std::vector<uint8_t>& bytes) {
         ASSERT_TRUE(from.socket.sendTo(bytes.data(), bytes.size(), client).ok());
     };
