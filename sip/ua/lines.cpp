@@ -280,10 +280,9 @@ void Lines::onRegisterAnswer(int id, const SipMessage* response) {
         return;
     }
     if (code == 423 && line.attempts < 3) {
-        const auto minExpires = parseHeaderInteger(response->header("Min-Expires").value_or(""));
-        if (minExpires && *minExpires > 0) {
+        if (const auto minExpires = minExpiresOf(*response)) {
             ++line.attempts;
-            line.expires = static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
+            line.expires = *minExpires;
             sendRegister(line);
             return;
         }

@@ -92,10 +92,9 @@ void Publication::onPublishAnswer(int lineId, int code, const std::string&, cons
         }
     }
     if (code == 423 && response != nullptr && p.minExpiresRetries < 3) {
-        const auto minExpires = parseHeaderInteger(response->header("Min-Expires").value_or(""));
-        if (minExpires && *minExpires > 0) {
+        if (const auto minExpires = minExpiresOf(*response)) {
             ++p.minExpiresRetries;
-            p.expires = static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
+            p.expires = *minExpires;
             publish(*line, p.expires, true);
             return;
         }

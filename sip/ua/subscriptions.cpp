@@ -197,10 +197,9 @@ void Subscriptions::onFirstSubscribeAnswer(int id, int code, const std::string& 
         return;
     }
     if (code == 423 && response != nullptr && s.minExpiresRetries < 3) {
-        const auto minExpires = parseHeaderInteger(response->header("Min-Expires").value_or(""));
-        if (minExpires && *minExpires > 0) {
+        if (const auto minExpires = minExpiresOf(*response)) {
             ++s.minExpiresRetries;
-            s.expires = static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
+            s.expires = *minExpires;
             log::info(kTag, subscriptionPrefix(s) + ": expiry raised to " + std::to_string(s.expires) + " s");
             start(s);
             return;
@@ -289,10 +288,9 @@ void Subscriptions::onSubscribeRefreshAnswer(int id, const SipMessage* response,
         return;
     }
     if (code == 423 && s.minExpiresRetries < 3) {
-        const auto minExpires = parseHeaderInteger(response->header("Min-Expires").value_or(""));
-        if (minExpires && *minExpires > 0) {
+        if (const auto minExpires = minExpiresOf(*response)) {
             ++s.minExpiresRetries;
-            s.expires = static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
+            s.expires = *minExpires;
             sendSubscribeInDialog(s, s.expires);
             return;
         }

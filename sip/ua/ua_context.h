@@ -2,7 +2,10 @@
 // transactions, DNS, the listener, and the helpers that build and send.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -34,6 +37,14 @@ inline int64_t refreshAfterSeconds(int64_t granted) {
     if (granted >= 61) return granted - 30;
     const int64_t half = granted / 2;
     return half < 2 ? 1 : half;
+}
+
+// The expiry a 423 asks for: its Min-Expires when that is a positive number,
+// capped to what an int holds.
+inline std::optional<int> minExpiresOf(const SipMessage& response) {
+    const auto minExpires = parseHeaderInteger(response.header("Min-Expires").value_or(""));
+    if (!minExpires || *minExpires <= 0) return std::nullopt;
+    return static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
 }
 
 // Owned by UserAgent::Impl and touched only on the loop thread; every part
