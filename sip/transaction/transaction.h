@@ -45,6 +45,13 @@ public:
 
     void setRequestHandler(RequestHandler handler) { requestHandler_ = std::move(handler); }
     void setStrayResponseHandler(StrayResponseHandler handler) { strayHandler_ = std::move(handler); }
+    // With this many server transactions alive, a new request (other than
+    // BYE and CANCEL, which end things) is answered 503 with Retry-After
+    // without a transaction of its own.
+    void setServerLimit(size_t maxTransactions, int retryAfterSeconds) {
+        maxServers_ = maxTransactions;
+        retryAfterSeconds_ = retryAfterSeconds;
+    }
 
     // Starts a client transaction. The request's top Via gets a fresh branch
     // unless it carries one already, and a Max-Forwards of 70 when it has
@@ -66,8 +73,6 @@ public:
 
     // The INVITE server transaction that a CANCEL names, if it is still known.
     [[nodiscard]] std::optional<std::string> inviteKeyForCancel(const SipMessage& cancel) const;
-    // The request that opened a server transaction.
-    [[nodiscard]] const SipMessage* serverRequest(const std::string& key) const;
 
     [[nodiscard]] std::optional<TransactionState> clientState(const std::string& key) const;
     [[nodiscard]] std::optional<TransactionState> serverState(const std::string& key) const;
@@ -95,6 +100,9 @@ private:
     StrayResponseHandler strayHandler_;
     std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
     std::unordered_map<std::string, std::unique_ptr<Server>> servers_;
+    size_t maxServers_ = SIZE_MAX;
+    int retryAfterSeconds_ = 5;
+    bool overloaded_ = false;  // logged once per episode
     std::shared_ptr<int> lifeToken_ = std::make_shared<int>(0);
     struct Random;
     std::unique_ptr<Random> random_;

@@ -20,8 +20,9 @@ struct SipTransactionLayer::Client {
     std::string ackText;  // the ACK of a non-2xx final, sent again for its retransmissions
 };
 
+// A server transaction keeps no copy of its request: only where to answer
+// and its last response, so that its memory is that of our own answer.
 struct SipTransactionLayer::Server {
-    SipMessage request;
     SipTarget replyTo;
     TransactionState state = TransactionState::Trying;
     bool invite = false;

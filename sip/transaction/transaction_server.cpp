@@ -61,8 +61,16 @@ void SipTransactionLayer::handleRequest(const SipMessage& request, const SipTarg
         if (!s.lastResponse.empty() && s.state != TransactionState::Accepted) (void)send_(s.lastResponse, s.replyTo);
         return;
     }
+    if (servers_.size() >= maxServers_ && request.method != "BYE" && request.method != "CANCEL") {
+        if (!overloaded_) log::warn(kTag, "overload: " + std::to_string(servers_.size()) + " server transactions, refusing new requests");
+        overloaded_ = true;
+        SipMessage busy = makeResponse(request, 503, "", request.toTag().empty() ? newBranch().substr(7, 10) : "");
+        busy.addHeader("Retry-After", std::to_string(retryAfterSeconds_));
+        (void)send_(busy.toString(), responseTarget(request, source));
+        return;
+    }
+    overloaded_ = false;
     auto s = std::make_unique<Server>();
-    s->request = request;
     s->replyTo = responseTarget(request, source);
     s->invite = request.method == "INVITE";
     s->state = s->invite ? TransactionState::Proceeding : TransactionState::Trying;
@@ -98,6 +106,8 @@ bool SipTransactionLayer::sendResponse(const std::string& key, const SipMessage&
         // The dialog layer repeats its 2xx until the ACK; the transaction only
         // absorbs INVITE retransmissions meanwhile (RFC 6026 "Accepted").
         s.state = TransactionState::Accepted;
+        s.lastResponse.clear();  // never sent again from here
+        s.lastResponse.shrink_to_fit();
         finishServer(key, s, 64 * timers_.t1Ms);
         return sent;
     }
@@ -129,11 +139,6 @@ std::optional<std::string> SipTransactionLayer::inviteKeyForCancel(const SipMess
     auto key = serverKeyOf(cancel, "INVITE");
     if (!key || !servers_.contains(*key)) return std::nullopt;
     return key;
-}
-
-const SipMessage* SipTransactionLayer::serverRequest(const std::string& key) const {
-    const auto it = servers_.find(key);
-    return it == servers_.end() ? nullptr : &it->second->request;
 }
 
 std::optional<TransactionState> SipTransactionLayer::clientState(const std::string& key) const {

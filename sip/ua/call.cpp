@@ -125,7 +125,8 @@ void Calls::endCall(Call& call, int code, const std::string& reason) {
     ctx_.loop->cancel(call.noAnswerTimer);
     ctx_.loop->cancel(call.reliableTimer);
     ctx_.loop->cancel(call.sessionTimer);
-    call.okTimer = call.noAnswerTimer = call.reliableTimer = call.sessionTimer = 0;
+    ctx_.loop->cancel(call.mediaTimer);
+    call.okTimer = call.noAnswerTimer = call.reliableTimer = call.sessionTimer = call.mediaTimer = 0;
     if (call.media) call.media->close();
     if (call.rtp) call.rtp->close({});
     const int id = call.id;

@@ -119,7 +119,12 @@ struct Call {
     int sessionRetries = 0;
     bool peerAllowsUpdate = false;
 
-    EventLoop::TimerId noAnswerTimer = 0;
+    EventLoop::TimerId noAnswerTimer = 0;  // the caller's no-answer time; the called side's ringing limit
+    // Media watch: the RTP and RTCP packets counted at the last look, and
+    // since when (loop time) that count has not moved while it should have.
+    EventLoop::TimerId mediaTimer = 0;
+    uint64_t mediaSeen = 0;
+    int64_t mediaQuietSinceMs = 0;
     std::string reofferKey;  // a re-offer of ours (re-INVITE or UPDATE) in flight
     // Transfer: an incoming INVITE's Replaces names this call; a call we
     // made for a REFER reports to the call that asked (its NOTIFYs).

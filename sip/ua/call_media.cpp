@@ -134,6 +134,7 @@ void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirect
     });
     media->setListener(call.mediaListener);
     call.media = std::move(media);
+    watchMedia(call);
     if (ctx_.listener) {
         ctx_.listener->onCallMedia(call.id, CallMediaEvent::Started,
                                call.codec->name + "/" + std::to_string(call.codec->clockRate));
@@ -191,6 +192,44 @@ void Calls::sendReoffer(Call& call) {
         c->localHold = !c->localHold;
         if (ctx_.listener) ctx_.listener->onCallInfo(infoOf(*c));
     });
+}
+
+void Calls::watchMedia(Call& call) {
+    if (ctx_.config.mediaTimeoutMs <= 0 || call.mediaTimer != 0) return;
+    call.mediaSeen = 0;
+    call.mediaQuietSinceMs = ctx_.loop->nowNs() / 1'000'000;
+    scheduleMediaCheck(call);
+}
+
+void Calls::scheduleMediaCheck(Call& call) {
+    const int id = call.id;
+    call.mediaTimer = ctx_.transactions->schedule(std::max<int64_t>(1000, ctx_.config.mediaTimeoutMs / 6),
+                                                  [this, id] { checkMedia(id); });
+}
+
+void Calls::checkMedia(int id) {
+    Call* call = findCall(id);
+    if (call == nullptr) return;
+    call->mediaTimer = 0;
+    if (!call->media || call->state != CallState::Connected) return;
+    const MediaStatistics stats = call->media->statistics();
+    const uint64_t seen = stats.packetsReceived + stats.rtcpReceived;
+    // Silence counts only while the far end is meant to send: on hold
+    // (ours or theirs) a quiet line is expected.
+    const MediaDirection ours = call->media->direction();
+    const bool expected = (ours == MediaDirection::SendRecv || ours == MediaDirection::RecvOnly) && !call->remoteHold;
+    const int64_t now = ctx_.loop->nowNs() / 1'000'000;
+    if (seen != call->mediaSeen || !expected) {
+        call->mediaSeen = seen;
+        call->mediaQuietSinceMs = now;
+    } else if (now - call->mediaQuietSinceMs >= ctx_.config.mediaTimeoutMs) {
+        log::warn(kTag, callPrefix(*call) + ": no media for " + std::to_string((now - call->mediaQuietSinceMs) / 1000) +
+                            " s, hanging up");
+        call->reason = "Media timeout";
+        sendBye(*call);
+        return;
+    }
+    scheduleMediaCheck(*call);
 }
 
 }  // namespace kelsip

@@ -2,6 +2,7 @@
 // on an incoming INVITE, ringing, answering with the 2xx repeated until the
 // ACK, BYE, CANCEL, re-INVITE and UPDATE offers, and INFO digits.
 #include <algorithm>
+#include <cstdlib>
 #include <random>
 
 #include "media/session/telephone_event.h"
@@ -17,16 +18,26 @@ namespace {
 constexpr std::string_view kTag = "ua";
 
 
-// The option tags of every Require header, trimmed.
-std::vector<std::string> requiredTags(const SipMessage& request) {
-    std::vector<std::string> tags;
-    for (const std::string& value : request.headers("Require")) {
+// Whether the request's Accept headers (if any) admit application/sdp:
+// "application/sdp", "application/*" or "*/*", with a q above zero.
+bool acceptsSdp(const SipMessage& request) {
+    const std::vector<std::string> accepts = request.headers("Accept");
+    if (accepts.empty()) return true;
+    bool listed = false;
+    bool admitted = false;
+    for (const std::string& value : accepts) {
         text::forEachTopLevel(value, ',', [&](std::string_view item) {
-            const auto t = text::trim(item);
-            if (!t.empty()) tags.emplace_back(t);
+            const std::string_view range = text::trim(item.substr(0, item.find(';')));
+            if (range.empty()) return;
+            listed = true;
+            if (!text::iequals(range, "application/sdp") && !text::iequals(range, "application/*") && range != "*/*") {
+                return;
+            }
+            const auto q = item.find(";q=");
+            admitted = admitted || q == std::string_view::npos || std::strtod(std::string(item.substr(q + 3)).c_str(), nullptr) > 0;
         });
     }
-    return tags;
+    return !listed || admitted;  // an empty Accept says nothing
 }
 
 // The digit of an INFO body. dtmf-relay: name=value lines, "Signal" the
@@ -84,18 +95,26 @@ std::optional<ReplacesTarget> parseReplaces(std::string_view value) {
 }  // namespace
 
 void Calls::onInvite(const std::string& key, const SipMessage& request, const SipTarget& source) {
+    if (lines_.first() == nullptr) {
+        ctx_.respond(key, request, 480);  // nobody here takes calls
+        return;
+    }
     int active = 0;
     for (const auto& [id, c] : calls_) active += c->state != CallState::Terminated;
-    if (active >= ctx_.config.maxCalls || lines_.first() == nullptr) {
+    if (active >= ctx_.config.maxCalls) {
         ctx_.respond(key, request, 486);
         return;
     }
-    std::string unsupported;
-    for (const std::string& tag : requiredTags(request)) {
-        if (tag == "100rel" || tag == "replaces" || tag == "timer") continue;
-        unsupported += (unsupported.empty() ? "" : ", ") + tag;
+    // Overload: refused at once, before any media is set up. A phone reaches
+    // maxCalls first; a server configured for load reaches this.
+    if (active >= ctx_.config.maxCallsInProgress) {
+        if (!overloaded_) log::warn(kTag, "overload: " + std::to_string(active) + " calls in progress, refusing new calls");
+        overloaded_ = true;
+        ctx_.respond(key, request, 503, {}, {{"Retry-After", std::to_string(ctx_.config.overloadRetryAfterSeconds)}});
+        return;
     }
-    if (!unsupported.empty()) {
+    overloaded_ = false;
+    if (const std::string unsupported = unsupportedRequirements(request); !unsupported.empty()) {
         ctx_.respond(key, request, 420, {}, {{"Unsupported", unsupported}});
         return;
     }
@@ -131,6 +150,11 @@ void Calls::onInvite(const std::string& key, const SipMessage& request, const Si
     const std::string type = request.header("Content-Type").value_or("");
     if (!request.body.empty() && !text::iequals(text::trim(type.substr(0, type.find(';'))), "application/sdp")) {
         ctx_.respond(key, request, 415, {}, {{"Accept", "application/sdp"}});
+        return;
+    }
+    if (!acceptsSdp(request)) {
+        // Our answer (or late offer) is SDP: a caller that takes none cannot have it.
+        ctx_.respond(key, request, 406, {}, {{"Accept", "application/sdp"}});
         return;
     }
 
@@ -191,6 +215,20 @@ void Calls::onInvite(const std::string& key, const SipMessage& request, const Si
     }
     const int id = call.id;
     calls_[id] = std::move(owned);
+    // Nobody rings for ever: the caller's Expires (RFC 3261 13.3.1) or our
+    // own limit, whichever comes first, ends the invitation with 487.
+    int64_t ringMs = ctx_.config.ringingTimeoutMs > 0 ? ctx_.config.ringingTimeoutMs : INT64_MAX;
+    if (const auto expires = parseHeaderInteger(request.header("Expires").value_or("")); expires && *expires >= 0) {
+        ringMs = std::min<int64_t>(ringMs, std::min<int64_t>(*expires, INT32_MAX) * 1000);
+    }
+    if (ringMs != INT64_MAX) call.noAnswerTimer = ctx_.transactions->schedule(ringMs, [this, id] {
+        Call* c = findCall(id);
+        if (c == nullptr || c->state != CallState::Incoming) return;
+        c->noAnswerTimer = 0;
+        log::info(kTag, callPrefix(*c) + " not answered in time, ending");
+        (void)ctx_.transactions->sendResponse(c->inviteKey, makeResponse(c->invite, 487, "", c->dialog.localTag));
+        endCall(*c, 487, "Not answered");
+    });
     log::info(kTag, callPrefix(call) + " -> " + std::string(toString(call.state)));
     if (ctx_.listener) ctx_.listener->onCallState(infoOf(call));
     // The 180 already carries the dialog's tag: the answer must carry the same.
@@ -249,7 +287,8 @@ bool Calls::answerCall(int id) {
     }
     if (!ctx_.transactions->sendResponse(call.inviteKey, ok)) return false;
     ctx_.loop->cancel(call.reliableTimer);  // the 2xx settles the ringing
-    call.reliableTimer = 0;
+    ctx_.loop->cancel(call.noAnswerTimer);
+    call.reliableTimer = call.noAnswerTimer = 0;
     call.reliableText.clear();
     sendInviteOk(call, {}, ok, call.targets.front());
     setCallState(call, CallState::Connected, 200, "OK");

@@ -78,6 +78,10 @@ private:
     [[nodiscard]] bool takeAnswer(Call& call, const std::string& body);
     void startMedia(Call& call, const SessionDescription& remote, MediaDirection ours);
     void sendReoffer(Call& call);
+    // Hangs up a connected call whose far end has gone silent for good.
+    void watchMedia(Call& call);
+    void scheduleMediaCheck(Call& call);
+    void checkMedia(int id);
     // Session timers.
     void readSessionTimer(Call& call, const SipMessage& message, bool weSentTheRequest);
     void armSessionTimer(Call& call);
@@ -88,6 +92,7 @@ private:
     const Lines& lines_;
     std::map<int, std::unique_ptr<Call>> calls_;
     int nextCallId_ = 1;
+    bool overloaded_ = false;  // refusing new calls; logged once per episode
 };
 
 }  // namespace kelsip

@@ -39,8 +39,8 @@ int Messages::send(int lineId, const std::string& target, const std::string& bod
     return outgoing_.send(*line, std::move(m), report);
 }
 
-void Messages::onIncoming(const std::string& key, const SipMessage& request) {
-    const Line* line = lines_.forRequest(request);
+void Messages::onIncoming(const std::string& key, const SipMessage& request, int lineId) {
+    const Line* line = lineId > 0 ? lines_.find(lineId) : lines_.forRequest(request);
     if (line == nullptr) {
         ctx_.respond(key, request, 404);
         return;

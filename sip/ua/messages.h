@@ -17,7 +17,8 @@ public:
     // Returns the message's id (its result is reported under it), 0 when
     // it cannot be sent at all.
     int send(int line, const std::string& target, const std::string& body, const std::string& contentType);
-    void onIncoming(const std::string& key, const SipMessage& request);
+    // Out of dialog the request names the line; within a call, `lineId` is the call's.
+    void onIncoming(const std::string& key, const SipMessage& request, int lineId = 0);
 
 private:
     UaContext& ctx_;

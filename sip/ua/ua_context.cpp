@@ -23,6 +23,26 @@ std::string makeInstanceId() {
 
 }  // namespace
 
+std::vector<std::string> requiredTags(const SipMessage& request) {
+    std::vector<std::string> tags;
+    for (const std::string& value : request.headers("Require")) {
+        text::forEachTopLevel(value, ',', [&](std::string_view item) {
+            const auto t = text::trim(item);
+            if (!t.empty()) tags.emplace_back(t);
+        });
+    }
+    return tags;
+}
+
+std::string unsupportedRequirements(const SipMessage& request) {
+    std::string unsupported;
+    for (const std::string& tag : requiredTags(request)) {
+        if (tag == "100rel" || tag == "replaces" || tag == "timer") continue;
+        unsupported += (unsupported.empty() ? "" : ", ") + tag;
+    }
+    return unsupported;
+}
+
 UaContext::UaContext(UserAgentConfig c) : config(std::move(c)), loop(std::make_unique<EventLoop>(config.clock)) {
     uint32_t seed = 0;
     if (!platform::secureRandom(&seed, sizeof seed)) seed = static_cast<uint32_t>(std::random_device{}());

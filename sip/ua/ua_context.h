@@ -47,6 +47,12 @@ inline std::optional<int> minExpiresOf(const SipMessage& response) {
     return static_cast<int>(std::min<int64_t>(*minExpires, INT32_MAX));
 }
 
+// The option tags of every Require header, trimmed.
+[[nodiscard]] std::vector<std::string> requiredTags(const SipMessage& request);
+// The Require tags we do not support ("100rel", "replaces" and "timer" we
+// do), comma-separated; empty when there are none.
+[[nodiscard]] std::string unsupportedRequirements(const SipMessage& request);
+
 // Owned by UserAgent::Impl and touched only on the loop thread; every part
 // of the user agent holds a reference to it.
 class UaContext {

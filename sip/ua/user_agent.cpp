@@ -41,6 +41,7 @@ bool UserAgent::Impl::start(std::string* error) {
     ctx_.transactions = std::make_unique<SipTransactionLayer>(
         *ctx_.loop, [this](std::string_view text, const SipTarget& target) { return ctx_.sendText(text, target); },
         ctx_.config.timers);
+    ctx_.transactions->setServerLimit(ctx_.config.maxServerTransactions, ctx_.config.overloadRetryAfterSeconds);
     ctx_.transactions->setRequestHandler(
         [this](const std::string& key, const SipMessage& m, const SipTarget& source) { onRequest(key, m, source); });
     ctx_.transactions->setStrayResponseHandler(
@@ -165,9 +166,21 @@ void UserAgent::Impl::onRequest(const std::string& key, const SipMessage& reques
         calls_.onCancel(key, request);
         return;
     }
+    // An extension we lack refuses any request but ACK and CANCEL; a new
+    // INVITE is checked with the call's other conditions, in their order.
+    if (request.method != "INVITE" || !request.toTag().empty()) {
+        if (const std::string unsupported = unsupportedRequirements(request); !unsupported.empty()) {
+            ctx_.respond(key, request, 420, {}, {{"Unsupported", unsupported}});
+            return;
+        }
+    }
     if (!request.toTag().empty()) {
         if (Call* call = calls_.findCallByDialog(request, false)) {
-            calls_.onInDialogRequest(*call, key, request, source);
+            if (request.method == "MESSAGE") {
+                messages_.onIncoming(key, request, call->line);
+            } else {
+                calls_.onInDialogRequest(*call, key, request, source);
+            }
             return;
         }
         if (request.method == "NOTIFY") {

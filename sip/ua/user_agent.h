@@ -148,6 +148,19 @@ struct UserAgentConfig {
     int64_t noAnswerTimeoutMs = 120000;
     // Two lines of a desk phone, each with a call and one on hold or being transferred.
     int maxCalls = 4;
+    // An incoming call nobody answers ends with 487 after this long, or
+    // sooner when its INVITE's Expires says so.
+    int64_t ringingTimeoutMs = 120000;
+    // A connected call that receives no RTP or RTCP for this long, while the
+    // far end is meant to be sending, is hung up ("Media timeout"). 0: never.
+    int64_t mediaTimeoutMs = 30000;
+    // Overload: beyond these limits a new call, or any new request, is
+    // answered 503 with Retry-After at once. maxCalls answers 486 first, so
+    // on a phone the limits only guard; a test server raises maxCalls and
+    // sizes these to what the machine serves.
+    int maxCallsInProgress = 64;
+    size_t maxServerTransactions = 8192;
+    int overloadRetryAfterSeconds = 5;
     // Session timers (RFC 4028): the interval we ask for, and the shortest
     // we accept (a shorter one gets 422).
     int sessionExpires = 1800;

@@ -14,22 +14,24 @@ const std::string kSdp =
 
 class CallTimingTest : public test::VirtualUserAgentTest {
 protected:
-    CallTimingTest()
-        : VirtualUserAgentTest([](UserAgentConfig& config) {
+    // Silent media ends no call unless a test asks; `rtpPorts` pairs of ports.
+    explicit CallTimingTest(int64_t mediaTimeoutMs = 0, uint16_t rtpPorts = 500)
+        : VirtualUserAgentTest([&](UserAgentConfig& config) {
               config.noAnswerTimeoutMs = 30000;
+              config.mediaTimeoutMs = mediaTimeoutMs;
               config.rtpPortMin = 43000;
-              config.rtpPortMax = 43999;
+              config.rtpPortMax = static_cast<uint16_t>(43000 + 2 * rtpPorts - 1);
           }) {}
     void SetUp() override {
         VirtualUserAgentTest::SetUp();
         lineId = addLine("", "bob");
     }
     // The peer calls us with a PCMU offer: the call that opens.
-    int incomingCall(const std::string& extra) {
+    int incomingCall(const std::string& extra, const std::string& callId = "timing-1") {
         const std::string type = "Content-Type: application/sdp\r\n";
-        toUs({.method = "INVITE", .callId = "timing-1", .extra = extra + type, .body = kSdp, .user = "bob"});
+        toUs({.method = "INVITE", .callId = callId, .extra = extra + type, .body = kSdp, .user = "bob"});
         EXPECT_TRUE(settle([&] { return !ua->calls().empty(); }));
-        return ua->calls().empty() ? 0 : ua->calls().front().id;
+        return ua->calls().empty() ? 0 : ua->calls().back().id;
     }
     // A request within that call, sent to us.
     void inCall(const std::string& method, int cseq, const std::string& toTag, const std::string& extra = "") {
@@ -216,6 +218,53 @@ TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartALaterForksAnswerIsEnded
     const auto again = peer.expect("UPDATE", pump);
     ASSERT_TRUE(again);
     EXPECT_NE(again->body.find("a=sendonly"), std::string::npos);
+}
+
+// One pair of RTP ports, and media that must flow: what is abandoned must
+// give its port back for the next call.
+class AbandonedCallTest : public CallTimingTest {
+protected:
+    AbandonedCallTest() : CallTimingTest(30000, 1) {}
+};
+
+TEST_F(AbandonedCallTest, UnansweredInvitesEndWith487AndSilentCallsWithByeFreeingTheirPorts) {
+    // Four unanswered INVITEs would hold every slot for good; each ends at
+    // its Expires or at our ringing limit, and the next call is served.
+    for (const auto& [expires, seconds] : {std::pair{"Expires: 10\r\n", 10}, {"", 120}, {"Expires: 600\r\n", 120}}) {
+        SCOPED_TRACE(expires);
+        const std::string callId = "ring-" + std::to_string(seconds) + std::string(expires).substr(0, 4);
+        const int call = incomingCall(expires, callId);
+        ASSERT_TRUE(peer.expectResponse(180, pump));
+        const int64_t start = nowMs();
+        std::optional<int64_t> endedAfter;
+        for (int i = 0; i <= seconds + 1 && !endedAfter; ++i) {
+            while (const auto r = peer.expectResponse(487, pump, 2ms)) {
+                if (r->callId() == callId) endedAfter = (nowMs() - start) / 1000;  // not an earlier call's repeat
+            }
+            advance(1s);
+        }
+        EXPECT_EQ(endedAfter, seconds);
+        EXPECT_TRUE(logs.has("call " + std::to_string(call) + " not answered in time, ending"));
+        EXPECT_TRUE(settle([&] { return ua->calls().empty(); }));
+    }
+    // A call whose far end went away without BYE and sends no RTP: hung up
+    // 30 s into the silence, and its port serves the next call.
+    const int call = incomingCall("", "silent");
+    ASSERT_TRUE(peer.expectResponse(180, pump));
+    ASSERT_TRUE(ua->answerCall(call));
+    const auto ok = peer.expectResponse(200, pump);
+    ASSERT_TRUE(ok);
+    toUs({.method = "ACK", .callId = "silent", .toTag = ok->toTag(), .user = "bob"});
+    ASSERT_TRUE(reaches(call, "Connected"));
+    const auto bye = nextWithin("BYE", 40s);
+    ASSERT_TRUE(bye);
+    EXPECT_GE(*bye, 30);
+    EXPECT_LE(*bye, 36);  // looked at every 5 s
+    EXPECT_TRUE(logs.has("call " + std::to_string(call) + ": no media for"));
+    advance(33s);  // the BYE goes unanswered
+    ASSERT_TRUE(settle([&] { return ua->calls().empty(); }));
+    incomingCall("", "next");
+    EXPECT_TRUE(peer.expectResponse(180, pump));
 }
 
 }  // namespace
