@@ -31,6 +31,7 @@ public:
     bool transferCall(int id, const std::string& target);
     bool transferCallAttended(int id, int otherId);
     [[nodiscard]] std::vector<CallInfo> callInfos() const;
+    [[nodiscard]] size_t count() const { return calls_.size(); }
     [[nodiscard]] std::optional<CallInfo> callInfo(int id) const;
     [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int id) const;
     // Closes every call's media and forgets the calls.

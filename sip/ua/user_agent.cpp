@@ -349,6 +349,9 @@ void UserAgent::setListener(std::shared_ptr<UserAgentListener> listener) {
 net::SocketAddress UserAgent::localAddress(TransportKind kind) {
     return impl_->loop().invoke([&] { return impl_->localAddress(kind); });
 }
+UserAgentLoad UserAgent::load() {
+    return impl_->loop().invoke([&] { return impl_->load(); });
+}
 EventLoop& UserAgent::eventLoop() { return impl_->loop(); }
 
 }  // namespace kelsip

@@ -129,6 +129,14 @@ public:
     virtual void onMessageResult(int /*message*/, int /*statusCode*/, const std::string& /*reason*/) {}
 };
 
+// What the user agent holds at a moment: for diagnostics and load tests.
+struct UserAgentLoad {
+    size_t calls = 0;
+    size_t serverTransactions = 0;
+    size_t clientTransactions = 0;
+    size_t rtpWorkers = 0;  // threads polling RTP sockets
+};
+
 struct UserAgentConfig {
     // Port 0 lets the system choose. A transport whose port is -1 is not opened.
     std::string bindAddress = "0.0.0.0";
@@ -241,6 +249,7 @@ public:
 
     // Where the transports listen (after start); port 0 when not open.
     [[nodiscard]] net::SocketAddress localAddress(TransportKind kind);
+    [[nodiscard]] UserAgentLoad load();
     // The stack's loop: for a user agent on a manual clock, the owner runs it.
     [[nodiscard]] EventLoop& eventLoop();
 

@@ -48,6 +48,16 @@ public:
     Calls& calls() { return calls_; }
     [[nodiscard]] const Calls& calls() const { return calls_; }
     [[nodiscard]] net::SocketAddress localAddress(TransportKind kind) const { return ctx_.localAddress(kind); }
+    [[nodiscard]] UserAgentLoad load() const {
+        UserAgentLoad now;
+        now.calls = calls_.count();
+        if (ctx_.transactions) {
+            now.serverTransactions = ctx_.transactions->serverCount();
+            now.clientTransactions = ctx_.transactions->clientCount();
+        }
+        if (ctx_.rtpIo) now.rtpWorkers = ctx_.rtpIo->workerCount();
+        return now;
+    }
 
     int sendMessage(int line, const std::string& target, const std::string& body, const std::string& contentType) {
         return messages_.send(line, target, body, contentType);

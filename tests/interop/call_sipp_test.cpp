@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <fstream>
+#include <set>
+
 #include "interop/support/interop_test.h"
 
 namespace kelsip {
@@ -367,6 +371,82 @@ TEST_F(CallSippTest, ServesAReferWithANewCallAndNotifiesItsProgress) {
     ASSERT_EQ(carolInvite.size(), 1u);
     EXPECT_THAT(carolInvite[0].startLine(), HasSubstr("INVITE sip:carol@" + carol->hostPort()));
     EXPECT_THAT(carolInvite[0].header("Referred-By"), HasSubstr("<sip:sipp@127.0.0.1:"));
+}
+
+// Answers every call at once and counts those that ended as SIPp planned.
+class Answerer final : public UserAgentListener {
+public:
+    explicit Answerer(UserAgent& ua) : ua_(ua) {}
+    void onIncomingCall(const CallInfo& call) override {
+        ua_.eventLoop().post([this, id = call.id] { (void)ua_.answerCall(id); });
+    }
+    void onCallState(const CallInfo& call) override { completed += call.reason == "Remote hangup"; }
+    std::atomic<int> completed{0};
+
+private:
+    UserAgent& ua_;
+};
+
+// A line of /proc/self/status ("Threads", "VmRSS") as a number.
+int64_t processFigure(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(name + ":")) return std::atoll(line.c_str() + name.size() + 1);
+    }
+    return -1;
+}
+
+TEST_F(CallSippTest, AtTwiceItsCapacityCompletesCallsAtCapacityRefusesTheRestAndReturnsToIdle) {
+    log::setLevel(LogLevel::Warn);  // thousands of messages: keep only what matters
+    UserAgentConfig config = loopbackConfig(false, 50);
+    config.maxCalls = 1000;
+    config.maxCallsInProgress = 10;
+    ua = startUserAgent(config);
+    ASSERT_TRUE(ua);
+    ASSERT_GT(addAlice(*ua, ""), 0);
+    auto answerer = std::make_shared<Answerer>(*ua);
+    ua->setListener(answerer);
+    // 10 calls of 200 ms at a time: 50 calls a second. SIPp offers 100.
+    constexpr int kCapacity = 50;
+    constexpr int kOffered = 100;
+    constexpr int kCalls = 300;
+    struct Outcome {
+        int completed = 0;
+        int refused = 0;
+        int64_t threads = 0;  // once the calls are gone
+        int64_t rssKb = 0;
+    };
+    auto burst = [&](int calls) {
+        Outcome out{-answerer->completed};
+        auto* sipp = start<test::SippRunner>(test::SippOptions{"call_in_load.xml", ua->localAddress(TransportKind::Udp).toString(),
+                                                               calls, 30s, {"-r", std::to_string(kOffered), "-d", "200"}});
+        EXPECT_TRUE(sipp != nullptr && sipp->waitForExit(40s) == 0) << "a call neither completed nor got 503";
+        std::set<std::string> refused;
+        for (const Traced& m : responses(sipp ? readTrace(sipp->messages()) : Trace{}, true, 503, "1 INVITE")) {
+            EXPECT_EQ(m.header("Retry-After"), "5");
+            refused.insert(m.header("Call-ID"));
+        }
+        out.refused = static_cast<int>(refused.size());
+        // Calls end with their BYE; transactions linger 64 x T1 (3.2 s here) for retransmissions.
+        EXPECT_TRUE(waitFor([&] {
+            const UserAgentLoad now = ua->load();
+            return now.calls == 0 && now.serverTransactions == 0 && now.clientTransactions == 0;
+        }, 10s));
+        out.completed += answerer->completed;
+        out.threads = processFigure("Threads");
+        out.rssKb = processFigure("VmRSS");
+        return out;
+    };
+    // What the first burst sets up stays (the RTP service, the allocator's
+    // pools): the second must leave nothing more behind.
+    const Outcome idle = burst(kCalls);
+    const Outcome loaded = burst(kCalls);
+    EXPECT_LE(loaded.threads, idle.threads);
+    EXPECT_LE(loaded.rssKb, idle.rssKb + idle.rssKb / 10) << idle.rssKb;
+    EXPECT_EQ(loaded.completed + loaded.refused, kCalls);
+    EXPECT_GE(loaded.completed, kCapacity * kCalls / kOffered * 9 / 10) << loaded.refused << " refused";
+    EXPECT_GT(loaded.refused, kCalls / 4);
+    EXPECT_TRUE(logs().has("overload: 10 calls in progress, refusing new calls"));
 }
 
 }  // namespace
