@@ -277,6 +277,20 @@ TEST_F(RtpSessionTest, IoServiceFillsTheFirstWorkerWithRoomAndStartsAnotherWhenN
     EXPECT_TRUE(t(1) != t(2) && t(2) != t(4) && t(1) != t(4));
 }
 
+TEST_F(RtpSessionTest, WorkersLeftWithoutSessionsEndAfterTheGraceAndNewOnesStartAfterThem) {
+    io_ = std::make_shared<RtpIoService>(RtpIoServiceOptions{2, 10, std::chrono::milliseconds(1)});
+    for (int round = 0; round < 20; ++round) {  // adds race the reaper ending the workers they may want
+        std::unique_ptr<RtpSession> s[5];
+        for (auto& one : s) one = bound();
+        EXPECT_EQ(io_->workerCount(), 3u);
+    }
+    EXPECT_TRUE(test::waitFor([&] { return io_->workerCount() == 0; }, kDeadline));
+    RecordingSink sink;
+    const auto s = bound();
+    s->attach(&sink);
+    EXPECT_TRUE(test::waitFor([&] { return sink.ticks > 0; }, kDeadline));
+}
+
 TEST_F(RtpSessionTest, ClosingAndOpeningSessionsFromInsideACallbackDoesNotDeadlock) {
     RecordingSink selfSink, neighbourSink, newcomerSink;  // the neighbour comes next in the same round
     std::unique_ptr<RtpSession> self = bound(), neighbour = bound(), newcomer;
