@@ -8,6 +8,7 @@
 
 #include "media/rtp/rtcp_packet.h"
 #include "media/rtp/rtp_packet.h"
+#include "media/rtp/rtp_receive_batch.h"
 #include "media/rtp/wire_bytes.h"
 #include "sip/core/log.h"
 #include "sip/core/system.h"
@@ -66,8 +67,7 @@ std::string_view toString(RtpSession::State state) {
 }
 
 RtpSession::RtpSession(std::shared_ptr<RtpIoService> io, RtpSessionOptions options)
-    : io_(std::move(io)), options_(std::move(options)), key_(nextSessionKey()), jitter_(options_.clockRate),
-      buffer_(kReceiveBufferBytes) {}
+    : io_(std::move(io)), options_(std::move(options)), key_(nextSessionKey()), jitter_(options_.clockRate) {}
 
 RtpSession::~RtpSession() { close({}); }
 
@@ -254,17 +254,24 @@ void RtpSession::onPoll(std::span<const net::PollEntry> found, int64_t nowUs) {
 }
 
 void RtpSession::readAll(Channel channel, net::Socket& socket) {
-    // The socket turns invalid when the sink closed the session from its
-    // callback, on this thread.
-    for (int i = 0; i < kMaxReadsPerPoll && socket.valid(); ++i) {
-        net::SocketAddress from;
-        const net::IoResult r = socket.receiveFrom(buffer_.data(), buffer_.size(), from);
-        if (!r.ok()) break;
+    // One per worker thread, shared by the sessions it serves in turn; it
+    // goes with the thread.
+    thread_local RtpReceiveBatch batch;
+    // The poll found the socket ready. A batch that comes back short emptied
+    // it: the next poll tells when more arrives, and no read is spent to
+    // find the socket empty. The socket turns invalid when the sink closed
+    // the session from its callback, on this thread.
+    for (size_t taken = 0; taken < kMaxReadsPerPoll && socket.valid();) {
+        const size_t read = batch.receive(socket);
         const int64_t arrivalUs = RtpIoService::steadyNowUs();
-        const std::span<const uint8_t> bytes(buffer_.data(), r.bytes);
-        account(channel, bytes, from, arrivalUs);
-        const std::lock_guard lock(sinkMutex_);
-        if (sink_ != nullptr) sink_->onPacket(channel, bytes, arrivalUs);
+        for (const RtpReceiveBatch::Datagram& d : batch.datagrams()) {
+            if (!socket.valid()) break;
+            account(channel, d.bytes, d.from, arrivalUs);
+            const std::lock_guard lock(sinkMutex_);
+            if (sink_ != nullptr) sink_->onPacket(channel, d.bytes, arrivalUs);
+        }
+        taken += read;
+        if (read < RtpReceiveBatch::capacity() || RtpReceiveBatch::capacity() == 1) break;
     }
 }
 

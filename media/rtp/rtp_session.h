@@ -71,11 +71,9 @@ public:
     [[nodiscard]] bool hasRtcp() const override;
     void close(std::span<const uint8_t> finalRtcp) override;
 
-    // The largest datagram read whole.
-    static constexpr size_t kReceiveBufferBytes = 65536;
     // Per socket and worker iteration, so one flooded session cannot starve
     // the others on its worker.
-    static constexpr int kMaxReadsPerPoll = 32;
+    static constexpr size_t kMaxReadsPerPoll = 32;
 
 private:
     // RtpIoService::Handler, on the worker's thread.
@@ -97,8 +95,7 @@ private:
     const RtpSessionOptions options_;
     const uint64_t key_;  // this session's key in the I/O service
 
-    // Guards everything below except the receive buffer (worker only) and
-    // the sink (sinkMutex_). The sockets change only while the session is
+    // Guards everything below except the sink (sinkMutex_). The sockets change only while the session is
     // not registered with a worker, so the worker reads them without it.
     mutable std::mutex mutex_;
     State state_ = State::Idle;
@@ -119,8 +116,6 @@ private:
     // recursive so the sink may detach or close from inside its callback.
     std::recursive_mutex sinkMutex_;
     Sink* sink_ = nullptr;
-
-    std::vector<uint8_t> buffer_;
 };
 
 [[nodiscard]] std::string_view toString(RtpSession::State state);
