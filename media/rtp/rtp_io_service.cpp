@@ -1,5 +1,6 @@
 // RTP workers: each polls its handlers' sockets and a waker, then calls every
-// handler still registered, never holding a lock while a handler runs.
+// handler still registered, never holding a lock while a handler runs; and
+// the reaper, which ends the workers that stayed without handlers.
 #include "media/rtp/rtp_io_service.h"
 
 #include <algorithm>
@@ -25,11 +26,17 @@ constexpr std::chrono::milliseconds kPollFailurePause{10};
 class RtpIoService::Worker {
 public:
     explicit Worker(int pollTimeoutMs) : pollTimeoutMs_(pollTimeoutMs) {}
-    ~Worker() { stop(); }
+    ~Worker() {
+        requestStop();
+        join();
+    }
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
+    // Only with a waker: without one, removing a session would wait out a
+    // poll time-out, and a worker without sessions could not sleep.
     [[nodiscard]] bool start() {
+        if (!waker_.valid()) return false;
         try {
             thread_ = std::thread([this] { run(); });
         } catch (const std::system_error&) {
@@ -38,14 +45,17 @@ public:
         return true;
     }
 
-    void stop() {
+    void requestStop() {
         if (!thread_.joinable()) return;
         {
             const std::lock_guard lock(mutex_);
             stopping_ = true;
         }
         waker_.wake();
-        thread_.join();
+    }
+
+    void join() {
+        if (thread_.joinable()) thread_.join();
     }
 
     // The serial names this registration: a handler removed and another one
@@ -113,8 +123,8 @@ private:
                 ranges.push_back({slot.serial, slot.handler, first, entries.size() - first});
             }
             // A worker without sessions has nothing to tick: it sleeps until
-            // `attach` or `stop` wakes it (or, without a waker, looks again).
-            const int timeoutMs = slots_.empty() && waker_.valid() ? -1 : pollTimeoutMs_;
+            // `attach` or `requestStop` wakes it.
+            const int timeoutMs = slots_.empty() ? -1 : pollTimeoutMs_;
             polling_ = true;
             lock.unlock();
             // A failed poll is handled like a time-out: the handlers still
@@ -161,18 +171,27 @@ RtpIoService::RtpIoService(RtpIoServiceOptions options) : options_(options) {
 }
 
 RtpIoService::~RtpIoService() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    reaperWake_.notify_all();
+    if (reaper_.joinable()) reaper_.join();
     std::vector<Worker*> workers;
     {
         const std::lock_guard lock(mutex_);
         for (const WorkerSlot& slot : workers_) workers.push_back(slot.worker.get());
     }
     // Joined without the lock: a handler's callback may be calling `remove`
-    // while its worker is being joined.
-    for (Worker* worker : workers) worker->stop();
+    // while its worker is being joined. All are told first, so that they
+    // finish their rounds together rather than one after another.
+    for (Worker* worker : workers) worker->requestStop();
+    for (Worker* worker : workers) worker->join();
 }
 
 RtpIoService::AddResult RtpIoService::add(uint64_t key, Handler& handler) {
     const std::lock_guard lock(mutex_);
+    if (stopping_) return AddResult::NoWorker;
     if (sessions_.contains(key)) return AddResult::AlreadyPresent;
     auto room = std::find_if(workers_.begin(), workers_.end(),
                              [&](const WorkerSlot& w) { return w.sessions < options_.sessionsPerWorker; });
@@ -182,13 +201,20 @@ RtpIoService::AddResult RtpIoService::add(uint64_t key, Handler& handler) {
             log::error(kTag, "cannot start an RTP worker thread");
             return AddResult::NoWorker;
         }
-        workers_.push_back({std::move(worker), 0});
+        workers_.push_back({std::move(worker), 0, 0, {}});
         log::debug(kTag, "started RTP worker thread #" + std::to_string(workers_.size()));
         room = workers_.end() - 1;
+        if (!reaper_.joinable()) {
+            try {
+                reaper_ = std::thread([this] { reap(); });
+            } catch (const std::system_error&) {
+                log::warn(kTag, "cannot start the RTP worker reaper: idle workers stay");
+            }
+        }
     }
     const uint64_t serial = room->worker->attach(handler);
     ++room->sessions;
-    sessions_.emplace(key, Placement{static_cast<size_t>(room - workers_.begin()), serial});
+    sessions_.emplace(key, Placement{room->worker.get(), serial});
     return AddResult::Added;
 }
 
@@ -199,15 +225,61 @@ void RtpIoService::remove(uint64_t key) {
         const std::lock_guard lock(mutex_);
         const auto it = sessions_.find(key);
         if (it == sessions_.end()) return;
-        WorkerSlot& slot = workers_[it->second.worker];
-        --slot.sessions;
-        worker = slot.worker.get();
+        worker = it->second.worker;
         serial = it->second.serial;
+        WorkerSlot& slot = slotOf(worker);
+        --slot.sessions;
+        ++slot.detaching;
         sessions_.erase(it);
     }
     // Outside the service's lock: the call being waited for may itself be
-    // adding or removing another session. Workers live as long as the service.
+    // adding or removing another session.
     worker->detach(serial);
+    const std::lock_guard lock(mutex_);
+    WorkerSlot& slot = slotOf(worker);
+    --slot.detaching;
+    if (!slot.idle()) return;
+    slot.idleSince = std::chrono::steady_clock::now();
+    reaperWake_.notify_all();
+}
+
+RtpIoService::WorkerSlot& RtpIoService::slotOf(const Worker* worker) {
+    // A worker with sessions or removals under way is never ended: it is there.
+    return *std::find_if(workers_.begin(), workers_.end(),
+                         [&](const WorkerSlot& w) { return w.worker.get() == worker; });
+}
+
+void RtpIoService::reap() {
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+        const auto now = std::chrono::steady_clock::now();
+        auto due = std::chrono::steady_clock::time_point::max();
+        std::vector<std::unique_ptr<Worker>> ending;
+        for (auto it = workers_.begin(); it != workers_.end();) {
+            if (it->idle() && now - it->idleSince >= options_.idleWorkerGrace) {
+                ending.push_back(std::move(it->worker));
+                it = workers_.erase(it);
+                continue;
+            }
+            if (it->idle()) due = std::min(due, it->idleSince + options_.idleWorkerGrace);
+            ++it;
+        }
+        if (ending.empty()) {
+            if (due == std::chrono::steady_clock::time_point::max()) {
+                reaperWake_.wait(lock);
+            } else {
+                reaperWake_.wait_until(lock, due);
+            }
+            continue;
+        }
+        // No longer listed, so no `add` can choose them; joined without the
+        // lock, so that `add` and `remove` need not wait for the threads to end.
+        lock.unlock();
+        for (const auto& worker : ending) worker->requestStop();
+        ending.clear();
+        log::debug(kTag, "ended idle RTP worker threads");
+        lock.lock();
+    }
 }
 
 size_t RtpIoService::workerCount() const {

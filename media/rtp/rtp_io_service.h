@@ -1,12 +1,15 @@
 // The RTP I/O service: worker threads that poll the RTP sessions' sockets,
-// each serving up to a fixed number of sessions.
+// each serving up to a fixed number of sessions, and end when left without.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <span>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -25,6 +28,10 @@ struct RtpIoServiceOptions {
     // a 20 ms packet time keeps them within 10 ms. -1: no time-out (ticks
     // only when something arrives).
     int pollTimeoutMs = 10;
+    // How long a worker left without sessions waits for a new one before
+    // its thread ends, so that a burst of calls set up and torn down does
+    // not start and end a thread for each. It sleeps meanwhile.
+    std::chrono::milliseconds idleWorkerGrace{2000};
 };
 
 class RtpIoService {
@@ -47,22 +54,23 @@ public:
     enum class AddResult : uint8_t { Added, AlreadyPresent, NoWorker };
 
     explicit RtpIoService(RtpIoServiceOptions options = {});
-    // Stops and joins every worker. No handler may be destroyed by its own
-    // callback while the service goes away with it.
+    // Stops every worker at once, then joins them. No handler may be
+    // destroyed by its own callback while the service goes away with it.
     ~RtpIoService();
     RtpIoService(const RtpIoService&) = delete;
     RtpIoService& operator=(const RtpIoService&) = delete;
 
     // The first worker in creation order with room takes the handler, else a
     // new one starts. A key already present changes nothing. NoWorker when a
-    // thread could not be started.
+    // thread, or the waker it is woken through, could not be made.
     [[nodiscard]] AddResult add(uint64_t key, Handler& handler);
     // When this returns the handler is not being called and never will be
     // again, except when called from the handler's own callback: then the
     // callback that is running is the last. From a callback on one worker,
     // removing a handler another worker is calling waits for that call.
-    // Workers left without sessions stay until the service ends, asleep
-    // until a session is added to them.
+    // Otherwise it waits for the worker to leave the poll it is in, which it
+    // is woken from at once. A worker left without sessions ends once it has
+    // stayed so for the idle grace.
     void remove(uint64_t key);
 
     [[nodiscard]] size_t workerCount() const;
@@ -76,17 +84,31 @@ private:
     struct WorkerSlot {
         std::unique_ptr<Worker> worker;
         size_t sessions = 0;
+        // Removals waiting on the worker outside the lock: it must not end
+        // under them.
+        size_t detaching = 0;
+        std::chrono::steady_clock::time_point idleSince;  // when both counts last reached 0
+
+        [[nodiscard]] bool idle() const { return sessions == 0 && detaching == 0; }
     };
     struct Placement {
-        size_t worker = 0;    // index into workers_
+        Worker* worker = nullptr;
         uint64_t serial = 0;  // the worker's number for this registration
     };
 
+    [[nodiscard]] WorkerSlot& slotOf(const Worker* worker);
+    // The reaper's thread: ends the workers idle for the grace, and
+    // otherwise sleeps until the next one is due or one becomes idle.
+    void reap();
+
     RtpIoServiceOptions options_;
     mutable std::mutex mutex_;
-    // Creation order; workers that become empty stay, and are reused first.
+    // Creation order; an idle worker is reused first, until the reaper ends it.
     std::vector<WorkerSlot> workers_;
     std::unordered_map<uint64_t, Placement> sessions_;
+    std::condition_variable reaperWake_;
+    bool stopping_ = false;
+    std::thread reaper_;  // started with the first worker
 };
 
 }  // namespace kelsip

@@ -8,6 +8,7 @@
 
 #include "media/rtp/rtcp_packet.h"
 #include "media/rtp/rtp_packet.h"
+#include "media/rtp/rtp_receive_batch.h"
 #include "media/rtp/wire_bytes.h"
 #include "sip/core/log.h"
 #include "sip/core/system.h"
@@ -66,8 +67,7 @@ std::string_view toString(RtpSession::State state) {
 }
 
 RtpSession::RtpSession(std::shared_ptr<RtpIoService> io, RtpSessionOptions options)
-    : io_(std::move(io)), options_(std::move(options)), key_(nextSessionKey()), jitter_(options_.clockRate),
-      buffer_(kReceiveBufferBytes) {}
+    : io_(std::move(io)), options_(std::move(options)), key_(nextSessionKey()), jitter_(options_.clockRate) {}
 
 RtpSession::~RtpSession() { close({}); }
 
@@ -147,24 +147,22 @@ uint16_t RtpSession::localPort() const {
 void RtpSession::setRemote(const net::SocketAddress& rtp, std::optional<net::SocketAddress> rtcp) {
     const std::lock_guard lock(mutex_);
     // A refreshed offer naming the same address keeps what latching learned;
-    // a new address is a new media path, which latches afresh.
-    const bool same = signalledRtp_ == rtp;
-    signalledRtp_ = rtp;
-    if (same && rtpLatched_) return;
-    remoteRtp_ = rtp;
-    remoteRtcp_ = rtcp ? rtcp : nextPort(rtp);
-    rtpLatched_ = false;
-    rtcpLatched_ = false;
+    // a new address is a new media path, whose first source may latch. The
+    // old path's sources are strangers from then on.
+    if (rtpPath_.signalled == rtp && !rtpPath_.latchOpen) return;
+    rtpPath_ = Path{rtp, std::nullopt, rtp, true};
+    const auto rtcpAddress = rtcp ? rtcp : nextPort(rtp);
+    rtcpPath_ = Path{rtcpAddress, std::nullopt, rtcpAddress, true};
 }
 
 std::optional<net::SocketAddress> RtpSession::remote() const {
     const std::lock_guard lock(mutex_);
-    return remoteRtp_;
+    return rtpPath_.remote;
 }
 
 std::optional<net::SocketAddress> RtpSession::remoteRtcp() const {
     const std::lock_guard lock(mutex_);
-    return remoteRtcp_;
+    return rtcpPath_.remote;
 }
 
 RtpSessionStats RtpSession::stats() const {
@@ -178,7 +176,7 @@ bool RtpSession::send(Channel channel, std::span<const uint8_t> bytes) {
     const std::lock_guard lock(mutex_);
     if (state_ != State::Open) return false;
     net::Socket& socket = channel == Channel::Rtp ? rtp_ : rtcp_;
-    const auto& to = channel == Channel::Rtp ? remoteRtp_ : remoteRtcp_;
+    const auto& to = (channel == Channel::Rtp ? rtpPath_ : rtcpPath_).remote;
     if (!socket.valid() || !to) return false;
     return socket.sendTo(bytes.data(), bytes.size(), *to).ok();
 }
@@ -211,13 +209,13 @@ void RtpSession::close(std::span<const uint8_t> finalRtcp) {
     io_->remove(key_);
 
     const std::lock_guard lock(mutex_);
-    if (rtcp_.valid() && remoteRtcp_) {
+    if (rtcp_.valid() && rtcpPath_.remote) {
         std::vector<uint8_t> bye;
         if (finalRtcp.empty()) {
             bye = byeCompound();
             finalRtcp = bye;
         }
-        if (!finalRtcp.empty()) (void)rtcp_.sendTo(finalRtcp.data(), finalRtcp.size(), *remoteRtcp_);
+        if (!finalRtcp.empty()) (void)rtcp_.sendTo(finalRtcp.data(), finalRtcp.size(), *rtcpPath_.remote);
     }
     rtp_.close();
     rtcp_.close();
@@ -254,31 +252,38 @@ void RtpSession::onPoll(std::span<const net::PollEntry> found, int64_t nowUs) {
 }
 
 void RtpSession::readAll(Channel channel, net::Socket& socket) {
-    // The socket turns invalid when the sink closed the session from its
-    // callback, on this thread.
-    for (int i = 0; i < kMaxReadsPerPoll && socket.valid(); ++i) {
-        net::SocketAddress from;
-        const net::IoResult r = socket.receiveFrom(buffer_.data(), buffer_.size(), from);
-        if (!r.ok()) break;
+    // One per worker thread, shared by the sessions it serves in turn; it
+    // goes with the thread.
+    thread_local RtpReceiveBatch batch;
+    // The poll found the socket ready. A batch that comes back short emptied
+    // it: the next poll tells when more arrives, and no read is spent to
+    // find the socket empty. The socket turns invalid when the sink closed
+    // the session from its callback, on this thread.
+    for (size_t taken = 0; taken < kMaxReadsPerPoll && socket.valid();) {
+        const size_t read = batch.receive(socket);
         const int64_t arrivalUs = RtpIoService::steadyNowUs();
-        const std::span<const uint8_t> bytes(buffer_.data(), r.bytes);
-        account(channel, bytes, from, arrivalUs);
-        const std::lock_guard lock(sinkMutex_);
-        if (sink_ != nullptr) sink_->onPacket(channel, bytes, arrivalUs);
+        for (const RtpReceiveBatch::Datagram& d : batch.datagrams()) {
+            if (!socket.valid()) break;
+            if (!account(channel, d.bytes, d.from, arrivalUs)) continue;
+            const std::lock_guard lock(sinkMutex_);
+            if (sink_ != nullptr) sink_->onPacket(channel, d.bytes, arrivalUs);
+        }
+        taken += read;
+        if (read < RtpReceiveBatch::capacity() || RtpReceiveBatch::capacity() == 1) break;
     }
 }
 
-void RtpSession::account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
+bool RtpSession::account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
                          int64_t arrivalUs) {
+    // Only what looks like our protocol may latch or count: a stray datagram
+    // (a STUN probe, a scan) must not redirect the call's media. With SRTP
+    // this is where the packet is authenticated, so that nothing but an
+    // authenticated packet moves the source.
+    const bool genuine = channel == Channel::Rtp ? isVersion2(bytes, RtpPacket::kFixedHeaderSize)
+                                                 : isVersion2(bytes, kRtcpHeaderSize);
     const std::lock_guard lock(mutex_);
-    // Only what looks like our protocol may move the remote or count: a stray
-    // datagram (a STUN probe, a scan) must not redirect the call's media.
-    if (channel == Channel::Rtcp) {
-        if (isVersion2(bytes, kRtcpHeaderSize)) latchRtcp(from);
-        return;
-    }
-    if (!isVersion2(bytes, RtpPacket::kFixedHeaderSize)) return;
-    latchRtp(from);
+    if (!admit(channel, genuine, from)) return false;
+    if (channel == Channel::Rtcp || !genuine) return true;
     ++stats_.packets;
     stats_.bytes += payloadLength(bytes);
     // Timestamps of two sources share no base: the estimate starts again.
@@ -288,28 +293,46 @@ void RtpSession::account(Channel channel, std::span<const uint8_t> bytes, const 
         lastSsrc_ = ssrc;
     }
     jitter_.update(wire::get32(bytes, 4), arrivalUs);
+    return true;
 }
 
-void RtpSession::latchRtp(const net::SocketAddress& from) {
-    // The first RTP packet decides, also when it comes from the signalled
-    // address: once media flows, no later source can take the call over.
-    if (!options_.symmetricRtp || rtpLatched_) return;
-    rtpLatched_ = true;
-    if (remoteRtp_ == from) return;
-    log::info(kTag, "symmetric RTP: latching remote to " + from.toString());
-    remoteRtp_ = from;
-    // RTCP follows to the same host, on the port after the latched one, until
-    // RTCP arrives itself and says where it comes from. Behind a NAT the
-    // signalled RTCP address is as unreachable as the signalled RTP one.
-    if (!rtcpLatched_) remoteRtcp_ = nextPort(from);
-}
-
-void RtpSession::latchRtcp(const net::SocketAddress& from) {
-    if (!options_.symmetricRtp || rtcpLatched_) return;
-    rtcpLatched_ = true;
-    if (remoteRtcp_ == from) return;
-    log::info(kTag, "symmetric RTCP: latching remote to " + from.toString());
-    remoteRtcp_ = from;
+bool RtpSession::admit(Channel channel, bool genuine, const net::SocketAddress& from) {
+    Path& path = channel == Channel::Rtp ? rtpPath_ : rtcpPath_;
+    const std::string_view what = channel == Channel::Rtp ? "RTP" : "RTCP";
+    if (from == path.signalled || from == path.latched) {
+        if (!genuine) return true;
+        path.latchOpen = false;
+        // The signalled address is never a stranger's to claim: media that
+        // comes from it (a new media server after a re-offer, where the old
+        // one's last packets latched) takes our sending back to it.
+        if (options_.symmetricRtp && from == path.signalled && path.remote != from) {
+            log::info(kTag, "symmetric " + std::string(what) + ": sending to the signalled " + from.toString() +
+                                " again");
+            path.remote = from;
+        }
+        return true;
+    }
+    if (genuine && path.latchOpen) {
+        // The first source decides, also when it is the signalled address:
+        // once media flows, no later source can take the call over.
+        path.latchOpen = false;
+        path.latched = from;
+        if (!options_.symmetricRtp) return true;
+        log::info(kTag, "symmetric " + std::string(what) + ": latching remote to " + from.toString());
+        path.remote = from;
+        // RTCP follows to the same host, on the port after the latched one,
+        // until RTCP arrives itself and says where it comes from. Behind a
+        // NAT the signalled RTCP address is as unreachable as the RTP one.
+        if (channel == Channel::Rtp && rtcpPath_.latchOpen) rtcpPath_.remote = nextPort(from);
+        return true;
+    }
+    ++stats_.packetsFromStrangers;
+    if (!strangerLogged_) {
+        strangerLogged_ = true;
+        log::warn(kTag, "dropping " + std::string(what) + " from " + from.toString() +
+                            ", not the call's media source (logged once per call)");
+    }
+    return false;
 }
 
 }  // namespace kelsip

@@ -33,8 +33,16 @@ struct RtpSessionStats {
     uint64_t packets = 0;
     uint64_t bytes = 0;   // payload bytes: without header and padding
     uint32_t jitter = 0;  // RFC 3550 interarrival jitter, timestamp units
+    // RTP and RTCP datagrams dropped for coming from neither the signalled
+    // address nor the one the session latched to.
+    uint64_t packetsFromStrangers = 0;
 };
 
+// Where media is accepted from: the signalled address, and the source the
+// session latched to. The latch is open until the first genuine packet (the
+// signalled address's, or a NAT's translation of it) and again after a new
+// address is signalled; a datagram from any other source is dropped, so a
+// stranger cannot take over a call's audio.
 class RtpSession final : public MediaTransport, private RtpIoService::Handler {
 public:
     // Idle until bound, Closing while it leaves its worker; a closed session
@@ -56,8 +64,8 @@ public:
     [[nodiscard]] State state() const;
     [[nodiscard]] uint16_t localPort() const;
     // The signalled remote. Without `rtcp`, RTCP goes to the RTP port + 1.
-    // A new RTP address latches afresh; the same one again (a refreshed
-    // offer) keeps what latching learned.
+    // A new RTP address opens the latch again; the same one again (a
+    // refreshed offer) keeps what latching learned.
     void setRemote(const net::SocketAddress& rtp, std::optional<net::SocketAddress> rtcp = std::nullopt);
     // Where RTP goes now: signalled or latched; nothing before either.
     [[nodiscard]] std::optional<net::SocketAddress> remote() const;
@@ -71,11 +79,9 @@ public:
     [[nodiscard]] bool hasRtcp() const override;
     void close(std::span<const uint8_t> finalRtcp) override;
 
-    // The largest datagram read whole.
-    static constexpr size_t kReceiveBufferBytes = 65536;
     // Per socket and worker iteration, so one flooded session cannot starve
     // the others on its worker.
-    static constexpr int kMaxReadsPerPoll = 32;
+    static constexpr size_t kMaxReadsPerPoll = 32;
 
 private:
     // RtpIoService::Handler, on the worker's thread.
@@ -87,18 +93,24 @@ private:
     [[nodiscard]] bool start(net::Socket rtp, net::Socket rtcp, uint16_t port,
                              std::shared_ptr<RtpPortAllocator::Pool> pool);
     void readAll(Channel channel, net::Socket& socket);
-    // Latching and statistics, under mutex_.
-    void account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from, int64_t arrivalUs);
-    void latchRtp(const net::SocketAddress& from);
-    void latchRtcp(const net::SocketAddress& from);
+    // Admission, latching and statistics; false: the datagram is dropped.
+    [[nodiscard]] bool account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
+                               int64_t arrivalUs);
+    // One channel's addresses. Under mutex_.
+    struct Path {
+        std::optional<net::SocketAddress> signalled;
+        std::optional<net::SocketAddress> latched;  // the source the latch took
+        std::optional<net::SocketAddress> remote;   // where we send
+        bool latchOpen = true;
+    };
+    [[nodiscard]] bool admit(Channel channel, bool genuine, const net::SocketAddress& from);
     [[nodiscard]] std::vector<uint8_t> byeCompound() const;
 
     const std::shared_ptr<RtpIoService> io_;
     const RtpSessionOptions options_;
     const uint64_t key_;  // this session's key in the I/O service
 
-    // Guards everything below except the receive buffer (worker only) and
-    // the sink (sinkMutex_). The sockets change only while the session is
+    // Guards everything below except the sink (sinkMutex_). The sockets change only while the session is
     // not registered with a worker, so the worker reads them without it.
     mutable std::mutex mutex_;
     State state_ = State::Idle;
@@ -106,11 +118,9 @@ private:
     net::Socket rtcp_;  // invalid when RTCP is off or could not be bound
     uint16_t port_ = 0;
     std::shared_ptr<RtpPortAllocator::Pool> pool_;  // null for an explicit bind
-    std::optional<net::SocketAddress> signalledRtp_;
-    std::optional<net::SocketAddress> remoteRtp_;
-    std::optional<net::SocketAddress> remoteRtcp_;
-    bool rtpLatched_ = false;
-    bool rtcpLatched_ = false;
+    Path rtpPath_;
+    Path rtcpPath_;
+    bool strangerLogged_ = false;
     RtpSessionStats stats_;
     InterarrivalJitter jitter_;
     std::optional<uint32_t> lastSsrc_;
@@ -119,8 +129,6 @@ private:
     // recursive so the sink may detach or close from inside its callback.
     std::recursive_mutex sinkMutex_;
     Sink* sink_ = nullptr;
-
-    std::vector<uint8_t> buffer_;
 };
 
 [[nodiscard]] std::string_view toString(RtpSession::State state);

@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <thread>
 
+#include "media/codec/g711.h"
 #include "media/rtp/rtcp_packet.h"
 #include "media/rtp/rtp_packet.h"
+#include "media/session/media_session.h"
 #include "support/free_port.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
@@ -55,10 +58,12 @@ std::optional<Bytes> receive(net::Socket& socket) {
     return r.ok() ? std::optional(buffer) : std::nullopt;
 }
 
-Bytes rtpPacket(uint32_t timestamp, size_t payloadSize, uint32_t ssrc = 0x1234) {
-    const Bytes payload(payloadSize, 0xd5);
+Bytes rtpPacket(uint32_t timestamp, size_t payloadSize, uint32_t ssrc = 0x1234, uint16_t sequence = 0,
+                uint8_t fill = 0xd5) {
+    const Bytes payload(payloadSize, fill);
     Bytes out;
-    EXPECT_TRUE((RtpPacket{.timestamp = timestamp, .ssrc = ssrc, .csrcs = {}, .extension = {}, .payload = payload}
+    EXPECT_TRUE((RtpPacket{.sequence = sequence, .timestamp = timestamp, .ssrc = ssrc, .csrcs = {}, .extension = {},
+                           .payload = payload}
                      .writeTo(out)));
     return out;
 }
@@ -137,27 +142,70 @@ TEST_F(RtpSessionTest, OnlyAnRtpBindFailureIsFatalAndRtcpGoesOffWithAWarning) {
     }
 }
 
-TEST_F(RtpSessionTest, SymmetricRtpLatchesOnceToTheFirstSource) {
+TEST_F(RtpSessionTest, AfterTheLatchOnlyTheSignalledAndLatchedSourcesAreHeardUntilANewAddressIsSignalled) {
     for (const bool symmetric : {true, false}) {
         SCOPED_TRACE(symmetric ? "symmetric" : "signalled only");
         test::LogCapture log(LogLevel::Info);
-        net::Socket signalled = boundUdp(), first = boundUdp(), second = boundUdp();
+        net::Socket signalled = boundUdp(), first = boundUdp(), second = boundUdp(), moved = boundUdp();
         auto s = bound(symmetric);
+        const auto heard = [&](net::Socket& from, int count, uint64_t packets, uint64_t strangers) {
+            for (int i = 0; i < count; ++i) sendTo(from, rtpPacket(0, 160), loopback(s->localPort()));
+            const auto counts = [&] { return std::pair(s->stats().packets, s->stats().packetsFromStrangers); };
+            return test::waitFor([&] { return counts() == std::pair(packets, strangers); }, kDeadline);
+        };
         s->setRemote(*signalled.localAddress());
-        sendTo(first, rtpPacket(0, 160), loopback(s->localPort()));
-        sendTo(second, rtpPacket(160, 160), loopback(s->localPort()));
-        ASSERT_TRUE(test::waitFor([&] { return s->stats().packets == 2; }, kDeadline));
-
+        ASSERT_TRUE(heard(first, 1, 1, 0));
+        ASSERT_TRUE(heard(second, 3, 1, 3));
         const net::SocketAddress latched = *first.localAddress();
         EXPECT_EQ(log.has("symmetric RTP: latching remote to " + latched.toString()), symmetric);
+        const auto lines = log.lines();
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const auto& l) { return l.starts_with("drop"); }), 1);
+        EXPECT_TRUE(log.has("dropping RTP from " + second.localAddress()->toString()));
         EXPECT_EQ(s->remote(), symmetric ? latched : *signalled.localAddress());
-        if (symmetric) {
-            EXPECT_EQ(s->remoteRtcp(), loopback(latched.port() + 1u));
-        }
+        EXPECT_EQ(s->remoteRtcp(), loopback((symmetric ? latched : *signalled.localAddress()).port() + 1u));
         const Bytes reply = rtpPacket(0, 10);
         ASSERT_TRUE(s->send(Channel::Rtp, reply));
         EXPECT_EQ(receive(symmetric ? first : signalled), reply);
+
+        // A re-offer moves the media: the latch opens again (here the old server's last packet takes it), the old
+        // source is a stranger, and media from the new signalled address takes our sending back.
+        s->setRemote(*moved.localAddress());
+        ASSERT_TRUE(heard(second, 1, 2, 3));
+        ASSERT_TRUE(heard(first, 1, 2, 4));
+        EXPECT_EQ(s->remote(), symmetric ? *second.localAddress() : *moved.localAddress());
+        ASSERT_TRUE(heard(moved, 1, 3, 4));
+        EXPECT_EQ(s->remote(), *moved.localAddress());
     }
+}
+
+// A call behind a NAT over real sockets: its first source latches; a stranger's stream never becomes the one played.
+TEST_F(RtpSessionTest, AStrangersStreamIsDroppedAndTheCallsAudioPlaysOn) {
+    test::LogCapture log(LogLevel::Warn);
+    net::Socket nat = boundUdp(), stranger = boundUdp();
+    auto rtp = bound();
+    RtpSession& view = *rtp;
+    rtp->setRemote(loopback(9));  // the address in the SDP, which nothing comes from
+    MediaSessionConfig config;
+    config.codec = {"PCMU", 0, 8000, 20, -1, ""};
+    const auto media = MediaSession::create(config, std::move(rtp));
+    ASSERT_TRUE(media);
+    const auto stream = [&](net::Socket& from, uint32_t ssrc, int16_t level, uint16_t first, int count) {
+        for (uint16_t i = first; i < first + count; ++i) {
+            sendTo(from, rtpPacket(160u * i, 160, ssrc, i, linearToUlaw(level)), loopback(view.localPort()));
+        }
+    };
+    stream(nat, 0xaaaa, 4000, 0, 40);  // more than a batch: read in several
+    ASSERT_TRUE(test::waitFor([&] { return media->statistics().packetsReceived == 40; }, kDeadline));
+    EXPECT_EQ(view.remote(), nat.localAddress());
+    stream(stranger, 0xbbbb, -4000, 1000, 12);
+    stream(nat, 0xaaaa, 4000, 40, 1);
+    ASSERT_TRUE(test::waitFor([&] { return media->statistics().packetsReceived == 41; }, kDeadline));
+    EXPECT_EQ(view.stats().packetsFromStrangers, 12u);
+    EXPECT_EQ(media->statistics().remoteSsrc, 0xaaaau);
+    std::vector<int16_t> played(8000);
+    media->pullPlayout(played);
+    EXPECT_GT(std::count(played.begin(), played.end(), ulawToLinear(linearToUlaw(4000))), 0);
+    EXPECT_EQ(std::count(played.begin(), played.end(), ulawToLinear(linearToUlaw(-4000))), 0);
 }
 
 TEST_F(RtpSessionTest, TwoSessionsFromOnePoolCarryACallAndGiveTheirPortsBack) {
@@ -275,6 +323,20 @@ TEST_F(RtpSessionTest, IoServiceFillsTheFirstWorkerWithRoomAndStartsAnotherWhenN
     EXPECT_EQ(t(1), t(5));
     EXPECT_EQ(t(2), t(3));
     EXPECT_TRUE(t(1) != t(2) && t(2) != t(4) && t(1) != t(4));
+}
+
+TEST_F(RtpSessionTest, WorkersLeftWithoutSessionsEndAfterTheGraceAndNewOnesStartAfterThem) {
+    io_ = std::make_shared<RtpIoService>(RtpIoServiceOptions{2, 10, std::chrono::milliseconds(1)});
+    for (int round = 0; round < 20; ++round) {  // adds race the reaper ending the workers they may want
+        std::unique_ptr<RtpSession> s[5];
+        for (auto& one : s) one = bound();
+        EXPECT_EQ(io_->workerCount(), 3u);
+    }
+    EXPECT_TRUE(test::waitFor([&] { return io_->workerCount() == 0; }, kDeadline));
+    RecordingSink sink;
+    const auto s = bound();
+    s->attach(&sink);
+    EXPECT_TRUE(test::waitFor([&] { return sink.ticks > 0; }, kDeadline));
 }
 
 TEST_F(RtpSessionTest, ClosingAndOpeningSessionsFromInsideACallbackDoesNotDeadlock) {
