@@ -107,7 +107,8 @@ bool Calls::takeAnswer(Call& call, const std::string& body) {
 void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirection ours) {
     const auto address = remoteMediaAddress(remote);
     if (call.media) {
-        if (address && call.rtpView) call.rtpView->setRemote(*address);
+        // A hold offer's 0.0.0.0 names no new source: the latch stays as it is.
+        if (address && !address->isAny() && call.rtpView) call.rtpView->setRemote(*address);
         if (call.codec) (void)call.media->setCodec(*call.codec);
         call.media->setDirection(ours);
         call.media->setMuted(call.localHold);
