@@ -3,12 +3,18 @@
 // would land in the new one).
 #include "media/rtp/rtp_port_allocator.h"
 
+#include <string>
+
+#include "sip/core/log.h"
+
 namespace kelsip {
 
 namespace {
 
-std::optional<net::Socket> boundUdp(const net::SocketAddress& address) {
-    net::Socket s = net::Socket::open(address.family(), net::SocketType::Udp);
+constexpr std::string_view kTag = "Rtp";
+
+std::optional<net::Socket> boundUdp(const net::SocketAddress& address, net::SocketFailure& failure) {
+    net::Socket s = net::Socket::open(address.family(), net::SocketType::Udp, &failure);
     if (!s.valid() || !s.bind(address)) return std::nullopt;
     return s;
 }
@@ -44,8 +50,14 @@ std::optional<RtpPortAllocator::PortPair> RtpPortAllocator::allocate(Pool& pool,
         net::SocketAddress rtcpAddress = local;
         rtcpAddress.setPort(static_cast<uint16_t>(candidate + 1));
 
-        auto rtp = boundUdp(rtpAddress);
-        auto rtcp = rtp ? boundUdp(rtcpAddress) : std::nullopt;
+        net::SocketFailure failure = net::SocketFailure::None;
+        auto rtp = boundUdp(rtpAddress, failure);
+        auto rtcp = rtp ? boundUdp(rtcpAddress, failure) : std::nullopt;
+        // No other port would do better: the ports are not what ran out.
+        if (net::isExhaustion(failure)) {
+            log::error(kTag, "cannot open RTP sockets: " + std::string(net::failureText(failure)));
+            return std::nullopt;
+        }
         if (!rtp || !rtcp) {
             ++failed;  // the sockets close as they go out of scope
             continue;

@@ -36,7 +36,8 @@ public:
     [[nodiscard]] const std::shared_ptr<Pool>& pool() const { return pool_; }
 
     // Binds both sockets on `local` (its port is ignored); nothing when every
-    // pair in the range is in use or cannot be bound.
+    // pair in the range is in use or cannot be bound, or when no socket can be
+    // opened at all (logged with what ran out: descriptors or memory).
     [[nodiscard]] std::optional<PortPair> allocate(const net::SocketAddress& local) const {
         return allocate(*pool_, local);
     }

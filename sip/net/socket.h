@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sip/net/socket_address.h"
@@ -30,6 +31,15 @@ struct IoResult {
 
 enum class ConnectStatus { Connected, InProgress, Failed };
 
+// Why no socket came from an open or an accept. The two kinds of exhaustion
+// pass by themselves once sockets are closed elsewhere; a caller backs off.
+enum class SocketFailure { None, NothingWaiting, OutOfDescriptors, OutOfMemory, Other };
+// What to log: "out of file descriptors", "out of socket memory", ...
+[[nodiscard]] std::string_view failureText(SocketFailure failure);
+[[nodiscard]] inline bool isExhaustion(SocketFailure failure) {
+    return failure == SocketFailure::OutOfDescriptors || failure == SocketFailure::OutOfMemory;
+}
+
 // One socket, owned: closed when destroyed. Move-only.
 class Socket {
 public:
@@ -40,8 +50,9 @@ public:
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
-    // An invalid socket on failure. IPv6 sockets are IPv6-only.
-    [[nodiscard]] static Socket open(AddressFamily family, SocketType type);
+    // An invalid socket on failure, `failure` (when given) telling why.
+    // IPv6 sockets are IPv6-only.
+    [[nodiscard]] static Socket open(AddressFamily family, SocketType type, SocketFailure* failure = nullptr);
 
     [[nodiscard]] bool valid() const { return handle_ != kInvalidSocket; }
     [[nodiscard]] NativeSocket native() const { return handle_; }
@@ -51,11 +62,16 @@ public:
     [[nodiscard]] bool setReuseAddress(bool on);
     [[nodiscard]] bool setBufferSizes(int bytes);
     [[nodiscard]] bool setNoDelay(bool on);
+    // TCP keep-alive on: the first probe after `idleSeconds` without traffic,
+    // then one every `intervalSeconds`; the connection fails after `probes`
+    // unanswered ones (Windows keeps its own count of 10).
+    [[nodiscard]] bool setKeepAlive(int idleSeconds, int intervalSeconds, int probes);
 
     [[nodiscard]] bool bind(const SocketAddress& address);
     [[nodiscard]] bool listen(int backlog);
-    // A non-blocking accept: nothing when no connection is waiting.
-    [[nodiscard]] std::optional<Socket> accept(SocketAddress* peer);
+    // A non-blocking accept: nothing when no connection is waiting
+    // (NothingWaiting) or none could be taken (`failure` tells why).
+    [[nodiscard]] std::optional<Socket> accept(SocketAddress* peer, SocketFailure* failure = nullptr);
     // On a non-blocking socket usually InProgress; `connectResult` then tells
     // the outcome once the socket polls writable.
     [[nodiscard]] ConnectStatus connect(const SocketAddress& address);

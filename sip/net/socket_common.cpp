@@ -41,9 +41,23 @@ Socket& Socket::operator=(Socket&& other) noexcept {
 
 bool Socket::bind(const SocketAddress& address) { return detail::bindSocket(handle_, detail::toSystem(address)) == 0; }
 
-std::optional<Socket> Socket::accept(SocketAddress* peer) {
+std::string_view failureText(SocketFailure failure) {
+    switch (failure) {
+        case SocketFailure::None: return "no failure";
+        case SocketFailure::NothingWaiting: return "nothing waiting";
+        case SocketFailure::OutOfDescriptors: return "out of file descriptors";
+        case SocketFailure::OutOfMemory: return "out of socket memory";
+        case SocketFailure::Other: break;
+    }
+    return "socket error";
+}
+
+std::optional<Socket> Socket::accept(SocketAddress* peer, SocketFailure* failure) {
     detail::SystemAddress from;
     const NativeSocket s = detail::acceptSocket(handle_, from);
+    if (failure != nullptr) {
+        *failure = s == kInvalidSocket ? detail::openFailure(detail::lastError()) : SocketFailure::None;
+    }
     if (s == kInvalidSocket) return std::nullopt;
     if (peer != nullptr) {
         if (auto a = detail::fromSystem(from)) *peer = *a;

@@ -39,6 +39,13 @@ IoResult::Status ioFailure(int error) {
 
 bool connectPending(int error) { return error == EINPROGRESS || error == EINTR; }
 
+SocketFailure openFailure(int error) {
+    if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR) return SocketFailure::NothingWaiting;
+    if (error == EMFILE || error == ENFILE) return SocketFailure::OutOfDescriptors;
+    if (error == ENOBUFS || error == ENOMEM) return SocketFailure::OutOfMemory;
+    return SocketFailure::Other;
+}
+
 int bindSocket(NativeSocket s, const SystemAddress& address) {
     return ::bind(fd(s), raw(address), static_cast<socklen_t>(address.length));
 }
@@ -76,10 +83,11 @@ long long receiveBytes(NativeSocket s, void* data, size_t capacity, SystemAddres
 
 }  // namespace detail
 
-Socket Socket::open(AddressFamily family, SocketType type) {
+Socket Socket::open(AddressFamily family, SocketType type, SocketFailure* failure) {
     const int domain = family == AddressFamily::V4 ? AF_INET : AF_INET6;
     const int kind = (type == SocketType::Udp ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC;
     const int s = ::socket(domain, kind, 0);
+    if (failure != nullptr) *failure = s < 0 ? detail::openFailure(errno) : SocketFailure::None;
     if (s < 0) return Socket();
     if (family == AddressFamily::V6) {
         const int on = 1;
@@ -114,6 +122,14 @@ bool Socket::setBufferSizes(int bytes) {
 bool Socket::setNoDelay(bool on) {
     const int v = on ? 1 : 0;
     return ::setsockopt(fd(handle_), IPPROTO_TCP, TCP_NODELAY, &v, sizeof v) == 0;
+}
+
+bool Socket::setKeepAlive(int idleSeconds, int intervalSeconds, int probes) {
+    const int on = 1;
+    return ::setsockopt(fd(handle_), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0 &&
+           ::setsockopt(fd(handle_), IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds) == 0 &&
+           ::setsockopt(fd(handle_), IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof intervalSeconds) == 0 &&
+           ::setsockopt(fd(handle_), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes) == 0;
 }
 
 bool Socket::listen(int backlog) { return ::listen(fd(handle_), backlog) == 0; }

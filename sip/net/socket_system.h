@@ -25,6 +25,8 @@ struct SystemAddress {
 [[nodiscard]] int lastError();
 [[nodiscard]] IoResult::Status ioFailure(int error);
 [[nodiscard]] bool connectPending(int error);
+// What a failed socket or accept call's error number means.
+[[nodiscard]] SocketFailure openFailure(int error);
 
 // The calls, with the socket handle as NativeSocket. Each returns -1 (the
 // accept kInvalidSocket) on failure, lastError() then telling why.

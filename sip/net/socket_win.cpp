@@ -45,6 +45,13 @@ IoResult::Status ioFailure(int error) {
 
 bool connectPending(int error) { return error == WSAEWOULDBLOCK || error == WSAEINPROGRESS; }
 
+SocketFailure openFailure(int error) {
+    if (error == WSAEWOULDBLOCK || error == WSAEINTR) return SocketFailure::NothingWaiting;
+    if (error == WSAEMFILE) return SocketFailure::OutOfDescriptors;
+    if (error == WSAENOBUFS) return SocketFailure::OutOfMemory;
+    return SocketFailure::Other;
+}
+
 int bindSocket(NativeSocket s, const SystemAddress& address) { return ::bind(sock(s), raw(address), address.length); }
 
 int connectSocket(NativeSocket s, const SystemAddress& address) {
@@ -84,11 +91,14 @@ long long receiveBytes(NativeSocket s, void* data, size_t capacity, SystemAddres
 
 }  // namespace detail
 
-Socket Socket::open(AddressFamily family, SocketType type) {
+Socket Socket::open(AddressFamily family, SocketType type, SocketFailure* failure) {
     startWinsock();
     const int domain = family == AddressFamily::V4 ? AF_INET : AF_INET6;
     const SOCKET s = type == SocketType::Udp ? ::socket(domain, SOCK_DGRAM, IPPROTO_UDP)
                                              : ::socket(domain, SOCK_STREAM, IPPROTO_TCP);
+    if (failure != nullptr) {
+        *failure = s == INVALID_SOCKET ? detail::openFailure(::WSAGetLastError()) : SocketFailure::None;
+    }
     if (s == INVALID_SOCKET) return Socket();
     if (family == AddressFamily::V6) {
         const DWORD on = 1;
@@ -132,6 +142,15 @@ bool Socket::setBufferSizes(int bytes) {
 bool Socket::setNoDelay(bool on) {
     const BOOL v = on ? TRUE : FALSE;
     return ::setsockopt(sock(handle_), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&v), sizeof v) == 0;
+}
+
+bool Socket::setKeepAlive(int idleSeconds, int intervalSeconds, int probes) {
+    // The probe count is the system's own; the times go in milliseconds.
+    (void)probes;
+    tcp_keepalive values{1, static_cast<ULONG>(idleSeconds) * 1000, static_cast<ULONG>(intervalSeconds) * 1000};
+    DWORD returned = 0;
+    return ::WSAIoctl(sock(handle_), SIO_KEEPALIVE_VALS, &values, sizeof values, nullptr, 0, &returned, nullptr,
+                      nullptr) == 0;
 }
 
 bool Socket::listen(int backlog) { return ::listen(sock(handle_), backlog) == 0; }

@@ -1,7 +1,11 @@
 // SIP over TCP. One I/O thread polls the listener, every connection and a
 // waker; it accepts, completes connects, reads, writes and closes. It sleeps
-// until a socket is ready, a wake-up comes or the earliest connect or idle
-// time-out is due. Other threads only queue data under the lock and wake it.
+// until a socket is ready, a wake-up comes or the earliest time-out is due.
+// Other threads only queue data under the lock and wake it.
+//
+// What a peer can make it hold is bounded: connections by a limit, each
+// message by its size and a deadline to complete, and the unfinished
+// messages of all connections together by a total.
 #include "sip/transport/stream_transport.h"
 
 #include <algorithm>
@@ -15,6 +19,17 @@ namespace {
 
 // Without a waker, new work is only noticed by looking again this often.
 constexpr int kPollWithoutWakerMs = 200;
+
+// A failed accept for want of descriptors or memory pauses accepting this
+// long at first, doubling up to the most while it keeps failing.
+constexpr int kAcceptPauseMinMs = 50;
+constexpr int kAcceptPauseMaxMs = 1000;
+
+// TCP keep-alive probes: a peer gone without closing is noticed about a
+// minute after its last traffic rather than at the idle time-out.
+constexpr int kKeepAliveIdleSeconds = 30;
+constexpr int kKeepAliveIntervalSeconds = 10;
+constexpr int kKeepAliveProbes = 3;
 
 }  // namespace
 
@@ -62,6 +77,9 @@ void StreamTransport::close() {
     thread_.join();
     std::lock_guard lock(mutex_);
     connections_.clear();
+    buffered_ = 0;
+    acceptPauseMs_ = 0;
+    refusing_ = false;
     listener_.close();
 }
 
@@ -113,12 +131,15 @@ bool StreamTransport::send(std::string_view data, const SipTarget& target) {
 }
 
 void StreamTransport::startConnect(Connection& c) {
-    c.socket = net::Socket::open(c.remote.family(), net::SocketType::Tcp);
+    net::SocketFailure failure = net::SocketFailure::None;
+    c.socket = net::Socket::open(c.remote.family(), net::SocketType::Tcp, &failure);
     if (!c.socket.valid() || !c.socket.setNonBlocking(true)) {
-        closeConnection(c, "connection to " + c.remote.toString() + " failed", true);
+        const std::string why = net::isExhaustion(failure) ? ": " + std::string(net::failureText(failure)) : "";
+        closeConnection(c, "connection to " + c.remote.toString() + " failed" + why, true);
         return;
     }
     (void)c.socket.setNoDelay(true);
+    (void)c.socket.setKeepAlive(kKeepAliveIdleSeconds, kKeepAliveIntervalSeconds, kKeepAliveProbes);
     c.started = Clock::now();
     switch (c.socket.connect(c.remote)) {
         case net::ConnectStatus::Connected:
@@ -133,13 +154,37 @@ void StreamTransport::startConnect(Connection& c) {
     }
 }
 
-void StreamTransport::acceptAll() {
+void StreamTransport::acceptAll(Clock::time_point now) {
     for (;;) {
         net::SocketAddress peer;
-        auto s = listener_.accept(&peer);
+        net::SocketFailure failure = net::SocketFailure::None;
+        auto s = listener_.accept(&peer, &failure);
+        if (!s && net::isExhaustion(failure)) {
+            // The connection stays queued and the listener readable: polling
+            // it again at once would spin. The others are served meanwhile.
+            if (acceptPauseMs_ == 0) {
+                log::warn(kTransportLogTag, "cannot accept " + name() + " connections: " +
+                                                std::string(net::failureText(failure)) + "; pausing");
+            }
+            acceptPauseMs_ = std::clamp(acceptPauseMs_ * 2, kAcceptPauseMinMs, kAcceptPauseMaxMs);
+            acceptResumes_ = now + std::chrono::milliseconds(acceptPauseMs_);
+            return;
+        }
+        endAcceptPause();
         if (!s) return;
+        if (connections_.size() >= config_.maxConnections) {
+            if (!refusing_) {
+                log::warn(kTransportLogTag, name() + " connection limit of " + std::to_string(config_.maxConnections) +
+                                                " reached: refusing new connections");
+            }
+            refusing_ = true;
+            continue;  // `s` closes as it goes
+        }
+        if (refusing_) log::info(kTransportLogTag, "below the " + name() + " connection limit again");
+        refusing_ = false;
         if (!s->setNonBlocking(true)) continue;
         (void)s->setNoDelay(true);
+        (void)s->setKeepAlive(kKeepAliveIdleSeconds, kKeepAliveIntervalSeconds, kKeepAliveProbes);
         auto c = std::make_unique<Connection>();
         c->id = nextConnection_++;
         c->socket = std::move(*s);
@@ -152,6 +197,12 @@ void StreamTransport::acceptAll() {
     }
 }
 
+void StreamTransport::endAcceptPause() {
+    if (acceptPauseMs_ == 0) return;
+    acceptPauseMs_ = 0;
+    log::info(kTransportLogTag, "accepting " + name() + " connections again");
+}
+
 void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
     char chunk[kReadChunkBytes];
     for (;;) {
@@ -162,7 +213,9 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
                             !c.out.empty());
             return;
         }
-        c.lastActivity = Clock::now();
+        const auto now = Clock::now();
+        const size_t whole = received.size();
+        buffered_ -= c.in.size();
         c.in.append(chunk, r.bytes);
         // Take every whole message, then cut the buffer once.
         size_t offset = 0;
@@ -182,10 +235,36 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
             offset = c.in.find("\r\n\r\n", offset) + 4;
         }
         c.in.erase(0, offset);
+        buffered_ += c.in.size();
+        if (received.size() > whole) c.lastActivity = now;
+        // Once anything was taken, what is left is the start of a new message.
+        if (c.in.empty()) {
+            c.messageStarted.reset();
+        } else if (offset > 0 || !c.messageStarted) {
+            c.messageStarted = now;
+        }
         if (c.in.size() > config_.maxMessageBytes) {
             closeConnection(c, "message too large on #" + std::to_string(c.id) + ", closing", !c.out.empty());
             return;
         }
+        if (buffered_ > config_.maxBufferedBytes) {
+            shedBuffers();
+            if (c.closed) return;
+        }
+    }
+}
+
+void StreamTransport::shedBuffers() {
+    while (buffered_ > config_.maxBufferedBytes) {
+        Connection* largest = nullptr;
+        for (auto& [id, c] : connections_) {
+            if (!c->closed && (largest == nullptr || c->in.size() > largest->in.size())) largest = c.get();
+        }
+        if (largest == nullptr || largest->in.empty()) return;
+        closeConnection(*largest,
+                        "unfinished messages over " + std::to_string(config_.maxBufferedBytes) + " bytes: closing #" +
+                            std::to_string(largest->id) + ", which holds " + std::to_string(largest->in.size()),
+                        !largest->out.empty());
     }
 }
 
@@ -207,21 +286,26 @@ void StreamTransport::closeConnection(Connection& c, const std::string& why, boo
     log::info(kTransportLogTag, why);
     c.closed = true;
     c.socket.close();
+    buffered_ -= c.in.size();
+    c.in.clear();
     if (lostData) failed_.push_back(SipTarget{config_.kind, c.remote, c.id});
 }
 
 int StreamTransport::pollTimeoutMs(Clock::time_point now) const {
     std::optional<Clock::time_point> earliest;
+    const auto consider = [&](Clock::time_point due) {
+        if (!earliest || due < *earliest) earliest = due;
+    };
     for (const auto& [id, c] : connections_) {
         if (c->closed) continue;
-        std::optional<Clock::time_point> due;
         if (c->state == State::Connecting) {
-            due = c->started + std::chrono::milliseconds(config_.connectTimeoutMs);
-        } else if (c->state == State::Connected && c->out.empty()) {
-            due = c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs);
+            consider(c->started + std::chrono::milliseconds(config_.connectTimeoutMs));
+        } else if (c->state == State::Connected) {
+            if (c->out.empty()) consider(c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs));
+            if (c->messageStarted) consider(*c->messageStarted + std::chrono::milliseconds(config_.messageTimeoutMs));
         }
-        if (due && (!earliest || *due < *earliest)) earliest = due;
     }
+    if (acceptPauseMs_ > 0 && now < acceptResumes_) consider(acceptResumes_);
     int timeout = -1;
     if (earliest) {
         // The time-outs close what has been waiting longer than its limit:
@@ -238,33 +322,38 @@ void StreamTransport::ioLoop() {
     std::vector<Connection*> polled;
     std::vector<Received> received;
     while (!stopping_) {
+        ++ioRounds_;
         entries.clear();
         polled.clear();
         int timeoutMs = -1;
+        bool listening = false;
         {
             std::lock_guard lock(mutex_);
             for (auto& [id, c] : connections_) {
                 if (c->state == State::NeedsConnect && !c->closed) startConnect(*c);
             }
+            const auto now = Clock::now();
             entries.push_back({waker_.native(), true, false});
-            entries.push_back({listener_.native(), true, false});
+            listening = acceptPauseMs_ == 0 || now >= acceptResumes_;
+            if (listening) entries.push_back({listener_.native(), true, false});
             for (auto& [id, c] : connections_) {
                 if (c->closed) continue;
                 const bool connecting = c->state == State::Connecting;
                 entries.push_back({c->socket.native(), !connecting, connecting || !c->out.empty()});
                 polled.push_back(c.get());
             }
-            timeoutMs = pollTimeoutMs(Clock::now());
+            timeoutMs = pollTimeoutMs(now);
         }
+        const size_t firstConnection = listening ? 2 : 1;
         const int ready = net::poll(entries, timeoutMs);
         {
             std::lock_guard lock(mutex_);
             if (ready > 0) {
                 if (entries[0].readable) waker_.drain();
-                if (entries[1].readable) acceptAll();
+                if (listening && entries[1].readable) acceptAll(Clock::now());
                 for (size_t i = 0; i < polled.size(); ++i) {
                     Connection& c = *polled[i];
-                    const net::PollEntry& e = entries[i + 2];
+                    const net::PollEntry& e = entries[i + firstConnection];
                     if (c.closed) continue;
                     if (c.state == State::Connecting) {
                         if (!e.writable && !e.error) continue;
@@ -285,6 +374,12 @@ void StreamTransport::ioLoop() {
                 if (c->state == State::Connecting &&
                     now - c->started > std::chrono::milliseconds(config_.connectTimeoutMs)) {
                     closeConnection(*c, "connect to " + c->remote.toString() + " timed out", true);
+                } else if (c->messageStarted &&
+                           now - *c->messageStarted > std::chrono::milliseconds(config_.messageTimeoutMs)) {
+                    closeConnection(*c,
+                                    "message on #" + std::to_string(c->id) + " not complete within " +
+                                        std::to_string(config_.messageTimeoutMs) + " ms, closing",
+                                    !c->out.empty());
                 } else if (c->state == State::Connected && c->out.empty() &&
                            now - c->lastActivity > std::chrono::milliseconds(config_.idleTimeoutMs)) {
                     closeConnection(*c, "closing idle connection #" + std::to_string(c->id), false);

@@ -22,11 +22,22 @@ struct StreamTransportConfig {
     net::SocketAddress bindAddress = net::SocketAddress::any(net::AddressFamily::V4, 5060);
     // A connect that has not completed by then is abandoned.
     int connectTimeoutMs = 5000;
-    // A connection without traffic this long is closed. Registrations refresh
-    // far more often than this, so a registered line keeps its connection.
+    // A connection that neither brought a whole message nor sent one this
+    // long is closed; stray bytes do not count. Registrations refresh far
+    // more often than this, so a registered line keeps its connection.
     int idleTimeoutMs = 300000;
+    // A message that has begun to arrive must be whole by then, else its
+    // connection is closed. 64*T1: its sender has given up on it by then.
+    int messageTimeoutMs = 32000;
     // A buffered message larger than this is refused and its connection closed.
     size_t maxMessageBytes = 256 * 1024;
+    // Unfinished messages held across all connections: a read that takes the
+    // total above it closes the connection holding the most.
+    size_t maxBufferedBytes = 4 * 1024 * 1024;
+    // Connections open at once; past it an accepted one is closed at once
+    // (our own are never refused). A phone talks to a handful of servers:
+    // 512 is generous and keeps half of the usual 1024 descriptors for RTP.
+    size_t maxConnections = 512;
 };
 
 class StreamTransport final : public SipTransport {
@@ -45,6 +56,9 @@ public:
 
     // Connections now open or opening (for tests and diagnostics).
     [[nodiscard]] size_t connectionCount() const;
+    // Rounds of the I/O thread's loop so far (for tests and diagnostics): a
+    // thread that spins shows as a count that races ahead.
+    [[nodiscard]] uint64_t ioRounds() const { return ioRounds_; }
 
     static constexpr size_t kReadChunkBytes = 16384;
 
@@ -57,7 +71,8 @@ private:
         net::SocketAddress remote;
         State state = State::NeedsConnect;
         Clock::time_point started;
-        Clock::time_point lastActivity;
+        Clock::time_point lastActivity;  // the last whole message in or out
+        std::optional<Clock::time_point> messageStarted;  // while `in` holds part of one
         std::string in;
         std::string out;
         bool closed = false;
@@ -71,12 +86,17 @@ private:
     void ioLoop();
     // Everything below runs on the I/O thread with `mutex_` held.
     void startConnect(Connection& c);
-    void acceptAll();
+    void acceptAll(Clock::time_point now);
+    void endAcceptPause();
     void readFrom(Connection& c, std::vector<Received>& received);
+    // Closes the connections holding the most until the total buffered is
+    // within bounds again.
+    void shedBuffers();
     void writeTo(Connection& c);
     void closeConnection(Connection& c, const std::string& why, bool lostData);
-    // How long the poll may sleep: until the earliest connect or idle
-    // time-out, -1 (no limit) when no connection has one.
+    // How long the poll may sleep: until the earliest connect, message or
+    // idle time-out or the end of a pause in accepting, -1 (no limit) when
+    // nothing is due.
     [[nodiscard]] int pollTimeoutMs(Clock::time_point now) const;
     [[nodiscard]] std::string name() const;
 
@@ -90,6 +110,13 @@ private:
     mutable std::mutex mutex_;
     std::map<uint64_t, std::unique_ptr<Connection>> connections_;
     uint64_t nextConnection_ = 1;
+    size_t buffered_ = 0;  // bytes in every connection's `in`
+    // After an accept failed for want of descriptors or memory the listener
+    // is left alone until `acceptResumes_`, the pause doubling each time.
+    int acceptPauseMs_ = 0;
+    Clock::time_point acceptResumes_;
+    bool refusing_ = false;  // at the connection limit, and that was logged
+    std::atomic<uint64_t> ioRounds_{0};
     std::vector<SipTarget> failed_;  // delivery failures to report after unlocking
 };
 

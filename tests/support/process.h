@@ -1,6 +1,6 @@
 // Programs the tests start (SIP servers, DNS servers, test tools): a child
 // process with its arguments and working folder, its output in a log file,
-// stopped however the test ends.
+// stopped however the test ends; and the test's own limit on descriptors.
 #pragma once
 
 #include <chrono>
@@ -51,5 +51,9 @@ public:
 private:
     std::unique_ptr<State> state_;
 };
+
+// Lowers this process's limit on open descriptors until the guard returned
+// goes; null where the limit cannot be changed (Windows, and so Wine).
+[[nodiscard]] std::shared_ptr<const void> lowerDescriptorLimit(unsigned limit);
 
 }  // namespace kelsip::test

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,6 +116,15 @@ void Process::stop() {
 
 std::string Process::log() const {
     return state_->options.logFile.empty() ? std::string() : readTextFile(state_->options.logFile);
+}
+
+std::shared_ptr<const void> lowerDescriptorLimit(unsigned limit) {
+    static const int guard = 0;
+    rlimit old{};
+    if (::getrlimit(RLIMIT_NOFILE, &old) != 0) return nullptr;
+    const rlimit lowered{limit < old.rlim_max ? limit : old.rlim_max, old.rlim_max};
+    if (::setrlimit(RLIMIT_NOFILE, &lowered) != 0) return nullptr;
+    return {&guard, [old](const void*) { ::setrlimit(RLIMIT_NOFILE, &old); }};
 }
 
 }  // namespace kelsip::test

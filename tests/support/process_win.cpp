@@ -28,4 +28,6 @@ std::optional<int> Process::waitForExit(std::chrono::milliseconds) { return std:
 void Process::stop() {}
 std::string Process::log() const { return readTextFile(state_->options.logFile); }
 
+std::shared_ptr<const void> lowerDescriptorLimit(unsigned) { return nullptr; }
+
 }  // namespace kelsip::test
