@@ -65,6 +65,7 @@ std::optional<RtpPortAllocator::PortPair> RtpPortAllocator::allocate(Pool& pool,
         pool.inUse.insert(static_cast<uint16_t>(candidate));
         return PortPair{std::move(*rtp), std::move(*rtcp), static_cast<uint16_t>(candidate)};
     }
+    log::error(kTag, "RTP port range exhausted");
     return std::nullopt;
 }
 

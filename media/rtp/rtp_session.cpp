@@ -74,10 +74,7 @@ RtpSession::~RtpSession() { close({}); }
 bool RtpSession::open(std::shared_ptr<RtpPortAllocator::Pool> pool) {
     if (!pool || state() != State::Idle) return false;
     auto pair = RtpPortAllocator::allocate(*pool, options_.local);
-    if (!pair) {
-        log::error(kTag, "RTP port range exhausted");
-        return false;
-    }
+    if (!pair) return false;  // the allocator said what ran out
     if (!pair->rtp.setNonBlocking(true) || !pair->rtcp.setNonBlocking(true)) {
         log::error(kTag, "cannot bind RTP");
         RtpPortAllocator::release(*pool, pair->port);

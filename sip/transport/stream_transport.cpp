@@ -113,6 +113,7 @@ bool StreamTransport::send(std::string_view data, const SipTarget& target) {
             auto c = std::make_unique<Connection>();
             c->id = nextConnection_++;
             c->remote = target.address;
+            c->outgoing = true;
             c->started = c->lastActivity = Clock::now();
             log::info(kTransportLogTag, "opening " + name() + " connection #" + std::to_string(c->id) + " to " +
                                             target.address.toString());
@@ -301,7 +302,7 @@ int StreamTransport::pollTimeoutMs(Clock::time_point now) const {
         if (c->state == State::Connecting) {
             consider(c->started + std::chrono::milliseconds(config_.connectTimeoutMs));
         } else if (c->state == State::Connected) {
-            if (c->out.empty()) consider(c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs));
+            if (c->out.empty() && !c->outgoing) consider(c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs));
             if (c->messageStarted) consider(*c->messageStarted + std::chrono::milliseconds(config_.messageTimeoutMs));
         }
     }
@@ -380,7 +381,7 @@ void StreamTransport::ioLoop() {
                                     "message on #" + std::to_string(c->id) + " not complete within " +
                                         std::to_string(config_.messageTimeoutMs) + " ms, closing",
                                     !c->out.empty());
-                } else if (c->state == State::Connected && c->out.empty() &&
+                } else if (c->state == State::Connected && c->out.empty() && !c->outgoing &&
                            now - c->lastActivity > std::chrono::milliseconds(config_.idleTimeoutMs)) {
                     closeConnection(*c, "closing idle connection #" + std::to_string(c->id), false);
                 }

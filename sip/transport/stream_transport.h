@@ -22,9 +22,10 @@ struct StreamTransportConfig {
     net::SocketAddress bindAddress = net::SocketAddress::any(net::AddressFamily::V4, 5060);
     // A connect that has not completed by then is abandoned.
     int connectTimeoutMs = 5000;
-    // A connection that neither brought a whole message nor sent one this
-    // long is closed; stray bytes do not count. Registrations refresh far
-    // more often than this, so a registered line keeps its connection.
+    // A connection opened to us that neither brought a whole message nor
+    // sent one this long is closed; stray bytes do not count. Our own
+    // connections stay: a registered line must keep its flow between
+    // refreshes, and TCP keep-alive notices when the far end is gone.
     int idleTimeoutMs = 300000;
     // A message that has begun to arrive must be whole by then, else its
     // connection is closed. 64*T1: its sender has given up on it by then.
@@ -76,6 +77,10 @@ private:
         std::string in;
         std::string out;
         bool closed = false;
+        // Ours, to a registrar or proxy: the flow incoming requests come back
+        // on. It is never closed for idleness (keep-alive finds a dead peer);
+        // only connections others opened to us are.
+        bool outgoing = false;
     };
     struct Received {
         std::string bytes;
