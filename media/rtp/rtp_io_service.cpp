@@ -204,6 +204,8 @@ RtpIoService::AddResult RtpIoService::add(uint64_t key, Handler& handler) {
         workers_.push_back({std::move(worker), 0, 0, {}});
         log::debug(kTag, "started RTP worker thread #" + std::to_string(workers_.size()));
         room = workers_.end() - 1;
+        if (reaperDone_) reaper_.join();  // it has let go of the lock for good
+        reaperDone_ = false;
         if (!reaper_.joinable()) {
             try {
                 reaper_ = std::thread([this] { reap(); });
@@ -279,6 +281,12 @@ void RtpIoService::reap() {
         ending.clear();
         log::debug(kTag, "ended idle RTP worker threads");
         lock.lock();
+        if (workers_.empty()) {
+            // Nothing left to watch: the reaper ends too (no thread stays
+            // after the calls), and the next worker starts a new one.
+            reaperDone_ = true;
+            return;
+        }
     }
 }
 

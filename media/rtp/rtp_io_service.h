@@ -109,6 +109,7 @@ private:
     std::condition_variable reaperWake_;
     bool stopping_ = false;
     std::thread reaper_;  // started with the first worker
+    bool reaperDone_ = false;  // it ended with the last worker and waits to be joined
 };
 
 }  // namespace kelsip

@@ -16,4 +16,8 @@ namespace kelsip::platform {
 // Fills `out` with cryptographically secure random bytes; false on failure.
 [[nodiscard]] bool secureRandom(void* out, size_t size);
 
+// Gives the memory the allocator holds free back to the system, so that
+// what a burst of calls took does not stay with the process after it.
+void releaseFreeMemory();
+
 }  // namespace kelsip::platform

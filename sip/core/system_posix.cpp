@@ -1,4 +1,5 @@
 // Thread numbers, local time and secure random bytes on POSIX systems.
+#include <malloc.h>
 #include <sys/random.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -26,5 +27,9 @@ bool secureRandom(void* out, size_t size) {
     }
     return true;
 }
+
+// glibc keeps freed memory in each thread's arena; trimming returns the
+// free pages of every arena, not only the top of the main heap.
+void releaseFreeMemory() { (void)::malloc_trim(0); }
 
 }  // namespace kelsip::platform

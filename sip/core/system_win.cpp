@@ -21,4 +21,6 @@ bool secureRandom(void* out, size_t size) {
     return true;
 }
 
+void releaseFreeMemory() { (void)::HeapCompact(::GetProcessHeap(), 0); }
+
 }  // namespace kelsip::platform

@@ -6,6 +6,7 @@
 #include "media/session/telephone_event.h"
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
+#include "sip/core/system.h"
 #include "sip/syntax/text.h"
 #include "sip/ua/calls.h"
 
@@ -133,7 +134,12 @@ void Calls::endCall(Call& call, int code, const std::string& reason) {
     setCallState(call, CallState::Terminated, code, reason);
     // Reported once, then gone. Removal waits for the loop's next turn, so
     // whoever is still holding a reference to the call finishes first.
-    ctx_.loop->post([this, id] { calls_.erase(id); });
+    ctx_.loop->post([this, id] {
+        calls_.erase(id);
+        // The last call gone: what the calls took (media sessions, buffers)
+        // goes back to the system rather than staying with the process.
+        if (calls_.empty()) platform::releaseFreeMemory();
+    });
 }
 
 int Calls::makeCall(int lineId, const std::string& target) {
