@@ -123,6 +123,19 @@ private:
     std::vector<Entry> entries_;
 };
 
+// What a request the parser refused can still be answered with.
+struct MalformedAnswer {
+    int status = 0;          // 400, 416 or 505
+    std::string response;    // the whole stateless response, ready to send
+
+    friend bool operator==(const MalformedAnswer&, const MalformedAnswer&) = default;
+};
+// For bytes that SipMessage::parse refused with `error`: the error response
+// built from the request's own Via (all of them, in order), From, To (with a
+// To tag added when it has none), Call-ID and CSeq, Content-Length: 0.
+// std::nullopt when the bytes are not a request or carry no usable Via.
+[[nodiscard]] std::optional<MalformedAnswer> answerMalformedRequest(std::string_view bytes, std::string_view error);
+
 // Takes one complete message off the front of a stream connection's receive
 // buffer. Nothing is returned while more bytes are needed, or on a framing
 // fault, which is reported through `error` ("bad Content-Length",

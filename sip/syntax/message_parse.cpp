@@ -26,6 +26,29 @@ bool isToken(std::string_view s) {
     return !s.empty();
 }
 
+// A URI scheme by its syntax: a letter, then letters, digits, "+", "-", ".".
+bool isScheme(std::string_view s) {
+    if (s.empty() || !text::isAlpha(s.front())) return false;
+    for (const char c : s) {
+        if (!text::isAlnum(c) && c != '+' && c != '-' && c != '.') return false;
+    }
+    return true;
+}
+
+// The error for a second header of a name that must appear once, by HeaderId;
+// nullptr for the names that may repeat.
+constexpr std::array<const char*, kTrackedHeaderCount> kRepeated{
+    nullptr,  // Other
+    nullptr,  // Via
+    "repeated From header",
+    "repeated To header",
+    "repeated Call-ID header",
+    "repeated CSeq header",
+    "repeated Max-Forwards header",
+    "repeated Content-Length header",
+};
+static_assert(static_cast<size_t>(HeaderId::ContentLength) + 1 == kTrackedHeaderCount);
+
 }  // namespace
 
 struct SipMessage::MandatoryHeaders {
@@ -96,9 +119,23 @@ private:
         if (first == std::string_view::npos || first == last) return fail(error_, "bad request line");
         const std::string_view method = line.substr(0, first);
         if (!isToken(method)) return fail(error_, "bad method");
+        if (text::isSpace(line.back())) return fail(error_, "extra spaces in request line");
         if (line.substr(last + 1) != "SIP/2.0") return fail(error_, "unsupported SIP version");
-        auto uri = SipUri::parse(line.substr(first + 1, last - first - 1));
-        if (!uri) return fail(error_, "bad Request-URI");
+        const std::string_view uriText = line.substr(first + 1, last - first - 1);
+        if (!uriText.empty() && (text::isSpace(uriText.front()) || text::isSpace(uriText.back()))) {
+            return fail(error_, "extra spaces in request line");
+        }
+        if (text::containsEither(uriText, ' ', '\t')) return fail(error_, "bad Request-URI");
+        auto uri = SipUri::parse(uriText);
+        if (!uri) {
+            const std::string_view scheme = uriText.substr(0, uriText.find(':'));
+            const bool understood = text::iequals(scheme, "sip") || text::iequals(scheme, "sips") ||
+                                    text::iequals(scheme, "tel");
+            if (scheme.size() < uriText.size() && isScheme(scheme) && !understood) {
+                return fail(error_, "unsupported Request-URI scheme");
+            }
+            return fail(error_, "bad Request-URI");
+        }
         m_.isRequest = true;
         m_.method.assign(method);
         m_.requestUri = std::move(*uri);
@@ -193,6 +230,9 @@ private:
         } else {
             e.known = known->index;
             size_t& index = firstIndex_[static_cast<size_t>(known->id)];
+            if (index != kNone && kRepeated[static_cast<size_t>(known->id)] != nullptr) {
+                return fail(error_, kRepeated[static_cast<size_t>(known->id)]);
+            }
             if (index == kNone) index = m_.entries_.size();
         }
         e.valueAt = static_cast<uint32_t>(trimmedValue.data() - text);
