@@ -1,6 +1,7 @@
 // Parsing, serialising and stream framing of SIP messages: an INVITE with
-// SDP as a call starts, a 200 OK to REGISTER, a message with 60 headers, and
-// 64 KiB of back-to-back messages on a stream connection.
+// SDP as a call starts, a 200 OK to REGISTER, a message with 60 headers, the
+// 1133-byte INVITE of a typical phone, and 64 KiB of back-to-back messages on
+// a stream connection.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -47,6 +48,48 @@ std::string inviteWithSdp() {
         "Allow: INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE\r\n"
         "Supported: replaces, timer\r\n"
         "User-Agent: Velmora Phone 0.1.0\r\n"
+        "Content-Type: application/sdp\r\n",
+        sdp);
+}
+
+// What desk and mobile phones send to start a call, 1133 bytes: an outbound
+// Contact with its instance id, the usual extensions, session timers and an
+// offer of six codecs.
+std::string phoneInvite() {
+    const std::string sdp =
+        "v=0\r\n"
+        "o=alice 2890844526 2890844527 IN IP4 192.0.2.10\r\n"
+        "s=call\r\n"
+        "c=IN IP4 192.0.2.10\r\n"
+        "t=0 0\r\n"
+        "m=audio 49170 RTP/AVP 0 8 9 111 18 101\r\n"
+        "a=rtpmap:0 PCMU/8000\r\n"
+        "a=rtpmap:8 PCMA/8000\r\n"
+        "a=rtpmap:9 G722/8000\r\n"
+        "a=rtpmap:111 opus/48000/2\r\n"
+        "a=fmtp:111 useinbandfec=1\r\n"
+        "a=rtpmap:18 G729/8000\r\n"
+        "a=fmtp:18 annexb=no\r\n"
+        "a=rtpmap:101 telephone-event/8000\r\n"
+        "a=fmtp:101 0-16\r\n"
+        "a=ptime:20\r\n"
+        "a=sendrecv\r\n";
+    return withBody(
+        "INVITE sip:bob@biloxi.example.com SIP/2.0\r\n"
+        "Via: SIP/2.0/UDP 192.0.2.10:5060;branch=z9hG4bK7f3a9c2e1b0d4a68;rport\r\n"
+        "Max-Forwards: 70\r\n"
+        "From: \"Alice Liddell\" <sip:alice@atlanta.example.com>;tag=9fxced76sl\r\n"
+        "To: <sip:bob@biloxi.example.com>\r\n"
+        "Call-ID: a84b4-3848276298220188511@192.0.2.10\r\n"
+        "CSeq: 1 INVITE\r\n"
+        "Contact: <sip:alice@192.0.2.10:5060;transport=udp;ob>"
+        ";+sip.instance=\"<urn:uuid:f81d4fae-7dec-11d0-a765-00a0c91e6bf6>\";reg-id=1;expires=3600\r\n"
+        "Allow: INVITE, ACK, CANCEL, BYE, OPTIONS, INFO, NOTIFY, PRACK, UPDATE, REFER, SUBSCRIBE, MESSAGE\r\n"
+        "Supported: replaces, timer, 100rel, path, gruu\r\n"
+        "User-Agent: Velmora Phone 0.1.0\r\n"
+        "Allow-Events: talk, hold, refer, dialog\r\n"
+        "Session-Expires: 1800;refresher=uac\r\n"
+        "Min-SE: 90\r\n"
         "Content-Type: application/sdp\r\n",
         sdp);
 }
@@ -105,7 +148,7 @@ Sample makeSample(std::string text) {
 
 const Sample& sample(int which) {
     static const std::vector<Sample> samples = {makeSample(inviteWithSdp()), makeSample(registerOk()),
-                                                makeSample(sixtyHeaders())};
+                                                makeSample(sixtyHeaders()), makeSample(phoneInvite())};
     return samples.at(static_cast<size_t>(which));
 }
 
@@ -189,12 +232,15 @@ void ExtractStream64KiB(benchmark::State& state) {
 BENCHMARK_CAPTURE(Parse, invite_sdp, 0);
 BENCHMARK_CAPTURE(Parse, register_200_ok, 1);
 BENCHMARK_CAPTURE(Parse, sixty_headers, 2);
+BENCHMARK_CAPTURE(Parse, phone_invite, 3);
 BENCHMARK_CAPTURE(ToString, invite_sdp, 0);
 BENCHMARK_CAPTURE(ToString, register_200_ok, 1);
 BENCHMARK_CAPTURE(ToString, sixty_headers, 2);
+BENCHMARK_CAPTURE(ToString, phone_invite, 3);
 BENCHMARK_CAPTURE(ParseToString, invite_sdp, 0);
 BENCHMARK_CAPTURE(ParseToString, register_200_ok, 1);
 BENCHMARK_CAPTURE(ParseToString, sixty_headers, 2);
+BENCHMARK_CAPTURE(ParseToString, phone_invite, 3);
 BENCHMARK(ExtractStream64KiB);
 
 BENCHMARK_MAIN();

@@ -1,4 +1,4 @@
-// Fuzz target for SipMessage::parse.
+// Fuzz target for SipMessage::parse, and for the answers to what it refuses.
 #include "fuzz/fuzz_support.h"
 #include "sip/syntax/address.h"
 
@@ -8,7 +8,20 @@ VELMORA_FUZZ_TARGET {
     std::string error;
     const auto m = kelsip::SipMessage::parse(input, &error);
     require(m || !error.empty(), "a rejected message comes with an error text", input);
-    if (!m) return;
+    if (!m) {
+        const auto answer = kelsip::answerMalformedRequest(input, error);
+        if (!answer) return;
+        require(kelsip::answerMalformedRequest(input, error) == answer, "the same bytes get the same answer", input);
+        std::string why;
+        const auto response = kelsip::SipMessage::parse(answer->response, &why);
+        // Headers are copied as written: a faulty one stays faulty, nothing else may be.
+        bool copiedFault = false;
+        for (const char* name : {"Via", "From", "To", "Call-ID", "CSeq"}) copiedFault |= why.find(name) != why.npos;
+        require(response ? !response->isRequest && response->statusCode == answer->status : copiedFault,
+                "an answer parses as a response of its status, unless a copied header is at fault", input,
+                answer->response + " -> " + why);
+        return;
+    }
     require(m->validate(), "a parsed message passes validation", input);
     // The accessors the transaction layer and the user agent use parse header values of their own.
     (void)m->callId(), (void)m->cseq(), (void)m->fromTag(), (void)m->maxForwards(), (void)m->expires();

@@ -142,6 +142,10 @@ std::string NameAddr::toString() const {
 }
 
 bool splitVia(std::string_view s, ViaView& out) {
+    return splitViaOfAnyVersion(s, out) && text::iequals(out.protocol, "SIP") && out.version == "2.0";
+}
+
+bool splitViaOfAnyVersion(std::string_view s, ViaView& out) {
     out = ViaView{};
     s = trim(s);
     // A trailing comment, "(...)", carries nothing for the stack.
@@ -155,7 +159,7 @@ bool splitVia(std::string_view s, ViaView& out) {
     out.version = takeToken(s);
     if (out.version.empty() || !takeSlash(s)) return false;
     out.transport = takeToken(s);
-    if (out.transport.empty() || !text::iequals(out.protocol, "SIP") || out.version != "2.0") return false;
+    if (out.transport.empty()) return false;
     // The sent-by must be set off from the sent-protocol by white space.
     if (s.empty() || !text::isSpace(s.front())) return false;
     // Parentheses only ever open a comment; anywhere else they could not be

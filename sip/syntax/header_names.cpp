@@ -13,9 +13,8 @@ namespace {
 constexpr bool kList = true;
 
 // Every list-valued header, the irregular spellings and the names a call
-// usually carries, ordered by length: a lookup only reads the names of its
-// own length. "Reply-To" is a list on purpose: it carries name-addrs.
-constexpr std::array kKnown = std::to_array<KnownHeader>({
+// usually carries. "Reply-To" is a list on purpose: it carries name-addrs.
+constexpr std::array kListed = std::to_array<KnownHeader>({
     {"To", false, HeaderId::To},
     {"Via", kList, HeaderId::Via},
     {"From", false, HeaderId::From},
@@ -82,6 +81,12 @@ constexpr std::array kKnown = std::to_array<KnownHeader>({
     {"P-Asserted-Identity"},
 });
 
+constexpr std::array kKnown = [] {
+    auto table = kListed;
+    for (size_t i = 0; i < table.size(); ++i) table[i].index = static_cast<uint8_t>(i);
+    return table;
+}();
+
 // Spellings that the capitalising rule would not produce.
 constexpr std::array<std::string_view, 9> kIrregular{"Call-ID", "CSeq",   "WWW-Authenticate", "MIME-Version", "RAck",
                                                      "RSeq",    "Min-SE", "SIP-ETag",         "SIP-If-Match"};
@@ -125,12 +130,11 @@ constexpr size_t indexOf(std::string_view canonical) {
 }
 
 // A lookup answers with the table's spelling; that must be what the naming
-// rules give for the name, and each length's names must stand together.
+// rules give for the name, and each name must be listed once.
 constexpr bool tableIsConsistent() {
     for (size_t i = 0; i < kKnown.size(); ++i) {
         const std::string_view name = kKnown[i].canonical;
         if (name.size() < 2 || name.size() > kLongest) return false;
-        if (i > 0 && name.size() < kKnown[i - 1].canonical.size()) return false;
         if (!isIrregular(name) && !isCapitalised(name)) return false;
         if (indexOf(name) != i) return false;
     }
@@ -143,17 +147,46 @@ constexpr bool tableIsConsistent() {
     return true;
 }
 static_assert(tableIsConsistent());
+static_assert(kKnown.size() < kOtherHeader);
 
-// kFirstOfLength[n] up to kFirstOfLength[n + 1] are the entries n bytes long.
-constexpr std::array<uint8_t, kLongest + 2> kFirstOfLength = [] {
-    std::array<uint8_t, kLongest + 2> first{};
-    for (size_t n = 0; n <= kLongest + 1; ++n) {
-        size_t i = 0;
-        while (i < kKnown.size() && kKnown[i].canonical.size() < n) ++i;
-        first[n] = static_cast<uint8_t>(i);
+// Names longer than one byte are found by their length and first letter,
+// in any letter case: at most two names share both, so a lookup reads one
+// cell and compares at most two names.
+constexpr size_t kLetters = 26;
+
+constexpr size_t cellOf(std::string_view name) {
+    return (name.size() - 2) * kLetters + static_cast<size_t>(text::toLower(name.front()) - 'a');
+}
+
+using Cell = std::array<uint8_t, 2>;
+
+constexpr std::array<Cell, (kLongest - 1) * kLetters> kCells = [] {
+    std::array<Cell, (kLongest - 1) * kLetters> cells{};
+    for (Cell& c : cells) c.fill(kOtherHeader);
+    for (const KnownHeader& k : kKnown) {
+        Cell& c = cells[cellOf(k.canonical)];
+        c[c[0] == kOtherHeader ? 0 : 1] = k.index;
     }
-    return first;
+    return cells;
 }();
+
+constexpr bool cellsHoldEveryName() {
+    for (const KnownHeader& k : kKnown) {
+        const Cell& c = kCells[cellOf(k.canonical)];
+        if (c[0] != k.index && c[1] != k.index) return false;
+    }
+    return true;
+}
+static_assert(cellsHoldEveryName());
+
+// Compares a name with a canonical spelling of the same length. Most names
+// arrive in that spelling: bytes compare equal before any case folding.
+bool sameName(std::string_view name, std::string_view known) {
+    for (size_t k = 0; k < name.size(); ++k) {
+        if (name[k] != known[k] && text::toLower(name[k]) != text::toLower(known[k])) return false;
+    }
+    return true;
+}
 
 // Compact letter 'a' + n -> its entry, or kKnown.size() for letters without one.
 constexpr std::array<uint8_t, 26> kCompactEntry = [] {
@@ -175,33 +208,32 @@ const KnownHeader* findKnownHeader(std::string_view name) {
         const size_t i = kCompactEntry[static_cast<size_t>(c - 'a')];
         return i < kKnown.size() ? &kKnown[i] : nullptr;
     }
-    if (name.size() > kLongest) return nullptr;
-    const char first = text::toLower(name.front());
-    for (size_t i = kFirstOfLength[name.size()]; i < kFirstOfLength[name.size() + 1]; ++i) {
-        const std::string_view known = kKnown[i].canonical;
-        if (text::toLower(known.front()) != first) continue;
-        // Most names arrive in their canonical spelling: compare bytes first.
-        size_t k = 1;
-        while (k < name.size() && (name[k] == known[k] || text::toLower(name[k]) == text::toLower(known[k]))) ++k;
-        if (k == name.size()) return &kKnown[i];
+    if (name.size() > kLongest || !text::isAlpha(name.front())) return nullptr;
+    for (const uint8_t i : kCells[cellOf(name)]) {
+        if (i == kOtherHeader) return nullptr;
+        if (sameName(name, kKnown[i].canonical)) return &kKnown[i];
     }
     return nullptr;
 }
 
-std::string capitaliseHeaderWords(std::string_view name) {
-    // Most names arrive already in canonical spelling: copy them as they are.
+uint8_t knownHeaderIndex(std::string_view name) {
+    const KnownHeader* known = findKnownHeader(name);
+    return known != nullptr ? known->index : kOtherHeader;
+}
+
+const KnownHeader& knownHeaderAt(uint8_t index) { return kKnown.at(index); }
+
+void capitaliseHeaderWords(char* name, size_t size) {
     bool wordStart = true;
-    size_t i = 0;
-    for (; i < name.size(); ++i) {
-        const char c = name[i];
-        if (c != (wordStart ? text::toUpper(c) : text::toLower(c))) break;
-        wordStart = (c == '-');
+    for (size_t i = 0; i < size; ++i) {
+        name[i] = wordStart ? text::toUpper(name[i]) : text::toLower(name[i]);
+        wordStart = (name[i] == '-');
     }
+}
+
+std::string capitaliseHeaderWords(std::string_view name) {
     std::string out(name);
-    for (; i < out.size(); ++i) {
-        out[i] = wordStart ? text::toUpper(out[i]) : text::toLower(out[i]);
-        wordStart = (out[i] == '-');
-    }
+    capitaliseHeaderWords(out.data(), out.size());
     return out;
 }
 

@@ -43,8 +43,8 @@ public:
     // The wire form, with exactly one Content-Length, last, computed from the body.
     [[nodiscard]] std::string toString() const;
 
-    // Every header pair in order.
-    [[nodiscard]] const std::vector<HeaderField>& headers() const { return headers_; }
+    // Every header pair in order, as copies.
+    [[nodiscard]] std::vector<HeaderField> headers() const;
     // Every value of one header name in order. Names compare after canonical
     // naming and without regard to case ("i", "call-id" and "Call-ID" agree).
     [[nodiscard]] std::vector<std::string> headers(std::string_view name) const;
@@ -74,11 +74,42 @@ private:
     friend SipMessage makeResponse(const SipMessage&, int, std::string_view, std::string_view);
     friend class MessageParser;
 
-    // Appends a pair whose name is already canonical.
-    void appendCanonical(std::string name, std::string_view value);
-    // The same for a value already trimmed, with the name copied.
-    void appendTrimmed(std::string_view name, std::string_view value);
-    [[nodiscard]] const HeaderField* find(std::string_view name) const;
+    // One header pair. Its name is a known header's canonical spelling or a
+    // stretch of text_, its value always a stretch of text_: offsets rather
+    // than views, so that a copied message reads its own text.
+    struct Entry {
+        uint32_t valueAt = 0;
+        uint32_t valueSize = 0;
+        uint32_t nameAt = 0;
+        uint32_t nameSize = 0;
+        uint8_t known = 0;  // position in the known-header table, or kOtherHeader
+        // A received list line with more than one element, kept whole until
+        // someone reads it: most are never read.
+        bool several = false;
+    };
+    // A name as entries store it: its table position, or its canonical spelling.
+    struct NameKey {
+        uint8_t known = 0;
+        std::string other;
+    };
+    [[nodiscard]] static NameKey keyOf(std::string_view name);
+    [[nodiscard]] bool matches(const Entry& e, const NameKey& key) const;
+    [[nodiscard]] std::string_view nameOf(const Entry& e) const;
+    [[nodiscard]] std::string_view valueOf(const Entry& e) const { return {text_.data() + e.valueAt, e.valueSize}; }
+    // Calls `f` with each value of an entry: its one value, or each element.
+    template <typename F>
+    void forEachValue(const Entry& e, F&& f) const;
+    [[nodiscard]] std::optional<std::string_view> firstValue(const NameKey& key) const;
+    // Replaces each list line of that name by one entry per element.
+    void splitLists(const NameKey& key);
+    [[nodiscard]] const Entry* find(const NameKey& key) const;
+    [[nodiscard]] const Entry* find(std::string_view canonical) const { return find(keyOf(canonical)); }
+    // Copies `bytes` to the end of text_ and gives their offset.
+    uint32_t store(std::string_view bytes);
+    void append(const NameKey& key, std::string_view trimmedValue);
+    void append(const SipMessage& from, const Entry& e);
+    // Rewrites text_ without the bytes no entry reads any more, once they are many.
+    void dropUnusedText();
 
     // The first From, To, Call-ID, CSeq, Via and Max-Forwards, however they
     // were found: the parser notes them as it reads, validate() searches.
@@ -87,8 +118,23 @@ private:
     // A CSeq value's number and method, as views of `value`.
     [[nodiscard]] static bool splitCSeq(std::string_view value, uint32_t& number, std::string_view& seqMethod);
 
-    std::vector<HeaderField> headers_;
+    std::string text_;           // the names and values the entries read
+    size_t unusedText_ = 0;      // bytes of text_ left behind by removed or replaced values
+    std::vector<Entry> entries_;
 };
+
+// What a request the parser refused can still be answered with.
+struct MalformedAnswer {
+    int status = 0;          // 400, 416 or 505
+    std::string response;    // the whole stateless response, ready to send
+
+    friend bool operator==(const MalformedAnswer&, const MalformedAnswer&) = default;
+};
+// For bytes that SipMessage::parse refused with `error`: the error response
+// built from the request's own Via (all of them, in order), From, To (with a
+// To tag added when it has none), Call-ID and CSeq, Content-Length: 0.
+// std::nullopt when the bytes are not a request or carry no usable Via.
+[[nodiscard]] std::optional<MalformedAnswer> answerMalformedRequest(std::string_view bytes, std::string_view error);
 
 // Takes one complete message off the front of a stream connection's receive
 // buffer. Nothing is returned while more bytes are needed, or on a framing

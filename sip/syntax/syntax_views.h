@@ -40,5 +40,8 @@ struct ViaView {
 [[nodiscard]] bool splitUri(std::string_view text, UriView& out);
 [[nodiscard]] bool splitNameAddr(std::string_view text, NameAddrView& out);
 [[nodiscard]] bool splitVia(std::string_view text, ViaView& out);
+// The same for any protocol name and version: the shape of a Via that a
+// request of another SIP version can still be answered through.
+[[nodiscard]] bool splitViaOfAnyVersion(std::string_view text, ViaView& out);
 
 }  // namespace kelsip

@@ -36,6 +36,7 @@ TEST(SipMessageTest, RejectsWithTheExactErrorTextOrAcceptsLenientForms) {
         {invite("Bad Name: x\r\n"), "bad header name"},
         {invite("NoColonHere\r\n"), "malformed header line"},
         {invite("Content-Length: abc\r\n"), "bad Content-Length"},
+        {invite("Content-Length: 4\r\nl: 4\r\n", "abcd"), "repeated Content-Length header"},
         {options + "CSeq: 1 OPTIONS\r\n" + via + "\r\n", "missing Call-ID"},
         {options + "Call-ID: x\r\nCSeq: OPTIONS\r\n" + via + "\r\n", "missing/invalid CSeq"},
         {options + "Call-ID: x\r\nCSeq: 1 OPTIONS\r\nVia: SIP/2.0/UDP\r\n\r\n", "missing/invalid Via"},
@@ -80,7 +81,6 @@ TEST(SipMessageTest, TakesTheBodyByContentLength) {
         {invite("Content-Length: 2\r\n", "abcde"), "ab"},
         {invite("", "no length: all of it"), "no length: all of it"},
         {invite("l: 3\r\n", std::string("a\0b", 3)), std::string("a\0b", 3)},
-        {invite("Content-Length: 4\r\nContent-Length: 1\r\n", "abcd"), "abcd"},  // the first one counts
     };
     for (const auto& c : cases) {
         const auto m = SipMessage::parse(c.text);
@@ -90,8 +90,7 @@ TEST(SipMessageTest, TakesTheBodyByContentLength) {
 }
 
 TEST(SipMessageTest, SerialisesWithOneComputedContentLengthLast) {
-    const std::string lengths = "Content-Length: 99\r\nl: 7\r\n";
-    auto m = SipMessage::parse(invite(lengths + "Content-Type: text/plain\r\n", std::string(99, 'x')));
+    auto m = SipMessage::parse(invite("l: 99\r\nContent-Type: text/plain\r\n", std::string(99, 'x')));
     ASSERT_TRUE(m);
     m->body = "hello";
     EXPECT_EQ(m->toString(), "INVITE sip:bob@h SIP/2.0\r\n" + kInviteHeaders +
@@ -144,6 +143,32 @@ TEST(MakeResponseTest, CopiesTheDialogHeadersAndTagsAndRoutesByTheCode) {
     EXPECT_EQ(makeResponse(request, 200, "", "new").header("To"), "sip:bob@h;tag=old");
     request.setHeader("To", "<sip:bob@h>;tag;x=1");
     EXPECT_EQ(makeResponse(request, 200, "", "new").header("To"), "<sip:bob@h>;tag=new;x=1");
+}
+
+TEST(MalformedAnswerTest, CopiesTheHeadersAsWrittenAndAddsAStableToTag) {
+    const std::string request =
+        "OPTIONS sip:h SIP/2.0\r\nv:  SIP/2.0/UDP a;branch=z9hG4bK1, SIP/2.0/UDP b\r\nTo: <sip:b@h>\r\n"
+        "To: <sip:c@h>\r\nVia: SIP/2.0/TCP c\r\nFrom: <sip:a@h>;tag=1\r\nCall-ID: x\r\nCSeq: 1 OPTIONS\r\n\r\n";
+    std::string error;
+    ASSERT_FALSE(SipMessage::parse(request, &error));
+    const auto answer = answerMalformedRequest(request, error);
+    ASSERT_TRUE(answer);
+    const auto response = SipMessage::parse(answer->response);
+    ASSERT_TRUE(response);
+    EXPECT_EQ(answer->response, "SIP/2.0 400 Repeated To Header\r\nv:  SIP/2.0/UDP a;branch=z9hG4bK1, SIP/2.0/UDP b\r\n"
+                                "Via: SIP/2.0/TCP c\r\nFrom: <sip:a@h>;tag=1\r\nTo: <sip:b@h>;tag=" +
+                                    response->toTag() + "\r\nCall-ID: x\r\nCSeq: 1 OPTIONS\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(answerMalformedRequest(request, error), answer);  // a retransmission gets the same tag
+    std::string other = request;
+    other.replace(other.find("bK1"), 3, "bK2");
+    EXPECT_NE(SipMessage::parse(answerMalformedRequest(other, error)->response)->toTag(), response->toTag());
+    other.replace(other.find("<sip:b@h>"), 9, "<sip:b@h>;tag=9");
+    EXPECT_NE(answerMalformedRequest(other, error)->response.find("To: <sip:b@h>;tag=9\r\n"), std::string::npos);
+    // Nothing for an ACK, a response, a request without a Via or without a request line.
+    for (const char* bytes : {"ACK sip:h SIP/2.0\r\nVia: SIP/2.0/UDP a\r\n", "SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP a\r\n",
+                              "BYE sip:h SIP/2.0\r\nVia: SIP/2.0/UDP\r\n", "BYE sip:h\r\nVia: SIP/2.0/UDP a\r\n"}) {
+        EXPECT_FALSE(answerMalformedRequest(bytes, "bad Request-URI")) << bytes;
+    }
 }
 
 }  // namespace
