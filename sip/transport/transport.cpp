@@ -41,6 +41,14 @@ void SipTransport::deliver(EventLoop& loop, std::string_view bytes, const SipTar
     std::string error;
     auto message = SipMessage::parse(bytes, &error);
     if (!message) {
+        // A request whole enough to be answered gets its error (505, 416,
+        // 400) straight back where it came from; the rest is dropped.
+        if (const auto answer = answerMalformedRequest(bytes, error)) {
+            log::warn(kTransportLogTag, "answering malformed request from " + source.address.toString() + " with " +
+                                            std::to_string(answer->status) + ": " + error);
+            (void)send(answer->response, source);
+            return;
+        }
         log::warn(kTransportLogTag, std::string(dropText) + source.address.toString() + ": " + error);
         return;
     }
