@@ -396,7 +396,7 @@ int64_t processFigure(const std::string& name) {
     return -1;
 }
 
-TEST_F(CallSippTest, AtTwiceItsCapacityCompletesCallsAtCapacityRefusesTheRestAndReturnsToIdle) {
+TEST_F(CallSippTest, AtTwiceItsCapacityCompletesCallsAtCapacityRefusesTheRestReturnsToIdleAndStopsPromptly) {
     log::setLevel(LogLevel::Warn);  // thousands of messages: keep only what matters
     UserAgentConfig config = loopbackConfig(false, 50);
     config.maxCalls = 1000;
@@ -443,6 +443,13 @@ TEST_F(CallSippTest, AtTwiceItsCapacityCompletesCallsAtCapacityRefusesTheRestAnd
     const Outcome loaded = burst(kCalls);
     EXPECT_LE(loaded.threads, idle.threads);
     EXPECT_LE(loaded.rssKb, idle.rssKb + idle.rssKb / 10) << idle.rssKb;
+    // Stopped while SIPp still calls: within its bound (no un-REGISTER to wait for, so 1 s).
+    ASSERT_TRUE(start<test::SippRunner>(test::SippOptions{"call_in_load.xml", ua->localAddress(TransportKind::Udp).toString(),
+                                                          kCalls, 30s, {"-r", std::to_string(kOffered), "-d", "200"}}));
+    ASSERT_TRUE(waitFor([&] { return ua->load().calls >= 5; }, 10s));
+    const auto stopping = std::chrono::steady_clock::now();
+    ua->shutdown();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopping, 1s);
     EXPECT_EQ(loaded.completed + loaded.refused, kCalls);
     EXPECT_GE(loaded.completed, kCapacity * kCalls / kOffered * 9 / 10) << loaded.refused << " refused";
     EXPECT_GT(loaded.refused, kCalls / 4);
