@@ -450,7 +450,9 @@ TEST_F(CallSippTest, AtTwiceItsCapacityCompletesCallsAtCapacityRefusesTheRestRet
     const Outcome idle = burst(kCalls);
     const Outcome loaded = burst(kCalls);
     EXPECT_LE(loaded.threads, idle.threads);
-    if (kMemoryMeasurable) EXPECT_LE(loaded.rssKb, idle.rssKb + idle.rssKb / 10) << idle.rssKb;
+    if (kMemoryMeasurable) {
+        EXPECT_LE(loaded.rssKb, idle.rssKb + idle.rssKb / 10) << idle.rssKb;
+    }
     // Stopped while SIPp still calls: within its bound (no un-REGISTER to wait for, so 1 s).
     ASSERT_TRUE(start<test::SippRunner>(test::SippOptions{"call_in_load.xml", ua->localAddress(TransportKind::Udp).toString(),
                                                           kCalls, 30s, {"-r", std::to_string(kOffered), "-d", "200"}}));
