@@ -144,6 +144,7 @@ void SipTransactionLayer::failClient(const std::string& key, const char* why) {
     loop_.cancel(c.retransmitTimer);
     loop_.cancel(c.timeoutTimer);
     clients_.erase(it);
+    noteRemoval();
     if (callback) callback(nullptr);
 }
 
@@ -170,7 +171,10 @@ void SipTransactionLayer::finishClient(const std::string& key, Client& c) {
     c.retransmitTimer = c.timeoutTimer = 0;
     // Over UDP the transaction lingers to absorb retransmitted answers.
     const int64_t linger = c.target.kind == TransportKind::Udp ? 32000 : 0;
-    schedule(linger, [this, key] { clients_.erase(key); });
+    schedule(linger, [this, key] {
+        clients_.erase(key);
+        noteRemoval();
+    });
 }
 
 void SipTransactionLayer::handleResponse(const SipMessage& response, const SipTarget& source) {
@@ -230,6 +234,10 @@ void SipTransactionLayer::handleTransportError(const SipTarget& target) {
         log::warn(kTag, "transport failure for " + key);
         failClient(key, nullptr);
     }
+}
+
+void SipTransactionLayer::noteRemoval() {
+    if (idleHandler_ && clients_.empty() && servers_.empty()) idleHandler_();
 }
 
 }  // namespace kelsip

@@ -48,6 +48,8 @@ public:
     // With this many server transactions alive, a new request (other than
     // BYE and CANCEL, which end things) is answered 503 with Retry-After
     // without a transaction of its own.
+    // Called when the last transaction, client or server, has gone.
+    void setIdleHandler(std::function<void()> handler) { idleHandler_ = std::move(handler); }
     void setServerLimit(size_t maxTransactions, int retryAfterSeconds) {
         maxServers_ = maxTransactions;
         retryAfterSeconds_ = retryAfterSeconds;
@@ -88,6 +90,7 @@ private:
     struct Server;
 
     void finishClient(const std::string& key, Client& c);
+    void noteRemoval();
     void failClient(const std::string& key, const char* why);
     void sendAckForFailure(Client& c, const SipMessage& response);
     void finishServer(const std::string& key, Server& s, int64_t lingerMs);
@@ -98,6 +101,7 @@ private:
     TransactionTimers timers_;
     RequestHandler requestHandler_;
     StrayResponseHandler strayHandler_;
+    std::function<void()> idleHandler_;
     std::unordered_map<std::string, std::unique_ptr<Client>> clients_;
     std::unordered_map<std::string, std::unique_ptr<Server>> servers_;
     size_t maxServers_ = SIZE_MAX;

@@ -33,7 +33,10 @@ void SipTransactionLayer::finishServer(const std::string& key, Server& s, int64_
     loop_.cancel(s.retransmitTimer);
     loop_.cancel(s.noAckTimer);
     s.retransmitTimer = s.noAckTimer = 0;
-    schedule(lingerMs, [this, key] { servers_.erase(key); });
+    schedule(lingerMs, [this, key] {
+        servers_.erase(key);
+        noteRemoval();
+    });
 }
 
 void SipTransactionLayer::handleRequest(const SipMessage& request, const SipTarget& source) {
@@ -120,6 +123,7 @@ bool SipTransactionLayer::sendResponse(const std::string& key, const SipMessage&
         log::warn(kTag, "no ACK received for final response");
         loop_.cancel(found->second->retransmitTimer);
         servers_.erase(found);
+        noteRemoval();
     });
     return sent;
 }

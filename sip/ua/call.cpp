@@ -6,7 +6,6 @@
 #include "media/session/telephone_event.h"
 #include "sip/syntax/address.h"
 #include "sip/core/log.h"
-#include "sip/core/system.h"
 #include "sip/syntax/text.h"
 #include "sip/ua/calls.h"
 
@@ -136,9 +135,7 @@ void Calls::endCall(Call& call, int code, const std::string& reason) {
     // whoever is still holding a reference to the call finishes first.
     ctx_.loop->post([this, id] {
         calls_.erase(id);
-        // The last call gone: what the calls took (media sessions, buffers)
-        // goes back to the system rather than staying with the process.
-        if (calls_.empty()) platform::releaseFreeMemory();
+        if (calls_.empty()) ctx_.releaseMemoryIfIdle();
     });
 }
 

@@ -156,6 +156,12 @@ void UaContext::respond(const std::string& key, const SipMessage& request, int c
     (void)transactions->sendResponse(key, answer);
 }
 
+void UaContext::releaseMemoryIfIdle() const {
+    if (transactions && (transactions->clientCount() > 0 || transactions->serverCount() > 0)) return;
+    if (liveCalls && liveCalls() > 0) return;
+    platform::releaseFreeMemory();
+}
+
 std::optional<SipUri> UaContext::completeTarget(const Line& line, const std::string& target) {
     std::string text = target;
     if (text.rfind("sip:", 0) != 0 && text.rfind("sips:", 0) != 0 && text.rfind("tel:", 0) != 0) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
@@ -79,6 +80,12 @@ public:
     [[nodiscard]] static std::optional<SipUri> completeTarget(const Line& line, const std::string& target);
     void respond(const std::string& key, const SipMessage& request, int code, std::string_view reason = {},
                  const std::vector<std::pair<std::string, std::string>>& extra = {});
+    // With no call and no transaction left, what a burst of them took
+    // (media sessions, buffers, answers kept for repeats) goes back to the
+    // system rather than staying with the process. Calls tell it when their
+    // last one is gone; the transaction layer when its last one is.
+    std::function<size_t()> liveCalls;
+    void releaseMemoryIfIdle() const;
 
     UserAgentConfig config;
     std::unique_ptr<EventLoop> loop;

@@ -42,6 +42,8 @@ bool UserAgent::Impl::start(std::string* error) {
         *ctx_.loop, [this](std::string_view text, const SipTarget& target) { return ctx_.sendText(text, target); },
         ctx_.config.timers);
     ctx_.transactions->setServerLimit(ctx_.config.maxServerTransactions, ctx_.config.overloadRetryAfterSeconds);
+    ctx_.liveCalls = [this] { return calls_.count(); };
+    ctx_.transactions->setIdleHandler([this] { ctx_.releaseMemoryIfIdle(); });
     ctx_.transactions->setRequestHandler(
         [this](const std::string& key, const SipMessage& m, const SipTarget& source) { onRequest(key, m, source); });
     ctx_.transactions->setStrayResponseHandler(
