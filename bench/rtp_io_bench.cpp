@@ -34,6 +34,23 @@ std::vector<uint8_t> packet() {
     return p;
 }
 
+// `state.range(0)` sessions on loopback feeding `sink`, and where to send to each.
+bool openSessions(benchmark::State& state, const std::shared_ptr<kelsip::RtpIoService>& io, CountingSink& sink,
+                  std::vector<std::unique_ptr<kelsip::RtpSession>>& sessions, std::vector<SocketAddress>& targets) {
+    const auto loopback = SocketAddress::loopback(kelsip::net::AddressFamily::V4);
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        auto s = std::make_unique<kelsip::RtpSession>(io, kelsip::RtpSessionOptions{loopback, false, true, 8000});
+        if (!s->bind(loopback)) {
+            state.SkipWithError("cannot bind an RTP session");
+            return false;
+        }
+        s->attach(&sink);
+        targets.push_back(SocketAddress::loopback(kelsip::net::AddressFamily::V4, s->localPort()));
+        sessions.push_back(std::move(s));
+    }
+    return true;
+}
+
 void BM_RtpWorkerPackets(benchmark::State& state) {
     kelsip::log::setLevel(kelsip::LogLevel::Warn);  // one latching line per session is noise here
     const auto loopback = SocketAddress::loopback(kelsip::net::AddressFamily::V4);
@@ -41,16 +58,7 @@ void BM_RtpWorkerPackets(benchmark::State& state) {
     auto io = std::make_shared<kelsip::RtpIoService>();  // up to 16 sessions: one worker
     std::vector<std::unique_ptr<kelsip::RtpSession>> sessions;
     std::vector<SocketAddress> targets;
-    for (int64_t i = 0; i < state.range(0); ++i) {
-        auto s = std::make_unique<kelsip::RtpSession>(io, kelsip::RtpSessionOptions{loopback, false, true, 8000});
-        if (!s->bind(loopback)) {
-            state.SkipWithError("cannot bind an RTP session");
-            return;
-        }
-        s->attach(&sink);
-        targets.push_back(SocketAddress::loopback(kelsip::net::AddressFamily::V4, s->localPort()));
-        sessions.push_back(std::move(s));
-    }
+    if (!openSessions(state, io, sink, sessions, targets)) return;
     auto sender = kelsip::net::Socket::open(kelsip::net::AddressFamily::V4, kelsip::net::SocketType::Udp);
     (void)sender.bind(loopback);
     const auto bytes = packet();
@@ -88,16 +96,7 @@ void BM_RtpWorkerPaced(benchmark::State& state) {
     auto io = std::make_shared<kelsip::RtpIoService>();
     std::vector<std::unique_ptr<kelsip::RtpSession>> sessions;
     std::vector<SocketAddress> targets;
-    for (int64_t i = 0; i < state.range(0); ++i) {
-        auto s = std::make_unique<kelsip::RtpSession>(io, kelsip::RtpSessionOptions{loopback, false, true, 8000});
-        if (!s->bind(loopback)) {
-            state.SkipWithError("cannot bind an RTP session");
-            return;
-        }
-        s->attach(&sink);
-        targets.push_back(SocketAddress::loopback(kelsip::net::AddressFamily::V4, s->localPort()));
-        sessions.push_back(std::move(s));
-    }
+    if (!openSessions(state, io, sink, sessions, targets)) return;
     auto sender = kelsip::net::Socket::open(kelsip::net::AddressFamily::V4, kelsip::net::SocketType::Udp);
     (void)sender.bind(loopback);
     const auto bytes = packet();
