@@ -4,7 +4,6 @@
 #include <cmath>
 #include <numbers>
 #include <numeric>
-#include <stdexcept>
 
 namespace kelsoftphone {
 namespace {
@@ -67,13 +66,17 @@ float dot(const float* a, const float* b, size_t count) {
 
 }  // namespace
 
-Resampler::Resampler(const ResamplerConfig& config) : config_(config) {
+std::optional<Resampler> Resampler::create(const ResamplerConfig& config) {
     if (config.inRate == 0 || config.outRate == 0 || config.inChannels == 0 || config.outChannels == 0) {
-        throw std::invalid_argument("resampler: rates and channel counts must be positive");
+        return std::nullopt;
     }
     if (config.inChannels != config.outChannels && config.inChannels != 1 && config.outChannels != 1) {
-        throw std::invalid_argument("resampler: channels are mixed only to or from one");
+        return std::nullopt;
     }
+    return Resampler(config);
+}
+
+Resampler::Resampler(const ResamplerConfig& config) : config_(config) {
     filterChannels_ = std::min(config.inChannels, config.outChannels);
 
     const uint32_t divisor = std::gcd(config.inRate, config.outRate);

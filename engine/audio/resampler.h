@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace kelsoftphone {
@@ -24,9 +25,9 @@ struct ResamplerConfig {
 
 class Resampler {
 public:
-    // Throws std::invalid_argument for a zero rate or channel count, or for
-    // channel counts that are neither equal nor one of them 1.
-    explicit Resampler(const ResamplerConfig& config);
+    // Nothing for a zero rate or channel count, or for channel counts that
+    // are neither equal nor one of them 1.
+    [[nodiscard]] static std::optional<Resampler> create(const ResamplerConfig& config);
 
     // Appends to `out` every output frame that `inFrames` more input frames
     // complete. Samples in [-1, 1] are full scale.
@@ -44,6 +45,7 @@ public:
     [[nodiscard]] double delayFrames() const;
 
 private:
+    explicit Resampler(const ResamplerConfig& config);
     void filter(std::vector<float>& out);
 
     ResamplerConfig config_;

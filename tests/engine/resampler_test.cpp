@@ -21,10 +21,12 @@ std::vector<float> tone(double hz, double rate, size_t frames, uint32_t channels
 }
 
 std::vector<float> convert(const ResamplerConfig& config, const std::vector<float>& in, size_t block) {
-    Resampler resampler(config);
+    auto resampler = Resampler::create(config);
     std::vector<float> out;
     const size_t frames = in.size() / config.inChannels;
-    for (size_t at = 0; at < frames; at += block) resampler.process(in.data() + at * config.inChannels, std::min(block, frames - at), out);
+    for (size_t at = 0; resampler && at < frames; at += block) {
+        resampler->process(in.data() + at * config.inChannels, std::min(block, frames - at), out);
+    }
     return out;
 }
 
@@ -58,6 +60,9 @@ TEST(Resampler, ToneKeepsItsQualityAndAliasesStayOut) {
 }
 
 TEST(Resampler, OutputDependsNeitherOnBlockSizeNorDrifts) {
+    for (const ResamplerConfig refused : {ResamplerConfig{0, 8000, 1, 1}, ResamplerConfig{48000, 8000, 2, 3}}) {
+        EXPECT_FALSE(Resampler::create(refused));
+    }
     std::mt19937 random(7);
     std::uniform_real_distribution<float> noise(-1.0f, 1.0f);
     const ResamplerConfig configs[] = {{48000, 8000, 2, 1}, {8000, 48000, 1, 2}, {44100, 8000, 1, 1},
