@@ -121,6 +121,7 @@ void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirect
     config.call = call.id;
     config.codec = *call.codec;
     config.direction = ours;
+    config.jitter = ctx_.config.jitter;
     std::string error;
     auto media = MediaSession::create(config, std::move(call.rtp), &error);
     if (!media) {

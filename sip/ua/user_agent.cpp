@@ -243,7 +243,8 @@ bool UserAgent::start(std::string* error) {
     return impl_->start(error);
 }
 
-void UserAgent::shutdown(std::chrono::milliseconds wait) {
+bool UserAgent::shutdown(std::chrono::milliseconds wait) {
+    bool answered = true;
     const size_t sent = impl_->loop().invoke([this] { return impl_->shutdown(); });
     if (sent > 0 && impl_->ownsLoopThread()) {
         // One bound for every withdrawal: un-REGISTERs, un-SUBSCRIBEs and the
@@ -254,6 +255,7 @@ void UserAgent::shutdown(std::chrono::milliseconds wait) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         if (impl_->loop().invoke([this] { return impl_->pendingUnregisters(); })) {
+            answered = false;
             log::warn(kTag, "no answer to the un-REGISTER within " + std::to_string(wait.count()) + " ms");
         } else if (impl_->loop().invoke([this] { return impl_->pendingWithdrawals(); })) {
             log::warn(kTag, "no answer to the un-SUBSCRIBE or the PUBLISH removal within " +
@@ -261,6 +263,7 @@ void UserAgent::shutdown(std::chrono::milliseconds wait) {
         }
     }
     impl_->stop();
+    return answered;
 }
 
 int UserAgent::addLine(const LineConfig& config) {

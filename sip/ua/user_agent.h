@@ -11,6 +11,7 @@
 
 #include "sip/core/clock.h"
 #include "sip/net/socket_address.h"
+#include "media/session/jitter_buffer.h"
 #include "sip/ua/body/presence.h"
 #include "sip/transport/sip_target.h"
 #include "sip/transaction/transaction.h"
@@ -175,6 +176,8 @@ struct UserAgentConfig {
     int minSessionExpires = 90;
     // Offer RFC 4733 telephone-event; DTMF by INFO works either way.
     bool telephoneEvent = true;
+    // The calls' playout buffers.
+    JitterBufferConfig jitter;
     // Subscriptions: the shortest expiry we grant a watcher (a shorter one
     // gets 423) and the longest; a MESSAGE body above the limit gets 413.
     int minSubscriptionExpires = 60;
@@ -198,8 +201,9 @@ public:
     [[nodiscard]] bool start(std::string* error = nullptr);
     // Un-registers every registered line ("un-registering before shutdown"),
     // ends the subscriptions and removes the published presence, waits up
-    // to `wait` for the answers to all of them, then stops everything.
-    void shutdown(std::chrono::milliseconds wait = std::chrono::milliseconds(3000));
+    // to `wait` for the answers to all of them, then stops everything. False
+    // when an un-REGISTER was still unanswered at the end of the wait.
+    bool shutdown(std::chrono::milliseconds wait = std::chrono::milliseconds(3000));
 
     [[nodiscard]] int addLine(const LineConfig& config);
     [[nodiscard]] bool removeLine(int line);
