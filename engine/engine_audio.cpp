@@ -108,7 +108,7 @@ void SoftphoneEngine::Impl::onCapture(const int16_t* samples, size_t count) {
     if (gain != 1.0f) {
         gained_.resize(count);
         for (size_t i = 0; i < count; ++i) {
-            const float v = std::nearbyint(static_cast<float>(samples[i]) * gain);
+            const float v = std::round(static_cast<float>(samples[i]) * gain);
             gained_[i] = static_cast<int16_t>(std::clamp(v, -32768.0f, 32767.0f));
         }
         samples = gained_.data();

@@ -1,0 +1,226 @@
+// Two engines through the flat C interface on virtual sound devices, peer
+// to peer on loopback: a spoken sentence goes in on each side and is found
+// in what the other side plays; the call's recording holds both voices
+// although the recording phone's loudspeaker is muted; digits, a message,
+// the events' fields, and a rejected call.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <mutex>
+#include <numbers>
+#include <random>
+
+#include "engine/sdk/velmora_sdk.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+#include "support/wav.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kelsip::test::waitFor;
+
+struct Event {
+    int type, line, a, b, c;
+    char ch;
+    std::string s1, s2, s3;
+};
+
+// One phone: its engine, the events it reported, its microphone and loudspeaker.
+struct Phone {
+    explicit Phone(std::vector<int16_t> speech) : voice(std::move(speech)) {
+        velmora_config config;
+        velmora_config_init(&config);
+        config.bind_address = "127.0.0.1";
+        config.sip_port = 0;
+        engine = velmora_create_virtual(&config, &Phone::onEvent, this, &Phone::speak, &Phone::hear, this);
+    }
+    ~Phone() { velmora_destroy(engine); }
+
+    static void onEvent(const velmora_event* e, void* context) {
+        auto* p = static_cast<Phone*>(context);
+        const std::lock_guard lock(p->mutex);
+        p->events.push_back({e->type, e->line, e->a, e->b, e->c, e->ch, e->s1, e->s2, e->s3});
+    }
+    static void speak(int16_t* buffer, size_t count, void* context) {
+        auto* p = static_cast<Phone*>(context);
+        for (size_t i = 0; i < count; ++i) buffer[i] = p->voice[p->spoken++ % p->voice.size()];
+    }
+    static void hear(const int16_t* samples, size_t count, void* context) {
+        auto* p = static_cast<Phone*>(context);
+        const std::lock_guard lock(p->mutex);
+        p->heard.insert(p->heard.end(), samples, samples + count);
+    }
+
+    std::optional<Event> find(int type, const std::function<bool(const Event&)>& match = nullptr) {
+        const std::lock_guard lock(mutex);
+        for (const auto& e : events) {
+            if (e.type == type && (!match || match(e))) return e;
+        }
+        return std::nullopt;
+    }
+    std::optional<Event> waitEvent(int type, const std::function<bool(const Event&)>& match = nullptr) {
+        std::optional<Event> found;
+        (void)waitFor([&] { return (found = find(type, match)).has_value(); }, 10s);
+        return found;
+    }
+    size_t heardSamples() {
+        const std::lock_guard lock(mutex);
+        return heard.size();
+    }
+    std::string address() {
+        char buffer[256];
+        return velmora_local_address(engine, buffer, sizeof buffer) > 0 ? buffer : "";
+    }
+
+    velmora_engine* engine = nullptr;
+    std::vector<int16_t> voice;
+    size_t spoken = 0;  // the device thread's
+    std::mutex mutex;
+    std::vector<Event> events;
+    std::vector<int16_t> heard;
+};
+
+// A sentence spoken by espeak-ng at 8000 Hz; where programs cannot be
+// started (Windows), a tune of short tones that is just as distinct.
+std::vector<int16_t> voice(const std::filesystem::path& dir, const std::string& sentence, unsigned seed) {
+    if (kelsip::test::Process::supported()) {
+        const auto raw = dir / ("raw" + std::to_string(seed) + ".wav");
+        const auto wav = dir / ("voice" + std::to_string(seed) + ".wav");
+        for (const auto& args : {std::vector<std::string>{"-w", raw.string(), sentence},
+                                 std::vector<std::string>{raw.string(), "-r", "8000", "-c", "1", "-b", "16", wav.string()}}) {
+            kelsip::test::Process p;
+            std::string error;
+            const bool espeak = args[0] == "-w";
+            if (!p.start({kelsip::test::Process::findProgram(espeak ? "espeak-ng" : "sox"), args, {}, {}, 2000ms},
+                         &error) ||
+                p.waitForExit(20s) != 0) {
+                ADD_FAILURE() << (espeak ? "espeak-ng" : "sox") << " failed: " << error << p.log();
+                return {};
+            }
+        }
+        auto audio = kelsip::test::readWav(wav);
+        return audio ? audio->samples : std::vector<int16_t>{};
+    }
+    std::vector<int16_t> tune;
+    std::mt19937 random(seed);
+    for (int note = 0; note < 30; ++note) {
+        const double hz = 300 + static_cast<double>(random() % 1200);
+        for (int n = 0; n < 800; ++n) {
+            tune.push_back(static_cast<int16_t>(6000 * std::sin(2 * std::numbers::pi * hz * n / 8000.0)));
+        }
+    }
+    return tune;
+}
+
+// How well the last six seconds of `heard` hold the voice: the best match
+// of any of five quarter-second stretches of it. The playout buffer may
+// stretch or shorten a pause now and then, so one long stretch could be cut
+// by an edit that is no fault; the voice must still be there intact.
+double correlation(const std::vector<int16_t>& heard, const std::vector<int16_t>& voice) {
+    const size_t keep = std::min<size_t>(heard.size(), 48000);
+    const std::span<const int16_t> tail(heard.data() + heard.size() - keep, keep);
+    double best = 0.0;
+    for (size_t part = 1; part <= 5; ++part) {
+        const size_t at = voice.size() * part / 7;
+        best = std::max(best, kelsip::test::bestCorrelation(tail, std::span(voice).subspan(at, 2000)).value);
+    }
+    return best;
+}
+
+TEST(VelmoraSdk, TwoPhonesTalkPeerToPeerThroughTheFlatInterface) {
+    EXPECT_STREQ(velmora_version(), "5.0.0");
+    kelsip::test::TempDir dir;
+    Phone alice(voice(dir.path(), "The quick brown fox jumps over the lazy dog near the river bank.", 1));
+    Phone bob(voice(dir.path(), "Seven wise owls count to nine while the kettle sings in the kitchen.", 2));
+    ASSERT_GT(alice.voice.size(), 16000U);
+    ASSERT_GT(bob.voice.size(), 16000U);
+    ASSERT_TRUE(velmora_start(alice.engine, "alice", "", "", "", "", "", "", VELMORA_TRANSPORT_UDP));
+    ASSERT_TRUE(velmora_start(bob.engine, "bob", "", "", "", "", "", "", VELMORA_TRANSPORT_UDP));
+
+    const int line = velmora_call(alice.engine, bob.address().c_str());
+    ASSERT_GT(line, 0);
+    const auto offered = bob.waitEvent(VELMORA_EVENT_INCOMING_CALL);
+    ASSERT_TRUE(offered);
+    EXPECT_EQ(offered->s1.rfind("sip:alice@127.0.0.1:", 0), 0U) << offered->s1;
+    const std::string recording = (dir.path() / "bob.wav").string();
+    ASSERT_TRUE(velmora_start_recording(bob.engine, recording.c_str()));
+    ASSERT_TRUE(velmora_mute_speaker(bob.engine, 1));
+    ASSERT_TRUE(velmora_answer(bob.engine, offered->line));
+
+    const auto connected = [](const Event& e) { return e.a == VELMORA_CALL_CONNECTED; };
+    const auto bobTalking = bob.waitEvent(VELMORA_EVENT_CALL_STATE, connected);
+    ASSERT_TRUE(bobTalking);
+    EXPECT_EQ(bobTalking->b, 200);
+    EXPECT_EQ(bobTalking->c, 1) << "bob's call is incoming";
+    ASSERT_TRUE(alice.waitEvent(VELMORA_EVENT_CALL_STATE, connected));
+    const auto media = alice.waitEvent(VELMORA_EVENT_CALL_MEDIA);
+    ASSERT_TRUE(media);
+    EXPECT_EQ(media->line, line);
+    EXPECT_EQ(media->c & VELMORA_MEDIA_RUNNING, VELMORA_MEDIA_RUNNING);
+    EXPECT_EQ(media->s1, "PCMU/8000");
+    const auto audio = alice.waitEvent(VELMORA_EVENT_AUDIO_STATE);
+    ASSERT_TRUE(audio);
+    EXPECT_EQ(audio->a, 1);
+    EXPECT_EQ(audio->s1, "virtual (no hardware)");
+
+    // Long enough for both sentences to have crossed whole.
+    const size_t start = alice.heardSamples();
+    ASSERT_TRUE(waitFor([&] { return alice.heardSamples() > start + std::max(alice.voice.size(), bob.voice.size()) + 16000; }, 30s));
+    ASSERT_TRUE(velmora_send_dtmf(alice.engine, line, '5'));
+    const auto digit = bob.waitEvent(VELMORA_EVENT_DTMF);
+    ASSERT_TRUE(digit);
+    EXPECT_EQ(digit->ch, '5');
+    ASSERT_GT(velmora_send_message(alice.engine, bob.address().c_str(), "lunch?", ""), 0);
+    const auto message = bob.waitEvent(VELMORA_EVENT_MESSAGE);
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->line, -1);
+    EXPECT_EQ(message->s2, "lunch?");
+    EXPECT_EQ(message->s3, "text/plain");
+
+    ASSERT_TRUE(velmora_hangup(bob.engine, 0));
+    const auto ended = [](const Event& e) { return e.a == VELMORA_CALL_TERMINATED; };
+    ASSERT_TRUE(alice.waitEvent(VELMORA_EVENT_CALL_STATE, ended));
+    ASSERT_TRUE(bob.waitEvent(VELMORA_EVENT_CALL_STATE, ended));
+    ASSERT_TRUE(velmora_stop_recording(bob.engine));
+    const auto saved = bob.waitEvent(VELMORA_EVENT_RECORDING);
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(saved->a, 1);
+    EXPECT_EQ(saved->s1, recording);
+
+    // Each heard the other; bob's muted loudspeaker played nothing.
+    EXPECT_GT(correlation(alice.heard, bob.voice), 0.95) << "alice did not hear bob";
+    {
+        const std::lock_guard lock(bob.mutex);
+        EXPECT_EQ(kelsip::test::rms(bob.heard), 0.0) << "a muted loudspeaker played";
+    }
+    const auto file = kelsip::test::readWav(recording);
+    ASSERT_TRUE(file);
+    EXPECT_GT(correlation(file->samples, bob.voice), 0.5) << "the recording lacks bob's own voice";
+    EXPECT_GT(correlation(file->samples, alice.voice), 0.5) << "the recording lacks alice's voice";
+
+    // A rejected call ends with 486 on the caller's side.
+    const int second = velmora_call(alice.engine, bob.address().c_str());
+    ASSERT_GT(second, 0);
+    const auto ringing = bob.waitEvent(VELMORA_EVENT_INCOMING_CALL, [&](const Event& e) { return e.line != offered->line; });
+    ASSERT_TRUE(ringing);
+    ASSERT_TRUE(velmora_reject(bob.engine, ringing->line));
+    const auto refused = alice.waitEvent(VELMORA_EVENT_CALL_STATE,
+                                         [&](const Event& e) { return e.line == second && e.a == VELMORA_CALL_TERMINATED; });
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->b, 486);
+}
+
+TEST(VelmoraSdk, ANullHandleIsRefusedEverywhere) {
+    char buffer[8];
+    EXPECT_EQ(velmora_start(nullptr, "a", "", "", "", "", "", "", 1), 0);
+    EXPECT_EQ(velmora_call(nullptr, "bob"), 0);
+    EXPECT_EQ(velmora_answer(nullptr, 1) + velmora_hangup(nullptr, 1) + velmora_hold(nullptr, 1) +
+                  velmora_mute_microphone(nullptr, 1) + velmora_start_recording(nullptr, "x.wav") +
+                  velmora_local_address(nullptr, buffer, sizeof buffer),
+              0);
+    velmora_destroy(nullptr);
+}
+
+}  // namespace
