@@ -10,7 +10,7 @@
 #include <numbers>
 #include <random>
 
-#include "engine/sdk/velmora_sdk.h"
+#include "support/sdk_phone.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"
@@ -19,68 +19,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kelsip::test::Event;
+using kelsip::test::Phone;
 using kelsip::test::waitFor;
-
-struct Event {
-    int type, line, a, b, c;
-    char ch;
-    std::string s1, s2, s3;
-};
-
-// One phone: its engine, the events it reported, its microphone and loudspeaker.
-struct Phone {
-    explicit Phone(std::vector<int16_t> speech) : voice(std::move(speech)) {
-        velmora_config config;
-        velmora_config_init(&config);
-        config.bind_address = "127.0.0.1";
-        config.sip_port = 0;
-        engine = velmora_create_virtual(&config, &Phone::onEvent, this, &Phone::speak, &Phone::hear, this);
-    }
-    ~Phone() { velmora_destroy(engine); }
-
-    static void onEvent(const velmora_event* e, void* context) {
-        auto* p = static_cast<Phone*>(context);
-        const std::lock_guard lock(p->mutex);
-        p->events.push_back({e->type, e->line, e->a, e->b, e->c, e->ch, e->s1, e->s2, e->s3});
-    }
-    static void speak(int16_t* buffer, size_t count, void* context) {
-        auto* p = static_cast<Phone*>(context);
-        for (size_t i = 0; i < count; ++i) buffer[i] = p->voice[p->spoken++ % p->voice.size()];
-    }
-    static void hear(const int16_t* samples, size_t count, void* context) {
-        auto* p = static_cast<Phone*>(context);
-        const std::lock_guard lock(p->mutex);
-        p->heard.insert(p->heard.end(), samples, samples + count);
-    }
-
-    std::optional<Event> find(int type, const std::function<bool(const Event&)>& match = nullptr) {
-        const std::lock_guard lock(mutex);
-        for (const auto& e : events) {
-            if (e.type == type && (!match || match(e))) return e;
-        }
-        return std::nullopt;
-    }
-    std::optional<Event> waitEvent(int type, const std::function<bool(const Event&)>& match = nullptr) {
-        std::optional<Event> found;
-        (void)waitFor([&] { return (found = find(type, match)).has_value(); }, 10s);
-        return found;
-    }
-    size_t heardSamples() {
-        const std::lock_guard lock(mutex);
-        return heard.size();
-    }
-    std::string address() {
-        char buffer[256];
-        return velmora_local_address(engine, buffer, sizeof buffer) > 0 ? buffer : "";
-    }
-
-    velmora_engine* engine = nullptr;
-    std::vector<int16_t> voice;
-    size_t spoken = 0;  // the device thread's
-    std::mutex mutex;
-    std::vector<Event> events;
-    std::vector<int16_t> heard;
-};
 
 // A sentence spoken by espeak-ng at 8000 Hz; where programs cannot be
 // started (Windows), a tune of short tones that is just as distinct.
