@@ -192,6 +192,25 @@ TEST_F(EngineTest, OnlyTheMessageSummaryPackageReachesTheVoicemailBox) {
     EXPECT_EQ(events->all(), std::vector<std::string>{"voicemail 1 3/7 sip:box@example.com"});
 }
 
+TEST(EngineDevice, TheVirtualDeviceKeepsTheClocksPaceInBlocksOf80) {
+    std::atomic<int> blocks{0}, played{0}, wrongSize{0};
+    std::atomic<int16_t> heard{0};
+    VirtualAudioDevice device([](int16_t* b, size_t n) { std::fill_n(b, n, int16_t{7}); },
+                              [&](const int16_t* s, size_t) { heard = s[0], ++played; });
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(device.start(8000, [&](const int16_t* s, size_t n) { wrongSize += n != 80 || s[0] != 7, ++blocks; },
+                             [](int16_t* b, size_t n) { std::fill_n(b, n, int16_t{9}); }));
+    ASSERT_TRUE(waitFor([&] { return blocks >= 200; }, 10s));
+    // Deadlines are absolute: a late block is caught up, never run ahead of.
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 1980ms);
+    device.stop();
+    const int after = blocks;
+    EXPECT_EQ(wrongSize, 0);
+    EXPECT_EQ(heard, 9);
+    EXPECT_EQ(played, after);
+    EXPECT_EQ(blocks, after) << "a callback ran after stop returned";
+}
+
 TEST(EngineDevice, ADeviceThatWillNotStartIsReportedOnceForEachNeed) {
     auto events = std::make_shared<Events>();
     SoftphoneEngine engine(SoftphoneConfig{}, events, std::make_shared<HandDevice>(false));
