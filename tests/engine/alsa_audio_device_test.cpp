@@ -1,0 +1,385 @@
+// The ALSA device against a test PCM that keeps time like a card: blocks at
+// the card's pace, tones both ways, an xrun recovered, a missing device
+// retried. Built twice: as the tests, and with VELMORA_ALSA_TEST_PCM as the
+// PCM itself, an ALSA plugin the tests' configuration loads. ALSA's own null
+// PCM cannot stand in: it takes and gives frames as fast as asked and never
+// runs late.
+#ifdef VELMORA_ALSA_TEST_PCM
+
+#include <alsa/asoundlib.h>
+#include <alsa/pcm_external.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <numbers>
+#include <string>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Configured by "rate", "channels", "format", "tone" (what capture hears,
+// in Hz) and "file" (where playback's raw frames go).
+struct TestPcm {
+    snd_pcm_ioplug_t io{};
+    unsigned rate = 48000, channels = 2;
+    snd_pcm_format_t format = SND_PCM_FORMAT_S16_LE;
+    double tone = 1000;
+    std::string path;
+    std::FILE* out = nullptr;
+    int timer = -1;
+    bool running = false;
+    Clock::time_point started;
+    uint64_t toneFrame = 0;
+};
+
+TestPcm* self(snd_pcm_ioplug_t* io) { return static_cast<TestPcm*>(io->private_data); }
+
+int start(snd_pcm_ioplug_t* io) {
+    self(io)->running = true;
+    self(io)->started = Clock::now();
+    return 0;
+}
+
+int stopOrPrepare(snd_pcm_ioplug_t* io) {
+    self(io)->running = false;
+    return 0;
+}
+
+// The clock's position; an xrun once playback has played more than it was
+// given, or capture has more waiting than its buffer holds.
+snd_pcm_sframes_t pointer(snd_pcm_ioplug_t* io) {
+    TestPcm* p = self(io);
+    if (!p->running) return 0;
+    const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - p->started).count();
+    const auto played = static_cast<snd_pcm_uframes_t>(elapsed) * p->rate / 1000000;
+    const bool late = io->stream == SND_PCM_STREAM_PLAYBACK ? played > io->appl_ptr
+                                                            : played > io->appl_ptr + io->buffer_size;
+    if (late) {
+        snd_pcm_ioplug_set_state(io, SND_PCM_STATE_XRUN);
+        return -EPIPE;
+    }
+    return static_cast<snd_pcm_sframes_t>(played % io->buffer_size);
+}
+
+snd_pcm_sframes_t transfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas, snd_pcm_uframes_t offset,
+                           snd_pcm_uframes_t size) {
+    TestPcm* p = self(io);
+    char* frames = static_cast<char*>(areas[0].addr) + (areas[0].first + areas[0].step * offset) / 8;
+    const size_t sampleBytes = p->format == SND_PCM_FORMAT_FLOAT_LE ? 4 : 2;
+    if (io->stream == SND_PCM_STREAM_PLAYBACK) {
+        if (p->out != nullptr) std::fwrite(frames, sampleBytes * p->channels, size, p->out);
+        return static_cast<snd_pcm_sframes_t>(size);
+    }
+    for (snd_pcm_uframes_t n = 0; n < size; ++n, ++p->toneFrame) {
+        const double v = 0.5 * std::sin(2 * std::numbers::pi * p->tone * static_cast<double>(p->toneFrame) / p->rate);
+        for (unsigned c = 0; c < p->channels; ++c, frames += sampleBytes) {
+            if (sampleBytes == 4) *reinterpret_cast<float*>(frames) = static_cast<float>(v);
+            else *reinterpret_cast<int16_t*>(frames) = static_cast<int16_t>(v * 32767);
+        }
+    }
+    return static_cast<snd_pcm_sframes_t>(size);
+}
+
+// The timer ticks every 5 ms; each tick is a chance to move frames.
+int pollRevents(snd_pcm_ioplug_t* io, struct pollfd* pfd, unsigned int, unsigned short* revents) {
+    uint64_t ticks = 0;
+    const bool ticked = (pfd[0].revents & POLLIN) != 0 && ::read(self(io)->timer, &ticks, sizeof ticks) > 0;
+    *revents = !ticked ? 0 : io->stream == SND_PCM_STREAM_PLAYBACK ? POLLOUT : POLLIN;
+    return 0;
+}
+
+int closePcm(snd_pcm_ioplug_t* io) {
+    TestPcm* p = self(io);
+    if (p->out != nullptr) std::fclose(p->out);
+    ::close(p->timer);
+    delete p;
+    return 0;
+}
+
+const snd_pcm_ioplug_callback_t callbacks = [] {
+    snd_pcm_ioplug_callback_t c{};
+    c.start = start;
+    c.stop = stopOrPrepare;
+    c.prepare = stopOrPrepare;
+    c.pointer = pointer;
+    c.transfer = transfer;
+    c.close = closePcm;
+    c.poll_revents = pollRevents;
+    return c;
+}();
+
+int configure(TestPcm& p, snd_config_t* conf) {
+    snd_config_iterator_t i, next;
+    snd_config_for_each(i, next, conf) {
+        snd_config_t* node = snd_config_iterator_entry(i);
+        const char* id = nullptr;
+        long number = 0;
+        const char* text = nullptr;
+        if (snd_config_get_id(node, &id) < 0) continue;
+        const std::string key = id;
+        if (key == "comment" || key == "type" || key == "hint") continue;
+        if (snd_config_get_integer(node, &number) == 0) {
+            if (key == "rate") p.rate = static_cast<unsigned>(number);
+            else if (key == "channels") p.channels = static_cast<unsigned>(number);
+            else if (key == "tone") p.tone = static_cast<double>(number);
+            else return -EINVAL;
+        } else if (snd_config_get_string(node, &text) == 0) {
+            if (key == "format") p.format = snd_pcm_format_value(text);
+            else if (key == "file") p.path = text;
+            else return -EINVAL;
+        } else {
+            return -EINVAL;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+SND_PCM_PLUGIN_DEFINE_FUNC(velmoratest) {
+    (void)root;
+    auto* p = new TestPcm;
+    int err = configure(*p, conf);
+    p->timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    const itimerspec every5ms{{0, 5000000}, {0, 5000000}};
+    if (err < 0 || p->timer < 0 || ::timerfd_settime(p->timer, 0, &every5ms, nullptr) < 0) {
+        if (p->timer >= 0) ::close(p->timer);
+        delete p;
+        return err < 0 ? err : -errno;
+    }
+    if (stream == SND_PCM_STREAM_PLAYBACK && !p->path.empty()) p->out = std::fopen(p->path.c_str(), "wb");
+    p->io.version = SND_PCM_IOPLUG_VERSION;
+    p->io.name = "velmora test PCM";
+    p->io.poll_fd = p->timer;
+    p->io.poll_events = POLLIN;
+    p->io.callback = &callbacks;
+    p->io.private_data = p;
+    if ((err = snd_pcm_ioplug_create(&p->io, name, stream, mode)) < 0) {
+        closePcm(&p->io);
+        return err;
+    }
+    const unsigned access[] = {SND_PCM_ACCESS_RW_INTERLEAVED};
+    const unsigned formats[] = {static_cast<unsigned>(p->format)};
+    snd_pcm_ioplug_set_param_list(&p->io, SND_PCM_IOPLUG_HW_ACCESS, 1, access);
+    snd_pcm_ioplug_set_param_list(&p->io, SND_PCM_IOPLUG_HW_FORMAT, 1, formats);
+    snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_CHANNELS, p->channels, p->channels);
+    snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_RATE, p->rate, p->rate);
+    snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_PERIOD_BYTES, 64, 1 << 20);
+    snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_PERIODS, 2, 64);
+    *pcmp = p->io.pcm;
+    return 0;
+}
+
+SND_PCM_PLUGIN_SYMBOL(velmoratest)
+
+}  // extern "C"
+
+#else  // the tests
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <numbers>
+
+#include "engine/audio/alsa_audio_device.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+#include "support/wav.h"
+
+namespace kelsoftphone {
+namespace {
+
+using namespace std::chrono_literals;
+using kelsip::test::waitFor;
+using Samples = std::vector<int16_t>;
+
+struct Card {
+    const char* pcm;
+    const char* format;  // as the description gives it
+    uint32_t rate, channels;
+    bool isFloat;
+};
+const Card kCards[] = {
+    {"velmora_f32", "48000 Hz x2 f32", 48000, 2, true},
+    {"velmora_s16", "44100 Hz x1 s16", 44100, 1, false},
+};
+
+kelsip::test::TempDir& folder() {
+    static kelsip::test::TempDir dir("velmora-alsa");
+    return dir;
+}
+
+// The test PCMs on top of the system's configuration. ALSA reads its
+// configuration once, at the process's first PCM, so before any device.
+[[maybe_unused]] const bool configured = [] {
+    std::string text = "</usr/share/alsa/alsa.conf>\npcm_type.velmoratest { lib \"" VELMORA_ALSA_TEST_PCM_LIB "\" }\n";
+    for (const Card& card : kCards) {
+        text += std::string("pcm.") + card.pcm + " { type velmoratest rate " + std::to_string(card.rate) + " channels " +
+                std::to_string(card.channels) + " format " + (card.isFloat ? "FLOAT_LE" : "S16_LE") + " tone 1000 file \"" +
+                folder().file(std::string(card.pcm) + ".raw").string() + "\" hint { show on description \"Test card\" } }\n";
+    }
+    const auto path = folder().file("alsa.conf");
+    return kelsip::test::writeTextFile(path, text) && ::setenv("ALSA_CONFIG_PATH", path.c_str(), 1) == 0;
+}();
+
+// What the device did, as its functions and its log saw it.
+struct Recorder {
+    std::atomic<int> captured{0}, played{0}, wrongSizes{0};
+    std::mutex mutex;
+    Samples heard;
+    std::vector<std::string> lines;
+    std::atomic<int> stallAt{-1};  // the playout block that holds its thread 200 ms
+
+    void start(AlsaAudioDevice& device, double playedTone = 600) {
+        device.setLog([this](const std::string& line) {
+            const std::lock_guard lock(mutex);
+            lines.push_back(line);
+        });
+        ASSERT_TRUE(device.start(
+            8000,
+            [this](const int16_t* samples, size_t count) {
+                if (count != 80) ++wrongSizes;
+                const std::lock_guard lock(mutex);
+                heard.insert(heard.end(), samples, samples + count);
+                ++captured;
+            },
+            [this, playedTone](int16_t* buffer, size_t count) {
+                if (count != 80) ++wrongSizes;
+                const int block = played++;
+                for (size_t i = 0; i < count; ++i) {
+                    const double n = static_cast<double>(static_cast<size_t>(block) * count + i);
+                    buffer[i] = static_cast<int16_t>(8000 * std::sin(2 * std::numbers::pi * playedTone * n / 8000));
+                }
+                // A stall of the call's side, not a wait for a result.
+                if (block == stallAt) std::this_thread::sleep_for(200ms);
+            }));
+    }
+    [[nodiscard]] int linesWith(const std::string& text) {
+        const std::lock_guard lock(mutex);
+        return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                              [&](const std::string& l) { return l.find(text) != std::string::npos; }));
+    }
+};
+
+// Blocks a second while `count` grows by `blocks`.
+double blocksPerSecond(const std::atomic<int>& count, int blocks) {
+    const int from = count;
+    const auto begin = std::chrono::steady_clock::now();
+    if (!waitFor([&] { return count >= from + blocks; }, 5s)) return 0;
+    return blocks / std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+// The raw playback file as 16-bit mono.
+Samples playedFile(const Card& card) {
+    const std::string raw = kelsip::test::readTextFile(folder().file(std::string(card.pcm) + ".raw"));
+    Samples mono;
+    const size_t sampleBytes = card.isFloat ? 4 : 2, frameBytes = sampleBytes * card.channels;
+    for (size_t at = 0; at + frameBytes <= raw.size(); at += frameBytes) {
+        double sum = 0;
+        for (size_t c = 0; c < card.channels; ++c) {
+            float f = 0;
+            int16_t s = 0;
+            if (card.isFloat) std::memcpy(&f, raw.data() + at + c * 4, 4), sum += static_cast<double>(f) * 32767;
+            else std::memcpy(&s, raw.data() + at + c * 2, 2), sum += s;
+        }
+        mono.push_back(static_cast<int16_t>(sum / card.channels));
+    }
+    return mono;
+}
+
+TEST(AlsaAudioDevice, BlocksFlowAtTheCardsPace) {
+    for (const Card& card : kCards) {
+        AlsaAudioDevice device({card.pcm, card.pcm, 20});
+        Recorder r;
+        r.start(device);
+        const std::string format = "\" " + std::string(card.format) + ", period 20 ms, buffer 60 ms";
+        const std::string both = std::string("playout \"") + card.pcm + format + "; capture \"" + card.pcm + format;
+        EXPECT_TRUE(waitFor([&] { return device.description() == both; }, 2s)) << device.description();
+        // 100 a second: a 2x error or a busy loop falls far outside.
+        EXPECT_NEAR(blocksPerSecond(r.captured, 150), 100, 20) << card.pcm;
+        EXPECT_NEAR(blocksPerSecond(r.played, 150), 100, 20) << card.pcm;
+        device.stop();
+        EXPECT_EQ(r.wrongSizes, 0);
+        EXPECT_EQ(device.glitches(), 0) << card.pcm;
+    }
+}
+
+TEST(AlsaAudioDevice, TonesPassBothWaysAtTheCardsFormat) {
+    for (const Card& card : kCards) {
+        AlsaAudioDevice device({card.pcm, card.pcm, 20});
+        Recorder r;
+        r.start(device, 600);
+        ASSERT_TRUE(waitFor([&] { return r.captured >= 100 && r.played >= 100; }, 5s)) << card.pcm;
+        device.stop();
+        const int captured = r.captured, played = r.played;
+        EXPECT_EQ(r.captured, captured) << "no capture after stop";
+        EXPECT_EQ(r.played, played) << "no playout after stop";
+
+        const Samples heard(r.heard.end() - 4000, r.heard.end());  // past the converter's onset
+        EXPECT_NEAR(kelsip::test::dominantFrequency(heard, 8000, 100, 3900), 1000, 10) << card.pcm;
+        EXPECT_GT(kelsip::test::toneShare(heard, 1000, 8000), 0.9) << card.pcm;
+
+        const Samples written = playedFile(card);
+        ASSERT_GT(written.size(), card.rate / 2) << card.pcm;
+        const Samples tail(written.end() - card.rate / 4, written.end());
+        EXPECT_NEAR(kelsip::test::dominantFrequency(tail, card.rate, 100, 3900), 600, 10) << card.pcm;
+        EXPECT_GT(kelsip::test::toneShare(tail, 600, card.rate), 0.9) << card.pcm;
+        EXPECT_GT(kelsip::test::rms(tail), 3000) << card.pcm;
+    }
+}
+
+TEST(AlsaAudioDevice, StallLongerThanTheBufferIsAnXrunRecovered) {
+    AlsaAudioDevice device({"velmora_s16", "velmora_s16", 20});
+    Recorder r;
+    r.stallAt = 30;
+    r.start(device);
+    ASSERT_TRUE(waitFor([&] { return r.played > 30; }, 3s));
+    EXPECT_TRUE(waitFor([&] { return device.glitches() >= 1 && r.linesWith("playout xrun") >= 1; }, 2s));
+    EXPECT_NEAR(blocksPerSecond(r.played, 100), 100, 20);
+    EXPECT_NEAR(blocksPerSecond(r.captured, 100), 100, 20);
+    EXPECT_EQ(r.linesWith("playout xrun"), 1);
+    EXPECT_EQ(r.linesWith("error"), 0);
+}
+
+TEST(AlsaAudioDevice, MissingDeviceIsRetriedUntilStopped) {
+    AlsaAudioDevice device({"velmora_missing", "velmora_missing", 20});
+    Recorder r;
+    r.start(device);
+    const std::string failure = "playout \"velmora_missing\" cannot open: snd_pcm_open: ";
+    ASSERT_TRUE(waitFor([&] { return r.linesWith(failure) >= 2 && r.linesWith("capture \"velmora_missing\" cannot open") >= 2; }, 3s));
+    EXPECT_EQ(device.description(), "playout \"velmora_missing\" not open; capture \"velmora_missing\" not open");
+    // Stopping just after a failure: the retry's wait must not hold it.
+    ASSERT_TRUE(waitFor([&] { return r.linesWith(failure) >= 3; }, 2s));
+    const auto begin = std::chrono::steady_clock::now();
+    device.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 300ms);
+    EXPECT_FALSE(device.running());
+    EXPECT_EQ(r.captured + r.played, 0);
+}
+
+TEST(AlsaAudioDevice, ListNamesPlayoutAndCaptureDevices) {
+    const std::vector<std::string> lines = listAlsaDevices();
+    const auto at = [&](const std::string& line) { return std::find(lines.begin(), lines.end(), line) - lines.begin(); };
+    const auto capture = at("capture:");
+    ASSERT_EQ(at("playout:"), 0);
+    ASSERT_LT(capture, static_cast<long>(lines.size()));
+    for (const std::string name : {"  velmora_f32 - Test card", "  default  [default]"}) {
+        EXPECT_LT(at(name), capture) << name;
+        EXPECT_LT(std::find(lines.begin() + capture, lines.end(), name), lines.end()) << name;
+    }
+}
+
+}  // namespace
+}  // namespace kelsoftphone
+
+#endif
