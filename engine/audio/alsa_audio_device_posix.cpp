@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -19,6 +21,7 @@
 
 #include "engine/audio/alsa_audio_device.h"
 #include "engine/audio/format_converter.h"
+#include "sip/core/log.h"
 
 namespace kelsoftphone {
 
@@ -171,6 +174,18 @@ int startStream(Stream& s) {
     std::fill(s.frames.begin(), s.frames.end(), uint8_t{0});  // zero is silence in f32 and s16
     const snd_pcm_sframes_t written = ::snd_pcm_writei(s.pcm.get(), s.frames.data(), prime);
     return written < 0 ? static_cast<int>(written) : 0;
+}
+
+// ALSA prints its own complaints to standard error (an unknown PCM on
+// every retry, say); they go to the log instead, at debug level, so that a
+// terminal front end is not written over. Our own lines say what failed.
+__attribute__((format(printf, 5, 6))) void alsaError(const char*, int, const char*, int, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    kelsip::log::debug("audio", std::string("ALSA: ") + text);
 }
 
 }  // namespace
@@ -373,7 +388,10 @@ bool AlsaAudioDevice::Impl::waitStopped(int ms) const {
 }
 
 AlsaAudioDevice::AlsaAudioDevice(SystemAudioOptions options)
-    : impl_(std::make_unique<Impl>(*this, std::move(options))) {}
+    : impl_(std::make_unique<Impl>(*this, std::move(options))) {
+    static std::once_flag quiet;
+    std::call_once(quiet, [] { snd_lib_error_set_handler(&alsaError); });
+}
 
 AlsaAudioDevice::~AlsaAudioDevice() { stop(); }
 

@@ -160,7 +160,7 @@ TEST_F(EngineTest, GainIsClampedAndMuteSilencesTheRecordedMicrophone) {
     EXPECT_TRUE(events->has("recording 1 " + table));
 }
 
-TEST_F(EngineTest, SpeakerMuteSilencesTheLoudspeakerButNotTheRecording) {
+TEST_F(EngineTest, AMutedSpeakerSilencesTheAudioTestToo) {
     auto impl = std::make_shared<SoftphoneEngine::Impl>(SoftphoneConfig{}, events, nullptr);
     impl->audioTest(true);
     std::vector<int16_t> in(1700, 3000), out(80, 1);
