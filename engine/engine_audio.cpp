@@ -15,6 +15,11 @@ namespace log = kelsip::log;
 void SoftphoneEngine::Impl::launch() {
     if (device_) {
         device_->setLog([](const std::string& line) { log::info(kEngineTag, "audio: " + line); });
+        // A stream that cannot be opened or is lost is news for the user
+        // once per start; the device keeps retrying and the log has the rest.
+        device_->setFailureReport([this](const std::string& line) {
+            if (!deviceFailureReported_.exchange(true)) listener_->onAudioError(line);
+        });
     }
     // Joined by shutdown, which the facade runs before it lets go of us.
     audioThread_ = std::thread([this] { audioControlLoop(); });
@@ -55,6 +60,7 @@ void SoftphoneEngine::Impl::audioControlLoop() {
         const uint64_t generation = controlGeneration_;
         lock.unlock();
         if (wanted) {
+            deviceFailureReported_ = false;
             const bool ok = device_ && device_->start(
                                            kMediaRate, [this](const int16_t* s, size_t n) { onCapture(s, n); },
                                            [this](int16_t* s, size_t n) { onPlayout(s, n); });

@@ -126,6 +126,7 @@ private:
     bool shuttingDown_ = false;
     bool audioWanted_ = false;
     bool audioRunning_ = false;
+    std::atomic<bool> deviceFailureReported_{false};
     uint64_t controlGeneration_ = 0;  // bumped by every wake
     std::thread audioThread_;
     mutable std::mutex descriptionMutex_;

@@ -218,6 +218,7 @@ struct AlsaAudioDevice::Impl {
         described[s.direction == Direction::Playout ? 0 : 1] = describe(s);
     }
     void log(const std::string& line) const { owner.log(line); }
+    void fail(const std::string& line) const { owner.logFailure(line); }
 
     AlsaAudioDevice& owner;
     SystemAudioOptions options;
@@ -260,7 +261,7 @@ void AlsaAudioDevice::Impl::run(Direction direction, uint32_t mediaRate, const C
             // the log hears of it at first and then every minute.
             ++failures;
             if (failures <= 3 || failures % 120 == 0)
-                log(prefix + " cannot open: " + error + (failures > 1 ? ", attempt " + std::to_string(failures) : ""));
+                fail(prefix + " cannot open: " + error + (failures > 1 ? ", attempt " + std::to_string(failures) : ""));
             if (waitStopped(kOpenRetryMs)) break;
             continue;
         }
@@ -284,7 +285,7 @@ bool AlsaAudioDevice::Impl::pump(Stream& s, const CaptureConverter::Deliver& del
     const int count = ::snd_pcm_poll_descriptors_count(pcm);
     std::vector<pollfd> fds(static_cast<size_t>(std::max(count, 0)) + 1);
     if (count <= 0 || ::snd_pcm_poll_descriptors(pcm, fds.data(), static_cast<unsigned>(count)) != count) {
-        log(std::string(directionName(s.direction)) + " error: no poll descriptors");
+        fail(std::string(directionName(s.direction)) + " error: no poll descriptors");
         return false;
     }
     fds[static_cast<size_t>(count)] = pollfd{wakeFd, POLLIN, 0};
@@ -299,13 +300,13 @@ bool AlsaAudioDevice::Impl::pump(Stream& s, const CaptureConverter::Deliver& del
         if (moved > 0) idlePolls = 0;
         const int ready = ::poll(fds.data(), fds.size(), kPollTimeoutMs);
         if (ready < 0 && errno != EINTR) {
-            log(std::string(directionName(s.direction)) + " error: poll failed");
+            fail(std::string(directionName(s.direction)) + " error: poll failed");
             return false;
         }
         if (fds.back().revents != 0) break;
         if (ready <= 0) {
             if (ready == 0 && moved == 0 && ++idlePolls >= kStuckPolls) {
-                log(std::string(directionName(s.direction)) + " error: no sound moved for 2 s");
+                fail(std::string(directionName(s.direction)) + " error: no sound moved for 2 s");
                 return false;
             }
             continue;
@@ -356,9 +357,9 @@ bool AlsaAudioDevice::Impl::recover(Stream& s, long err) {
         if (err >= 0) return true;
     }
     if (isRemoval(err)) {
-        log(direction + " device removed (" + ::snd_strerror(static_cast<int>(err)) + ")");
+        fail(direction + " device removed (" + ::snd_strerror(static_cast<int>(err)) + ")");
     } else {
-        log(direction + " error: " + ::snd_strerror(static_cast<int>(err)));
+        fail(direction + " error: " + ::snd_strerror(static_cast<int>(err)));
     }
     return false;
 }

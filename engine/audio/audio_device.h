@@ -41,14 +41,22 @@ public:
 
     // Set before start; lines arrive on the device's threads.
     void setLog(AudioLogFunction log) { log_ = std::move(log); }
+    // Also told of every line that says a stream failed (it cannot be
+    // opened, was lost, or stopped moving sound), after the log has it.
+    void setFailureReport(AudioLogFunction report) { failure_ = std::move(report); }
 
 protected:
     void log(const std::string& line) const {
         if (log_) log_(line);
     }
+    void logFailure(const std::string& line) const {
+        log(line);
+        if (failure_) failure_(line);
+    }
 
 private:
     AudioLogFunction log_;
+    AudioLogFunction failure_;
 };
 
 // Supplies microphone samples (fills `count`), and receives what is played.

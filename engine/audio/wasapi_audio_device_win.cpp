@@ -48,6 +48,7 @@ struct Direction {
 struct WasapiAudioDevice::Impl {
     SystemAudioOptions options;
     AudioLogFunction log;
+    AudioLogFunction fail;  // a stream failed: logged and reported
     // Manual reset: once stop sets it, every wait in both threads sees it.
     HANDLE stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     std::atomic<bool> running{false};
@@ -70,7 +71,7 @@ struct WasapiAudioDevice::Impl {
             std::string error;
             std::unique_ptr<WasapiStream> stream = WasapiStream::open(request, &error);
             if (!stream) {
-                log(error);
+                fail(error);
                 if (stopWithin(kRetryOpenMs)) break;
                 continue;
             }
@@ -82,7 +83,7 @@ struct WasapiAudioDevice::Impl {
             if (end == WasapiStream::End::Stopped) break;
             ++slot.glitches;
             const std::string direction = toString(request.direction);
-            log(end == WasapiStream::End::DeviceRemoved ? direction + " device removed" : direction + " error: " + error);
+            fail(end == WasapiStream::End::DeviceRemoved ? direction + " device removed" : direction + " error: " + error);
             if (stopWithin(kReopenMs)) break;
         }
         if (mmcss) AvRevertMmThreadCharacteristics(mmcss);
@@ -93,6 +94,7 @@ struct WasapiAudioDevice::Impl {
 WasapiAudioDevice::WasapiAudioDevice(SystemAudioOptions options) : impl_(std::make_unique<Impl>()) {
     impl_->options = std::move(options);
     impl_->log = [this](const std::string& line) { log(line); };
+    impl_->fail = [this](const std::string& line) { logFailure(line); };
 }
 
 WasapiAudioDevice::~WasapiAudioDevice() { stop(); }

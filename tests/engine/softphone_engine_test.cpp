@@ -43,6 +43,7 @@ public:
     std::string description() const override { return "hand"; }
     int64_t glitches() const override { return 0; }
 
+    void fail(const std::string& line) { logFailure(line); }
     bool waitRunning() {
         return waitFor([&] { return running_.load(); }, 5s);
     }
@@ -209,6 +210,20 @@ TEST(EngineDevice, TheVirtualDeviceKeepsTheClocksPaceInBlocksOf80) {
     EXPECT_EQ(heard, 9);
     EXPECT_EQ(played, after);
     EXPECT_EQ(blocks, after) << "a callback ran after stop returned";
+}
+
+TEST_F(EngineTest, AFailingStreamIsReportedOncePerStart) {
+    engine->audioTest(true);
+    ASSERT_TRUE(device->waitRunning());
+    device->fail("capture cannot open: No such device");
+    device->fail("capture cannot open: No such device, attempt 2");
+    engine->audioTest(false);
+    ASSERT_TRUE(waitFor([&] { return !device->running(); }, 5s));
+    engine->audioTest(true);
+    ASSERT_TRUE(device->waitRunning());
+    device->fail("playout device removed");
+    EXPECT_EQ(events->all(), (std::vector<std::string>{"audio error: capture cannot open: No such device",
+                                                       "audio error: playout device removed"}));
 }
 
 TEST(EngineDevice, ADeviceThatWillNotStartIsReportedOnceForEachNeed) {
