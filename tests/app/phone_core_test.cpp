@@ -1,0 +1,194 @@
+// The phone core: engine event sequences and the status and line texts,
+// notifications and call-log entries they must produce; then two cores on
+// virtual sound devices calling each other through real engines.
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "app/core/phone_core.h"
+#include "engine/sdk/velmora_sdk.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+
+namespace velphone {
+namespace {
+
+using namespace std::chrono_literals;
+using kelsip::test::waitFor;
+
+// Runs posted tasks on the test's thread when asked; a clock the test sets.
+struct TestPlatform final : PhonePlatform {
+    void post(std::function<void()> task) override {
+        const std::lock_guard lock(mutex);
+        tasks.push_back(std::move(task));
+    }
+    void changed() override {}
+    void notify(const std::string& title, const std::string& text) override { notices.push_back(title + ": " + text); }
+    int64_t nowMs() const override { return now; }
+    int64_t wallSeconds() const override { return wall; }
+    void runTasks() {
+        std::vector<std::function<void()>> ready;
+        {
+            const std::lock_guard lock(mutex);
+            ready.swap(tasks);
+        }
+        for (auto& t : ready) t();
+    }
+    std::mutex mutex;
+    std::vector<std::function<void()>> tasks;
+    std::vector<std::string> notices;
+    int64_t now = 1000;
+    int64_t wall = 1'700'000'000;
+};
+
+using E = PhoneCore::Event;
+
+struct Step {
+    E event;
+    std::string status;  // expected status text after it ("" = unchanged check skipped)
+    std::string line1;   // expected text of line 1
+};
+
+TEST(PhoneCoreEvents, SequencesGiveTheirTexts) {
+    struct Case {
+        const char* name;
+        bool dnd;
+        std::vector<Step> steps;
+        std::vector<std::string> notices;
+        std::vector<CallKind> log;
+    };
+    const E offer{VELMORA_EVENT_INCOMING_CALL, 5, 0, 0, 0, 0, "sip:bob@example.com", "Bob", ""};
+    const Case cases[] = {
+        {"registration",
+         false,
+         {{{1, 1, 1, 0, 0, 0, "", "", ""}, "Registering", ""},
+          {{1, 1, 2, 200, 0, 0, "OK", "", ""}, "\u25CF Registered", ""},
+          {{1, 1, 4, 403, 0, 0, "Forbidden", "", ""}, "Registration failed: Forbidden", ""},
+          {{1, 1, 3, 0, 0, 0, "", "", ""}, "Un-registering...", ""},
+          {{1, 1, 0, 0, 0, 0, "", "", ""}, "Not registered", ""}},
+         {},
+         {}},
+        {"missed call",
+         false,
+         {{offer, "", "Incoming call from Bob <sip:bob@example.com>"},
+          {{3, 5, VELMORA_CALL_TERMINATED, 487, 1, 0, "sip:bob@example.com", "Request Terminated", ""},
+           "Call ended: Request Terminated", "Call ended: Request Terminated"}},
+         {"Incoming call: Bob <sip:bob@example.com>", "Missed call: Bob"},
+         {CallKind::Missed}},
+        {"answered, secured, held both ways, ended",
+         false,
+         {{offer, "", "Incoming call from Bob <sip:bob@example.com>"},
+          {{3, 5, VELMORA_CALL_CONNECTED, 200, 1, 0, "", "OK", ""}, "", "Talking"},
+          {{4, 5, 0, 0, VELMORA_MEDIA_SECURE | VELMORA_MEDIA_RUNNING, 0, "PCMU/8000", "", ""}, "", "Talking SRTP"},
+          {{3, 5, VELMORA_CALL_ON_HOLD, 200, 1, 0, "", "", ""}, "", "On hold"},
+          {{3, 5, VELMORA_CALL_HELD_BY_PEER, 200, 1, 0, "", "", ""}, "", "Held by peer"},
+          {{3, 5, VELMORA_CALL_DISCONNECTING, 200, 1, 0, "", "", ""}, "", "Ending"},
+          {{3, 5, VELMORA_CALL_TERMINATED, 200, 1, 0, "", "", ""}, "Call ended", "Call ended"}},
+         {"Incoming call: Bob <sip:bob@example.com>"},
+         {CallKind::Incoming}},
+        {"do not disturb", true, {{offer, "Do not disturb: rejected", ""}}, {}, {}},
+        {"both lines busy",
+         false,
+         {{offer, "", "Incoming call from Bob <sip:bob@example.com>"},
+          {{2, 6, 0, 0, 0, 0, "sip:carol@example.com", "", ""}, "", "Incoming call from Bob <sip:bob@example.com>"},
+          {{2, 7, 0, 0, 0, 0, "sip:dave@example.com", "", ""}, "Both lines busy: rejected", ""},
+          // The rejected call's own end is not news and logs nothing.
+          {{3, 7, VELMORA_CALL_TERMINATED, 486, 1, 0, "", "Busy Here", ""}, "Both lines busy: rejected", ""}},
+         {"Incoming call: Bob <sip:bob@example.com>", "Incoming call: sip:carol@example.com"},
+         {}},
+        {"the other events",
+         false,
+         {{{5, 5, 0, 0, 0, '7', "", "", ""}, "DTMF received: 7", ""},
+          {{9, 5, 0, 100, 0, 0, "", "", ""}, "Transferring... (100)", ""},
+          {{9, 5, 0, 202, 0, 0, "", "", ""}, "Transfer completed", ""},
+          {{9, 5, 0, 486, 0, 0, "", "", ""}, "Transfer failed (486)", ""},
+          {{11, -1, 0, 0, 0, 0, "capture cannot open", "", ""}, "Audio error: capture cannot open", ""},
+          {{12, -1, 2, 8, 1, 0, "sip:box@example.com", "", ""}, "Voicemail: 2 new, 8 old", ""},
+          {{13, -1, 1, 0, 0, 0, "/tmp/call.wav", "", ""}, "Recording saved", ""},
+          {{6, -1, 0, 0, 0, 0, "sip:carol@example.com", "lunch?", "text/plain"}, "Message from sip:carol@example.com: lunch?", ""}},
+         {"Message from sip:carol@example.com: lunch?"},
+         {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        kelsip::test::TempDir dir;
+        TestPlatform platform;
+        PhoneCore core(platform, Stores(dir.path()));
+        ASSERT_TRUE(core.load());
+        core.setDoNotDisturb(c.dnd);
+        for (const Step& step : c.steps) {
+            platform.wall += 5;
+            core.apply(step.event);
+            if (!step.status.empty()) EXPECT_EQ(core.statusText(), step.status) << "after event " << step.event.type;
+            EXPECT_EQ(core.lines()[0].text, step.line1) << "after event " << step.event.type;
+        }
+        EXPECT_EQ(platform.notices, c.notices);
+        std::vector<CallKind> kinds;
+        for (const auto& entry : core.callLog()) kinds.push_back(entry.kind);
+        EXPECT_EQ(kinds, c.log);
+    }
+}
+
+TEST(PhoneCoreEvents, StatusMessagesLastFourSecondsAndTheLogKeepsTheCall) {
+    kelsip::test::TempDir dir;
+    TestPlatform platform;
+    {
+        PhoneCore core(platform, Stores(dir.path()));
+        ASSERT_TRUE(core.load());
+        core.apply({1, 1, 2, 200, 0, 0, "OK", "", ""});
+        core.apply({5, 5, 0, 0, 0, '#', "", "", ""});
+        platform.now += 3999;
+        EXPECT_EQ(core.statusText(), "DTMF received: #");
+        platform.now += 1;
+        EXPECT_EQ(core.statusText(), "\u25CF Registered");
+
+        core.apply({2, 9, 0, 0, 0, 0, "sip:bob@example.com", "", ""});
+        core.apply({3, 9, VELMORA_CALL_CONNECTED, 200, 1, 0, "", "", ""});
+        platform.wall += 3725;
+        core.apply({3, 9, VELMORA_CALL_TERMINATED, 200, 1, 0, "", "Remote hangup", ""});
+    }
+    // Saved at exit, read back by the next core.
+    PhoneCore again(platform, Stores(dir.path()));
+    ASSERT_TRUE(again.load());
+    ASSERT_EQ(again.callLog().size(), 1U);
+    const CallLogEntry& entry = again.callLog()[0];
+    EXPECT_EQ(entry.number, "sip:bob@example.com");
+    EXPECT_EQ(entry.duration, 3725);
+    EXPECT_EQ(entry.outcome, "Remote hangup");
+    EXPECT_EQ(formatDuration(entry.duration), "1:02:05");
+}
+
+TEST(PhoneCoreText, DialingListTimesAndDurations) {
+    const std::pair<const char*, const char*> dialed[] = {
+        {" 0049 (30) 1234-567 ", "0049301234-567"}, {"*97#", "*97#"}, {"abc", ""}, {"", ""},
+        {"sip:bob@example.com", "sip:bob@example.com"}, {" bob@127.0.0.1:5062 ", "bob@127.0.0.1:5062"},
+        {"bob@example.com\r\nX: y", ""}};
+    for (const auto& [typed, kept] : dialed) EXPECT_EQ(dialable(typed), kept) << typed;
+    EXPECT_EQ(formatDuration(59), "00:59");
+    EXPECT_EQ(formatDuration(3599), "59:59");
+    EXPECT_EQ(formatDuration(3600), "1:00:00");
+    const int64_t now = 1'700'000'000;
+    EXPECT_EQ(formatListTime(now - 86400, now), "Yesterday");
+    EXPECT_EQ(formatListTime(now - 10 * 86400, now).size(), 10U);  // a date
+    EXPECT_EQ(formatListTime(now, now).size(), 5U);                 // hh:mm
+}
+
+TEST(PhoneCoreEvents, DialingNeedsANumberAndAStartedPhone) {
+    kelsip::test::TempDir dir;
+    TestPlatform platform;
+    PhoneCore core(platform, Stores(dir.path()));
+    ASSERT_TRUE(core.load());
+    core.dial("hello");
+    EXPECT_EQ(core.statusText(), "Type a number first");
+    core.dial("123");
+    EXPECT_EQ(core.statusText(), "Not started: click Options and Start");
+    EXPECT_EQ(core.lines()[0].text, "Cannot call");
+    EXPECT_EQ(core.settings().lastDialed, "123");
+    core.setRecording(true);
+    EXPECT_EQ(core.statusText(), "Not started: click Options and Start") << "no engine, no change";
+    EXPECT_FALSE(core.start(Account{}));
+    EXPECT_EQ(core.statusText(), "Enter a user name");
+}
+
+}  // namespace
+}  // namespace velphone
