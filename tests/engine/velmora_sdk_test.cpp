@@ -5,13 +5,10 @@
 // the events' fields, and a rejected call.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <mutex>
-#include <numbers>
-#include <random>
 
 #include "support/sdk_phone.h"
-#include "support/process.h"
+#include "support/speech.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"
 #include "support/wav.h"
@@ -23,58 +20,11 @@ using kelsip::test::Event;
 using kelsip::test::Phone;
 using kelsip::test::waitFor;
 
-// A sentence spoken by espeak-ng at 8000 Hz; where programs cannot be
-// started (Windows), a tune of short tones that is just as distinct.
-std::vector<int16_t> voice(const std::filesystem::path& dir, const std::string& sentence, unsigned seed) {
-    if (kelsip::test::Process::supported()) {
-        const auto raw = dir / ("raw" + std::to_string(seed) + ".wav");
-        const auto wav = dir / ("voice" + std::to_string(seed) + ".wav");
-        for (const auto& args : {std::vector<std::string>{"-w", raw.string(), sentence},
-                                 std::vector<std::string>{raw.string(), "-r", "8000", "-c", "1", "-b", "16", wav.string()}}) {
-            kelsip::test::Process p;
-            std::string error;
-            const bool espeak = args[0] == "-w";
-            if (!p.start({kelsip::test::Process::findProgram(espeak ? "espeak-ng" : "sox"), args, {}, {}, 2000ms},
-                         &error) ||
-                p.waitForExit(20s) != 0) {
-                ADD_FAILURE() << (espeak ? "espeak-ng" : "sox") << " failed: " << error << p.log();
-                return {};
-            }
-        }
-        auto audio = kelsip::test::readWav(wav);
-        return audio ? audio->samples : std::vector<int16_t>{};
-    }
-    std::vector<int16_t> tune;
-    std::mt19937 random(seed);
-    for (int note = 0; note < 30; ++note) {
-        const double hz = 300 + static_cast<double>(random() % 1200);
-        for (int n = 0; n < 800; ++n) {
-            tune.push_back(static_cast<int16_t>(6000 * std::sin(2 * std::numbers::pi * hz * n / 8000.0)));
-        }
-    }
-    return tune;
-}
-
-// How well the last six seconds of `heard` hold the voice: the best match
-// of any of five quarter-second stretches of it. The playout buffer may
-// stretch or shorten a pause now and then, so one long stretch could be cut
-// by an edit that is no fault; the voice must still be there intact.
-double correlation(const std::vector<int16_t>& heard, const std::vector<int16_t>& voice) {
-    const size_t keep = std::min<size_t>(heard.size(), 48000);
-    const std::span<const int16_t> tail(heard.data() + heard.size() - keep, keep);
-    double best = 0.0;
-    for (size_t part = 1; part <= 5; ++part) {
-        const size_t at = voice.size() * part / 7;
-        best = std::max(best, kelsip::test::bestCorrelation(tail, std::span(voice).subspan(at, 2000)).value);
-    }
-    return best;
-}
-
 TEST(VelmoraSdk, TwoPhonesTalkPeerToPeerThroughTheFlatInterface) {
     EXPECT_STREQ(velmora_version(), "5.0.0");
     kelsip::test::TempDir dir;
-    Phone alice(voice(dir.path(), "The quick brown fox jumps over the lazy dog near the river bank.", 1));
-    Phone bob(voice(dir.path(), "Seven wise owls count to nine while the kettle sings in the kitchen.", 2));
+    Phone alice(kelsip::test::speech(dir.path(), "The quick brown fox jumps over the lazy dog near the river bank.", 1));
+    Phone bob(kelsip::test::speech(dir.path(), "Seven wise owls count to nine while the kettle sings in the kitchen.", 2));
     ASSERT_GT(alice.voice.size(), 16000U);
     ASSERT_GT(bob.voice.size(), 16000U);
     ASSERT_TRUE(velmora_start(alice.engine, "alice", "", "", "", "", "", "", VELMORA_TRANSPORT_UDP));
@@ -131,15 +81,15 @@ TEST(VelmoraSdk, TwoPhonesTalkPeerToPeerThroughTheFlatInterface) {
     EXPECT_EQ(saved->s1, recording);
 
     // Each heard the other; bob's muted loudspeaker played nothing.
-    EXPECT_GT(correlation(alice.heard, bob.voice), 0.95) << "alice did not hear bob";
+    EXPECT_GT(kelsip::test::voiceMatch(alice.heard, bob.voice), 0.95) << "alice did not hear bob";
     {
         const std::lock_guard lock(bob.mutex);
         EXPECT_EQ(kelsip::test::rms(bob.heard), 0.0) << "a muted loudspeaker played";
     }
     const auto file = kelsip::test::readWav(recording);
     ASSERT_TRUE(file);
-    EXPECT_GT(correlation(file->samples, bob.voice), 0.5) << "the recording lacks bob's own voice";
-    EXPECT_GT(correlation(file->samples, alice.voice), 0.5) << "the recording lacks alice's voice";
+    EXPECT_GT(kelsip::test::voiceMatch(file->samples, bob.voice), 0.5) << "the recording lacks bob's own voice";
+    EXPECT_GT(kelsip::test::voiceMatch(file->samples, alice.voice), 0.5) << "the recording lacks alice's voice";
 
     // A rejected call ends with 486 on the caller's side.
     const int second = velmora_call(alice.engine, bob.address().c_str());
