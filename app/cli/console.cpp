@@ -16,6 +16,12 @@ void Console::post(std::function<void()> task) {
 void Console::changed() {
     if (core_ == nullptr) return;
     // On the core's thread: read its texts and print what is new.
+    // The registration is printed on its own: a passing message may hide
+    // it from the status line when it changes.
+    if (core_->registrationText() != lastRegistration_) {
+        lastRegistration_ = core_->registrationText();
+        print("registration: " + lastRegistration_);
+    }
     const std::string status = core_->statusText();
     if (status != lastStatus_) {
         lastStatus_ = status;

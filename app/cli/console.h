@@ -47,6 +47,7 @@ private:
     std::condition_variable outputChanged_;
     // What was last printed of each text, so only changes are shown.
     std::string lastStatus_;
+    std::string lastRegistration_;
     std::string lastLines_[PhoneCore::kLines];
 };
 
