@@ -190,5 +190,54 @@ TEST(PhoneCoreEvents, DialingNeedsANumberAndAStartedPhone) {
     EXPECT_EQ(core.statusText(), "Enter a user name");
 }
 
+// Two cores with real engines on virtual sound devices, peer to peer.
+TEST(PhoneCoreCalls, TwoPhonesCallHoldRecordAndLogTheCall) {
+    kelsip::test::TempDir dir;
+    TestPlatform alicePlatform, bobPlatform;
+    EngineSetup setup;
+    setup.bindAddress = "127.0.0.1";
+    setup.sipPort = 0;
+    setup.virtualDevice = true;
+    PhoneCore alice(alicePlatform, Stores(dir.path() / "alice"), setup);
+    PhoneCore bob(bobPlatform, Stores(dir.path() / "bob"), setup);
+    ASSERT_TRUE(alice.load());
+    ASSERT_TRUE(bob.load());
+    bob.setAutoAnswer(true);
+    ASSERT_TRUE(alice.start(Account{"alice", "", "", "", "", "", "", ""}));
+    ASSERT_TRUE(bob.start(Account{"bob", "", "", "", "", "", "", ""}));
+    const std::string prefix = "Ready (peer to peer): ";
+    ASSERT_EQ(bob.registrationText().rfind(prefix, 0), 0U);
+    const auto until = [&](const std::function<bool()>& condition) {
+        return waitFor([&] {
+            alicePlatform.runTasks();
+            bobPlatform.runTasks();
+            return condition();
+        }, 10s);
+    };
+
+    alice.dial(bob.registrationText().substr(prefix.size()));
+    ASSERT_TRUE(until([&] { return alice.lines()[0].text == "Talking" && bob.lines()[0].text == "Talking"; }));
+    alice.hold();
+    ASSERT_TRUE(until([&] { return alice.lines()[0].text == "On hold" && bob.lines()[0].text == "Held by peer"; }));
+    alice.resume();
+    ASSERT_TRUE(until([&] { return alice.lines()[0].text == "Talking"; }));
+    alice.sendDtmf('5');
+    ASSERT_TRUE(until([&] { return bob.statusText() == "DTMF received: 5"; }));
+    alice.setRecording(true);
+    EXPECT_EQ(alice.statusText().rfind("Recording to call_", 0), 0U) << alice.statusText();
+    alice.setRecording(false);
+    ASSERT_TRUE(until([&] { return alice.statusText() == "Recording saved"; }));
+    alice.hangup();
+    ASSERT_TRUE(until([&] { return !alice.callLog().empty() && !bob.callLog().empty(); }));
+    EXPECT_EQ(alice.callLog()[0].kind, CallKind::Outgoing);
+    EXPECT_EQ(bob.callLog()[0].kind, CallKind::Incoming);
+    EXPECT_EQ(bob.lines()[0].text, "Call ended: Remote hangup");
+    size_t recordings = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path() / "alice" / "Recordings")) {
+        recordings += entry.path().extension() == ".wav";
+    }
+    EXPECT_EQ(recordings, 1U);
+}
+
 }  // namespace
 }  // namespace velphone
