@@ -84,22 +84,17 @@ TEST(StoresPosix, FolderAndAccountArePrivateWhateverTheUmask) {
 }
 
 TEST(StoresPosix, DataFolderFollowsXdg) {
-    const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
+    const fs::path fallback = fs::path(std::getenv("HOME") ? std::getenv("HOME") : "") / ".local/share/velmora-phone";
     const char* saved = std::getenv("XDG_DATA_HOME");
     const std::string previous = saved ? saved : "";
-    const std::vector<std::pair<const char*, fs::path>> cases = {
-        {"/data/x", "/data/x/velmora-phone"},
-        {"relative/x", fs::path(home) / ".local/share/velmora-phone"},
-        {"", fs::path(home) / ".local/share/velmora-phone"},
-        {nullptr, fs::path(home) / ".local/share/velmora-phone"},
-    };
-    for (const auto& [value, expected] : cases) {
-        if (value) ::setenv("XDG_DATA_HOME", value, 1);
-        else ::unsetenv("XDG_DATA_HOME");
-        EXPECT_EQ(Stores::defaultFolder(), expected) << (value ? value : "unset");
+    for (const auto& [value, expected] : std::vector<std::pair<std::string, fs::path>>{
+             {"/data/x", "/data/x/velmora-phone"}, {"relative/x", fallback}, {"", fallback}}) {
+        ::setenv("XDG_DATA_HOME", value.c_str(), 1);
+        EXPECT_EQ(Stores::defaultFolder(), expected) << value;
     }
+    ::unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(Stores::defaultFolder(), fallback);
     if (saved) ::setenv("XDG_DATA_HOME", previous.c_str(), 1);
-    else ::unsetenv("XDG_DATA_HOME");
 }
 
 }  // namespace
