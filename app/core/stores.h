@@ -24,6 +24,7 @@ struct Account {
     std::string stun;
     std::string transport;  // "udp" (default when empty), "tcp", "tls"
     std::string voicemail;  // the voicemail number
+    bool operator==(const Account&) const = default;
 };
 
 struct Settings {
@@ -33,11 +34,13 @@ struct Settings {
     std::string lastDialed;
     bool phoneOn = false;
     bool closeToTray = true;
+    bool operator==(const Settings&) const = default;
 };
 
 struct Contact {
     std::string name;
     std::string number;
+    bool operator==(const Contact&) const = default;
 };
 
 enum class CallKind : int32_t { Incoming = 0, Outgoing = 1, Missed = 2 };
@@ -49,6 +52,7 @@ struct CallLogEntry {
     int64_t start = 0;     // seconds since 1970 (UTC)
     int32_t duration = 0;  // seconds talked; 0 for a missed or failed call
     std::string outcome;   // how it ended: "Remote hangup", "Busy Here", ...
+    bool operator==(const CallLogEntry&) const = default;
 };
 
 // The call log keeps this many entries, newest last; older ones are dropped on save.
@@ -95,7 +99,8 @@ public:
     [[nodiscard]] bool saveCallLog(const std::vector<CallLogEntry>& entries, std::string* error = nullptr) const;
 
     // True when the stored password was plain text (it is written protected
-    // on the next saveAccount).
+    // on the next saveAccount). Where the protection is the file's mode, a
+    // password in a file others may read counts as plain.
     [[nodiscard]] bool passwordNeedsProtecting() const;
 
 private:
