@@ -101,6 +101,9 @@ bool parse(int argc, char** argv, Options& options, std::string& error) {
 // in turn; "wait" and "wait-for" hold the reader, not the phone.
 void readCommands(std::istream& in, velphone::Console& console, velphone::PhoneCore& core, std::atomic<int>& exitCode) {
     std::string line;
+    // wait-for looks at what was printed since the last command was given,
+    // so an earlier call's "Talking" does not answer for the next one.
+    size_t mark = 0;
     for (;;) {
         if (!std::getline(in, line)) break;
         if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -111,7 +114,7 @@ void readCommands(std::istream& in, velphone::Console& console, velphone::PhoneC
                 seconds = std::atoi(text.c_str() + within + 8);
                 text.resize(within);
             }
-            if (!console.waitFor(text, 0, std::chrono::seconds(seconds))) {
+            if (!console.waitFor(text, mark, std::chrono::seconds(seconds))) {
                 console.print("wait-for timed out: " + text);
                 exitCode = 1;
                 break;
@@ -132,6 +135,7 @@ void readCommands(std::istream& in, velphone::Console& console, velphone::PhoneC
             bool more = true;
         };
         auto run = std::make_shared<Run>();
+        mark = console.printed();
         console.post([run, line, &core, &console] {
             const bool more = velphone::runCommand(core, console, line);
             const std::lock_guard lock(run->mutex);

@@ -2,7 +2,7 @@
 #include "app/cli/wav_file.h"
 
 #include <fstream>
-#include <iterator>
+#include <algorithm>
 
 namespace velphone {
 
@@ -27,13 +27,18 @@ void put16(std::string& b, uint16_t v) {
 }  // namespace
 
 std::optional<std::vector<int16_t>> readWav8k(const std::filesystem::path& path, std::string* error) {
-    std::ifstream in(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    std::string bytes;
+    if (in) {
+        bytes.resize(static_cast<size_t>(std::max<std::streamoff>(0, in.tellg())));
+        in.seekg(0);
+        in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
     const auto fail = [&](const std::string& why) {
         if (error) *error = path.string() + ": " + why;
         return std::nullopt;
     };
-    if (!in.good() && !in.eof()) return fail("cannot be read");
+    if (!in) return fail("cannot be read");
     if (bytes.size() < 12 || bytes.compare(0, 4, "RIFF") != 0 || bytes.compare(8, 4, "WAVE") != 0) {
         return fail("not a WAV file");
     }

@@ -6,6 +6,8 @@
 #include <cctype>
 #include <chrono>
 #include <ctime>
+#include <iomanip>
+#include <sstream>
 
 #include "app/core/local_time.h"
 #include "engine/sdk/velmora_sdk.h"
@@ -36,8 +38,9 @@ std::string localTime(int64_t when, const char* format) {
     const std::time_t t = static_cast<std::time_t>(when);
     std::tm parts{};
     if (!platformLocalTime(t, parts)) return {};
-    char text[64];
-    return std::strftime(text, sizeof text, format, &parts) > 0 ? text : std::string();
+    std::ostringstream text;
+    text << std::put_time(&parts, format);
+    return text.str();
 }
 
 }  // namespace

@@ -5,10 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "interop/support/interop_test.h"
+#include "support/baresip_peer.h"
 #include "support/free_port.h"
 #include "support/speech.h"
+#include "support/wav.h"
 
 namespace kelsip {
 namespace {
@@ -35,7 +38,9 @@ protected:
     }
     std::string output() {
         std::ifstream in(files_.file("cli.log"));
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
     }
     bool printed(const std::string& text, std::chrono::milliseconds within = 15s) {
         return test::waitFor([&] { return output().find(text) != std::string::npos; }, within);
@@ -84,7 +89,7 @@ TEST_F(CliInteropTest, RegistersCallsBothWaysWithSpeechAndShowsEveryStep) {
                          "wait-for Call ended\n"
                          "autoanswer on\n"
                          "wait-for line 1: Talking within 60\n"
-                         "transfer nobody\n"
+                         "transfer 4711\n"
                          "wait-for Transfer failed (404)\n"
                          "hangup\n"
                          "wait-for Voicemail: 2 new, 8 old within 60\n"
@@ -96,7 +101,7 @@ TEST_F(CliInteropTest, RegistersCallsBothWaysWithSpeechAndShowsEveryStep) {
     ASSERT_TRUE(printed("line 1: Call ended"));
     EXPECT_EQ(baresip->receivedDigits(), "159");
 
-    // Bob calls back; alice answers at once.
+    // Bob calls back; alice answers at once and sends him on to a number nobody has.
     ASSERT_TRUE(printed("auto answer on"));
     ASSERT_TRUE(baresip->command("dial", "sip:alice@" + kamailio->hostPort()));
     ASSERT_TRUE(printed("Transfer failed (404)", 30s));
