@@ -18,7 +18,12 @@ namespace velphone {
 
 class Console final : public PhonePlatform {
 public:
-    void attach(PhoneCore& core) { core_ = &core; }
+    // Only what changes after this is printed.
+    void attach(PhoneCore& core) {
+        core_ = &core;
+        lastStatus_ = core.statusText();
+        lastRegistration_ = core.registrationText();
+    }
 
     void post(std::function<void()> task) override;
     void changed() override;
