@@ -10,6 +10,7 @@
 #include "interop/support/interop_test.h"
 #include "support/baresip_peer.h"
 #include "support/free_port.h"
+#include "support/scripted_peer.h"
 #include "support/speech.h"
 #include "support/wav.h"
 
@@ -132,6 +133,65 @@ TEST_F(CliInteropTest, RegistersCallsBothWaysWithSpeechAndShowsEveryStep) {
         recorded |= entry.path().filename().string().rfind("call_", 0) == 0 && std::filesystem::file_size(entry.path()) > 8000;
     }
     EXPECT_TRUE(recorded);
+}
+
+// Ctrl+C on a registered phone: it un-registers, then exits with 0.
+TEST_F(CliInteropTest, CtrlCUnregistersAndExits) {
+    test::ScriptedPeer registrar;
+    test::ProcessOptions options;
+    options.program = VELPHONE_CLI;
+    options.arguments = {"--data", files_.file("data").string(), "--user", "alice", "--domain", registrar.hostPort(),
+                         "--bind", "127.0.0.1", "--port", "0", "--play", files_.file("quiet.wav").string(),
+                         "--script", files_.file("script.txt").string()};
+    options.logFile = files_.file("cli.log");
+    ASSERT_TRUE(test::writeWav(files_.file("quiet.wav"), {8000, std::vector<int16_t>(800, 0)}));
+    std::ofstream(files_.file("script.txt")) << "wait 60\n";
+    std::string error;
+    ASSERT_TRUE(cli_.start(options, &error)) << error;
+    const auto reg = registrar.expect("REGISTER", nullptr);
+    ASSERT_TRUE(reg);
+    registrar.answer(*reg, 200, "Contact: " + reg->header("Contact").value_or("") + ";expires=3600\r\n");
+    ASSERT_TRUE(printed("registration: \u25CF Registered"));
+    ASSERT_TRUE(cli_.interrupt());
+    const auto unreg = registrar.expect("REGISTER", nullptr);
+    ASSERT_TRUE(unreg);
+    EXPECT_EQ(unreg->header("Expires").value_or(""), "0") << unreg->toString();
+    registrar.answer(*unreg, 200);
+    EXPECT_EQ(cli_.waitForExit(10s), 0);
+    EXPECT_TRUE(printed("interrupted: un-registering", 1s));
+}
+
+// Refusals: a clear line on standard error and a non-zero exit.
+TEST_F(CliInteropTest, BadOptionsStoresAndPortsAreRefused) {
+    // A port taken on both transports.
+    auto udp = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+    auto tcp = net::Socket::open(net::AddressFamily::V4, net::SocketType::Tcp);
+    ASSERT_TRUE(udp.bind(net::SocketAddress::loopback(net::AddressFamily::V4)));
+    const uint16_t busy = udp.localAddress()->port();
+    ASSERT_TRUE(tcp.bind(net::SocketAddress::loopback(net::AddressFamily::V4, busy)));
+    std::ofstream(files_.file("not-a-folder")) << "x";
+    const std::string data = files_.file("data").string();
+    struct Case {
+        std::vector<std::string> arguments;
+        int exit;
+        const char* says;
+    };
+    const Case cases[] = {
+        {{"--bogus"}, 2, "unknown option --bogus"},
+        {{"--port", "70000"}, 2, "--port needs a number"},
+        {{"--user"}, 2, "--user needs a value"},
+        {{"--play", files_.file("none.wav").string()}, 2, "cannot be read"},
+        {{"--data", files_.file("not-a-folder").string(), "--user", "a"}, 1, "cannot use the data folder"},
+        {{"--data", data}, 1, "Enter a user name"},
+        {{"--data", data, "--user", "a", "--bind", "127.0.0.1", "--port", std::to_string(busy)}, 1, "Start failed"},
+    };
+    for (const Case& c : cases) {
+        test::Process cli;
+        test::ProcessOptions options{VELPHONE_CLI, c.arguments, {}, files_.file("refused.log"), 2000ms};
+        ASSERT_TRUE(cli.start(options, nullptr));
+        EXPECT_EQ(cli.waitForExit(10s), c.exit) << c.says;
+        EXPECT_NE(cli.log().find(c.says), std::string::npos) << cli.log();
+    }
 }
 
 }  // namespace

@@ -44,6 +44,8 @@ public:
     // SIGTERM to the group, SIGKILL after the grace period, then whatever
     // is left in the group. Safe to call again.
     void stop();
+    // Ctrl+C: SIGINT to the program alone; false when it is not running.
+    bool interrupt();
     [[nodiscard]] std::string log() const;
 
     struct State;

@@ -101,6 +101,8 @@ std::optional<int> Process::waitForExit(std::chrono::milliseconds timeout) {
     return exitCode();
 }
 
+bool Process::interrupt() { return state_->pid > 0 && isRunning() && ::kill(state_->pid, SIGINT) == 0; }
+
 void Process::stop() {
     if (state_->pid <= 0) return;
     if (isRunning()) {

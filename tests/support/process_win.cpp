@@ -26,6 +26,7 @@ bool Process::isRunning() { return false; }
 std::optional<int> Process::exitCode() { return std::nullopt; }
 std::optional<int> Process::waitForExit(std::chrono::milliseconds) { return std::nullopt; }
 void Process::stop() {}
+bool Process::interrupt() { return false; }
 std::string Process::log() const { return readTextFile(state_->options.logFile); }
 
 std::shared_ptr<const void> lowerDescriptorLimit(unsigned) { return nullptr; }
