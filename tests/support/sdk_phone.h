@@ -60,6 +60,11 @@ struct Phone {
         (void)waitFor([&] { return (found = find(type, match)).has_value(); }, 10s);
         return found;
     }
+    // A copy: the device's thread may still be adding to it.
+    std::vector<int16_t> heardSoFar() {
+        const std::lock_guard lock(mutex);
+        return heard;
+    }
     size_t heardSamples() {
         const std::lock_guard lock(mutex);
         return heard.size();
