@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <ctime>
 #include <iomanip>
 #include <sstream>
@@ -438,7 +439,13 @@ void PhoneCore::setLogToFile(bool on) {
     sipLog_ = std::move(file);
     velmora_set_log(
         [](int level, const char* component, const char* text, void* log) {
-            static_cast<SipLogFile*>(log)->write(std::to_string(level) + " [" + component + "] " + text);
+            // "2026-11-25 09:15:02.047 [2] [transport] ...": local time, level, component.
+            const auto now = std::chrono::system_clock::now();
+            const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
+            char millis[8];
+            std::snprintf(millis, sizeof millis, ".%03d", static_cast<int>(ms % 1000));
+            static_cast<SipLogFile*>(log)->write(localTime(ms / 1000, "%Y-%m-%d %H:%M:%S") + millis + " [" +
+                                                 std::to_string(level) + "] [" + component + "] " + text);
         },
         sipLog_.get(), 1);
     setStatus("SIP log: saving to Logs\\sip-log.txt");

@@ -3,6 +3,7 @@
 // virtual sound devices calling each other through real engines.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <mutex>
 
 #include "app/core/phone_core.h"
@@ -193,6 +194,17 @@ TEST(PhoneCoreEvents, DialingNeedsANumberAndAStartedPhone) {
     EXPECT_EQ(core.statusText(), "Not started: click Options and Start") << "no engine, no change";
     EXPECT_FALSE(core.start(Account{}));
     EXPECT_EQ(core.statusText(), "Enter a user name");
+
+    core.setLogToFile(true);
+    EXPECT_EQ(core.statusText(), "SIP log: saving to Logs\\sip-log.txt");
+    EXPECT_TRUE(std::filesystem::exists(dir.path() / "Logs" / "sip-log.txt"));
+    core.setLogToFile(false);
+    EXPECT_EQ(core.statusText(), "SIP log: stopped");
+    std::filesystem::remove_all(dir.path() / "Logs");
+    std::ofstream(dir.path() / "Logs") << "a file where the folder should be";
+    core.setLogToFile(true);
+    EXPECT_EQ(core.statusText(), "Cannot write the SIP log");
+    EXPECT_FALSE(core.settings().logToFile);
 }
 
 // Two cores with real engines on virtual sound devices, peer to peer.
