@@ -190,6 +190,8 @@ void Parser::arcTo(double rx, double ry, double degrees, bool large, bool sweep,
     double span = std::atan2(ux * vy - uy * vx, ux * vx + uy * vy);
     if (!sweep && span > 0) span -= 2 * kPi;
     if (sweep && span < 0) span += 2 * kPi;
+    // Radii so small that the arithmetic underflowed: the chord is all that can be drawn.
+    if (!std::isfinite(span) || !std::isfinite(centre.x) || !std::isfinite(centre.y)) return lineTo(p);
 
     // At most a quarter turn per cubic keeps the error far below a pixel.
     const int segments = std::max(1, static_cast<int>(std::ceil(std::fabs(span) / (kPi / 2) - 1e-9)));
@@ -210,7 +212,6 @@ void Parser::arcTo(double rx, double ry, double degrees, bool large, bool sweep,
         pieces.push_back({PathOp::CubicTo, {from + k * tangent(t1), to - k * tangent(t2), to}});
         from = to;
     }
-    // Radii so small that the arithmetic underflowed: the chord is all that can be drawn.
     for (const PathCommand& piece : pieces)
         for (const PathPoint& q : piece.p)
             if (!std::isfinite(q.x) || !std::isfinite(q.y)) return lineTo(p);

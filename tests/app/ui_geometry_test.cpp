@@ -58,6 +58,7 @@ TEST(SvgPath, ParsesEveryCommand) {
         {"M0 0a1 1 0 011 1", {M(0, 0), C(kQuarter, 0, 1, 1 - kQuarter, 1, 1)}},
         {"M0 0A1,1,0,0,1,1,1", {M(0, 0), C(kQuarter, 0, 1, 1 - kQuarter, 1, 1)}},
         {"M0 0A0 5 0 0 1 4 4", {M(0, 0), L(4, 4)}},
+        {"M0 0A1e-300 1e-300 0 0 0 1 1", {M(0, 0), L(1, 1)}},
         {"M1 1A5 5 0 0 1 1 1L2 2", {M(1, 1), L(2, 2)}},
     };
     for (const auto& [data, expected] : cases) {
