@@ -51,6 +51,8 @@ void PhoneCore::apply(const Event& e) {
             if (e.b < 200) {
                 setStatus("Transferring... (" + std::to_string(e.b) + ")");
             } else if (e.b < 300) {
+                // The far end now talks to the target: our part of the call is done.
+                if (engine_ != nullptr && lineOf(e.line) >= 0) (void)velmora_hangup(engine_, e.line);
                 setStatus("Transfer completed");
             } else {
                 setStatus("Transfer failed (" + std::to_string(e.b) + ")");

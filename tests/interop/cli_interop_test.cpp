@@ -1,7 +1,7 @@
 // velphone-cli, as a user runs it, against baresip through Kamailio (both
 // started here): it registers, calls bob and is called by him with speech
 // both ways checked by content, sends digits, holds and resumes, records,
-// transfers, and shows a voicemail summary SIPp sends it.
+// transfers bob to a third phone, and shows a voicemail summary SIPp sends it.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,6 +11,7 @@
 #include "support/baresip_peer.h"
 #include "support/free_port.h"
 #include "support/scripted_peer.h"
+#include "support/sdk_phone.h"
 #include "support/speech.h"
 #include "support/wav.h"
 
@@ -71,6 +72,9 @@ TEST_F(CliInteropTest, RegistersCallsBothWaysWithSpeechAndShowsEveryStep) {
                                                                   TransportKind::Udp, true, files_.file("bob.wav"), {}});
     ASSERT_TRUE(baresip);
     ASSERT_TRUE(baresip->waitForEvent("REGISTER_OK"));
+    // Carol, outside the proxy's domain (127.0.0.2), takes the call alice transfers.
+    test::Phone carol(std::vector<int16_t>(80, 0), "127.0.0.2");
+    ASSERT_TRUE(velmora_start(carol.engine, "carol", "", "", "", "", "", "", VELMORA_TRANSPORT_UDP));
     const uint16_t port = test::freeLoopbackPort();
     ASSERT_TRUE(startCli(*kamailio, port,
                          "wait-for Registered\n"
@@ -90,9 +94,9 @@ TEST_F(CliInteropTest, RegistersCallsBothWaysWithSpeechAndShowsEveryStep) {
                          "wait-for Call ended\n"
                          "autoanswer on\n"
                          "wait-for line 1: Talking within 60\n"
-                         "transfer 4711\n"
-                         "wait-for Transfer failed (404)\n"
-                         "hangup\n"
+                         "transfer " + carol.address() + "\n"
+                         "wait-for Transfer completed\n"
+                         "wait-for line 1: Call ended\n"
                          "wait-for Voicemail: 2 new, 8 old within 60\n"
                          "recent\n"
                          "quit\n"));
@@ -102,10 +106,14 @@ TEST_F(CliInteropTest, RegistersCallsBothWaysWithSpeechAndShowsEveryStep) {
     ASSERT_TRUE(printed("line 1: Call ended"));
     EXPECT_EQ(baresip->receivedDigits(), "159");
 
-    // Bob calls back; alice answers at once and sends him on to a number nobody has.
+    // Bob calls back; alice answers at once and sends him on to carol; her
+    // phone ends its part once the transfer completes.
     ASSERT_TRUE(printed("auto answer on"));
     ASSERT_TRUE(baresip->command("dial", "sip:alice@" + kamailio->hostPort()));
-    ASSERT_TRUE(printed("Transfer failed (404)", 30s));
+    const auto referred = carol.waitEvent(VELMORA_EVENT_INCOMING_CALL);
+    ASSERT_TRUE(referred) << "bob was not sent on to carol";
+    ASSERT_TRUE(velmora_answer(carol.engine, referred->line));
+    ASSERT_TRUE(printed("Transfer completed", 30s));
 
     auto* voicemail = start<test::SippRunner>(test::SippOptions{"mwi_unsolicited.xml", "127.0.0.1:" + std::to_string(port), 1, 10s, {}});
     ASSERT_TRUE(voicemail);

@@ -47,15 +47,26 @@ TEST_F(SdkInteropTest, RegistrationCallTransferAndVoicemailArriveAsTheirRecords)
     const auto talking = [](const Event& e) { return e.a == VELMORA_CALL_CONNECTED; };
     ASSERT_TRUE(alice.waitEvent(VELMORA_EVENT_CALL_STATE, talking));
 
-    // Bob sends alice on to a user nobody registered: the transfer's NOTIFYs
-    // report the new call's progress, ending in the proxy's 404.
-    ASSERT_TRUE(velmora_transfer(bob.engine, offered->line, "nobody"));
-    const auto failed = bob.waitEvent(VELMORA_EVENT_TRANSFER, [](const Event& e) { return e.b >= 300; });
-    ASSERT_TRUE(failed);
-    EXPECT_EQ(failed->line, offered->line);
-    EXPECT_EQ(failed->b, 404);
-    ASSERT_TRUE(velmora_hangup(alice.engine, line));
+    // Bob sends alice on to carol, a phone outside the proxy's domain (on
+    // 127.0.0.2): alice's new call goes through the proxy, carol answers,
+    // and bob hears of it through the REFER's NOTIFYs.
+    Phone carol(std::vector<int16_t>(80, 0), "127.0.0.2");
+    ASSERT_TRUE(velmora_start(carol.engine, "carol", "", "", "", "", "", "", VELMORA_TRANSPORT_UDP));
+    ASSERT_TRUE(velmora_transfer(bob.engine, offered->line, carol.address().c_str()));
+    const auto referred = carol.waitEvent(VELMORA_EVENT_INCOMING_CALL);
+    ASSERT_TRUE(referred);
+    EXPECT_NE(referred->s1.find("alice@"), std::string::npos) << referred->s1;
+    ASSERT_TRUE(velmora_answer(carol.engine, referred->line));
+    const auto done = bob.waitEvent(VELMORA_EVENT_TRANSFER, [](const Event& e) { return e.b >= 200; });
+    ASSERT_TRUE(done);
+    EXPECT_EQ(done->line, offered->line);
+    EXPECT_EQ(done->b, 200);
+    EXPECT_TRUE(bob.find(VELMORA_EVENT_TRANSFER, [](const Event& e) { return e.b < 200; })) << "no progress before the end";
+    // The engine leaves the transferor's call to its owner (the phone core
+    // ends it on "Transfer completed").
+    ASSERT_TRUE(velmora_hangup(bob.engine, offered->line));
     ASSERT_TRUE(bob.waitEvent(VELMORA_EVENT_CALL_STATE, [](const Event& e) { return e.a == VELMORA_CALL_TERMINATED; }));
+    ASSERT_TRUE(velmora_hangup(carol.engine, referred->line));
 
     // The voicemail subscription goes to the account's own address; whatever
     // the proxy makes of it, its state arrives as event 8.

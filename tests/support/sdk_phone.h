@@ -24,10 +24,11 @@ struct Event {
 
 // One phone: its engine, the events it reported, its microphone and loudspeaker.
 struct Phone {
-    explicit Phone(std::vector<int16_t> speech = std::vector<int16_t>(80, 0)) : voice(std::move(speech)) {
+    explicit Phone(std::vector<int16_t> speech = std::vector<int16_t>(80, 0), const char* bind = "127.0.0.1")
+        : voice(std::move(speech)) {
         velmora_config config;
         velmora_config_init(&config);
-        config.bind_address = "127.0.0.1";
+        config.bind_address = bind;
         config.sip_port = 0;
         engine = velmora_create_virtual(&config, &Phone::onEvent, this, &Phone::speak, &Phone::hear, this);
     }
