@@ -185,7 +185,6 @@ void SoftphoneEngine::Impl::stopRecording() {
     {
         const std::lock_guard lock(recorderMutex_);
         recorder = std::move(recorder_);
-        recorder_.reset();
         path = std::move(recorderPath_);
     }
     if (!recorder) return;

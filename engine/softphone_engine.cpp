@@ -156,7 +156,6 @@ void SoftphoneEngine::Impl::stop() {
     {
         const std::lock_guard lock(agentMutex_);
         agent = std::move(agent_);
-        agent_.reset();
         registered = !config_.domain.empty() && config_.unregisterOnShutdown;
     }
     if (!agent) return;

@@ -3,6 +3,7 @@
 // and everything its loudspeaker played.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -13,8 +14,6 @@
 #include "support/wait.h"
 
 namespace kelsip::test {
-
-using namespace std::chrono_literals;
 
 struct Event {
     int type, line, a, b, c;
@@ -58,7 +57,7 @@ struct Phone {
     }
     std::optional<Event> waitEvent(int type, const std::function<bool(const Event&)>& match = nullptr) {
         std::optional<Event> found;
-        (void)waitFor([&] { return (found = find(type, match)).has_value(); }, 10s);
+        (void)waitFor([&] { return (found = find(type, match)).has_value(); }, std::chrono::seconds(10));
         return found;
     }
     // A copy: the device's thread may still be adding to it.
