@@ -1,0 +1,1 @@
+// The pages with native controls (being built).
