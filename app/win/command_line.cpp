@@ -65,8 +65,8 @@ std::optional<WindowOptions> parseWindowArguments(const std::vector<std::string>
     };
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg == "--minimized") {
-            options.minimized = true;
+        if (arg == "--minimized" || arg == "--exit") {
+            (arg == "--exit" ? options.exitRunning : options.minimized) = true;
             continue;
         }
         if (arg.rfind("--", 0) == 0) {

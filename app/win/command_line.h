@@ -16,6 +16,7 @@ struct WindowOptions {
     std::string bind;         // --bind ADDRESS
     int port = -1;            // --port N; -1: the default
     bool minimized = false;   // --minimized: start in the tray (start with Windows)
+    bool exitRunning = false; // --exit: the running phone un-registers and quits (installers use it)
 };
 
 // The target of a "sip:", "sips:", "tel:" or "callto:" URL (the scheme is
