@@ -443,7 +443,9 @@ PhoneView WindowApp::view() const {
             const std::string who = line.name.empty() ? line.number : line.name;
             text += ": " + line.text;
             if (line.connected > 0 && live(line.state)) text += " " + formatDuration(now - line.connected);
-            if (!who.empty() && line.text.find(who) == std::string::npos) text += " \xE2\x80\x94 " + who;
+            // The caller on a second row, without "sip:" (the line text may name them already).
+            std::string shownWho = who.rfind("sip:", 0) == 0 ? who.substr(4) : who;
+            if (!shownWho.empty() && line.text.find(who) == std::string::npos) text += "\n" + shownWho;
         }
         shown.waiting = line.state == LineState::Ringing && line.incoming;
         if (shown.waiting) text += " (click to take it)";

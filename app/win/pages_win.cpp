@@ -215,7 +215,7 @@ BookPage::BookPage(HWND parent, PageHost& host, Kind kind) : FormPage(parent, ho
     const struct {
         const wchar_t* title;
         int width;
-    } recentColumns[] = {{L"When", 76}, {L"Who", 150}, {L"Length", 70}},
+    } recentColumns[] = {{L"When", 84}, {L"Who", 146}, {L"Length", 66}},
       contactColumns[] = {{L"Name", 140}, {L"Number or SIP address", 156}};
     const auto& columns = kind == Kind::Recent ? std::vector(std::begin(recentColumns), std::end(recentColumns))
                                                : std::vector(std::begin(contactColumns), std::end(contactColumns));
