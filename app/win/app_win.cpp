@@ -16,6 +16,7 @@
 
 #include "app/cli/wav_file.h"
 #include "app/core/phone_core.h"
+#include "app/win/accessible_win.h"
 #include "app/win/layout.h"
 #include "app/win/pages_win.h"
 #include "app/win/painter_win.h"
@@ -96,6 +97,10 @@ private:
     void lineClicked(int index);
     void doNotDisturbMenu();
     void moveFocus(bool backwards);
+    // The painted controls in Tab order (the tabs, then on the phone page its
+    // lines, keypad, tool buttons, microphone and speaker), and their names.
+    [[nodiscard]] std::vector<Hit> paintedControls() const;
+    [[nodiscard]] AccessibleControl describe(const Hit& hit) const;
     void handleArguments(const std::vector<std::string>& args);
     [[nodiscard]] int lineWith(bool (*test)(LineState)) const;
     [[nodiscard]] std::string typedNumber() const { return utf8(windowText(number_)); }
@@ -629,15 +634,43 @@ void WindowApp::doNotDisturbMenu() {
     if (chosen == kMenuDoNotDisturb) core_->setDoNotDisturb(!core_->doNotDisturb());
 }
 
-// Tab on the phone page: the number field, the two lines, the keypad, the
-// tool buttons, microphone and speaker, and round again.
-void WindowApp::moveFocus(bool backwards) {
-    std::vector<Hit> order{{Element::NumberField}};
+std::vector<Hit> WindowApp::paintedControls() const {
+    std::vector<Hit> order;
+    for (int i = 0; i < kTabs; ++i) order.push_back({Element::Tab, i});
+    if (tab_ != Tab::Phone) return order;
     for (int i = 0; i < 2; ++i) order.push_back({Element::Line, i});
     for (int i = 0; i < 12; ++i) order.push_back({Element::Key, i, kKeypadKeys[static_cast<size_t>(i)]});
     for (int i = 0; i < kToolButtons; ++i) order.push_back({Element::Tool, i});
     order.push_back({Element::Microphone});
     order.push_back({Element::Speaker});
+    return order;
+}
+
+AccessibleControl WindowApp::describe(const Hit& hit) const {
+    static constexpr const wchar_t* kTabNames[kTabs] = {L"Phone", L"Recent", L"Contacts", L"SIP Account"};
+    const auto at = [](const Rect& r) { return RECT{r.left, r.top, r.right, r.bottom}; };
+    const auto index = static_cast<size_t>(hit.index);
+    switch (hit.element) {
+        case Element::Tab: return {kTabNames[index], at(layout_.tabs[index]), tab_ == static_cast<Tab>(hit.index)};
+        case Element::Line: return {view().lines[index].text, at(layout_.lines[index])};
+        case Element::Key: return {std::wstring(1, static_cast<wchar_t>(hit.key)), at(layout_.keys[index])};
+        case Element::Tool: {
+            const bool checked = (hit.index == kRecord && core_->recording()) ||
+                                 (hit.index == kDoNotDisturb && (core_->doNotDisturb() || core_->settings().autoAnswer));
+            return {kToolTips[index], at(layout_.tools[index]), checked};
+        }
+        case Element::Microphone:
+            return {core_->microphoneMuted() ? L"MIC OFF" : L"Microphone", at(layout_.microphone), core_->microphoneMuted()};
+        case Element::Speaker:
+            return {core_->speakerMuted() ? L"SPK OFF" : L"Speaker", at(layout_.speaker), core_->speakerMuted()};
+        default: return {};
+    }
+}
+
+// Tab through the number field and the painted controls, and round again.
+void WindowApp::moveFocus(bool backwards) {
+    std::vector<Hit> order = paintedControls();
+    order.insert(order.begin() + kTabs, Hit{Element::NumberField});
     size_t at = 0;
     const Hit current = GetFocus() == number_ ? Hit{Element::NumberField} : focused_;
     for (size_t i = 0; i < order.size(); ++i)
@@ -649,6 +682,7 @@ void WindowApp::moveFocus(bool backwards) {
         SetFocus(number_);
     } else {
         SetFocus(window_);
+        announceFocus(window_, static_cast<int>(at > kTabs ? at - 1 : at));
     }
     InvalidateRect(window_, nullptr, FALSE);
 }
@@ -793,6 +827,26 @@ LRESULT WindowApp::handle(UINT message, WPARAM wparam, LPARAM lparam) {
                 quit();
             }
             return 0;
+        case WM_GETOBJECT: {
+            AccessibleSource source;
+            source.controls = [this] {
+                std::vector<AccessibleControl> controls;
+                for (const Hit& hit : paintedControls()) controls.push_back(describe(hit));
+                return controls;
+            };
+            source.press = [this](int index) {
+                const auto order = paintedControls();
+                if (index >= 0 && static_cast<size_t>(index) < order.size()) activate(order[static_cast<size_t>(index)]);
+            };
+            source.focused = [this] {
+                const auto order = paintedControls();
+                for (size_t i = 0; i < order.size(); ++i)
+                    if (order[i] == focused_) return static_cast<int>(i);
+                return -1;
+            };
+            if (const LRESULT answer = answerAccessibleObject(window_, wparam, lparam, source)) return answer;
+            break;
+        }
         case WM_QUERYENDSESSION: return TRUE;
         case WM_ENDSESSION:
             if (wparam) quit();
