@@ -473,4 +473,18 @@ bool PhoneCore::removeContact(size_t index) {
     return true;
 }
 
+bool PhoneCore::removeCallLogEntry(size_t index) {
+    if (index >= callLog_.size()) return false;
+    callLog_.erase(callLog_.begin() + static_cast<std::ptrdiff_t>(index));
+    saveCallLog();
+    platform_.changed();
+    return true;
+}
+
+void PhoneCore::clearCallLog() {
+    callLog_.clear();
+    saveCallLog();
+    platform_.changed();
+}
+
 }  // namespace velphone

@@ -121,6 +121,11 @@ public:
     void addContact(const Contact& contact);
     bool editContact(size_t index, const Contact& contact);
     bool removeContact(size_t index);
+    // The call log; indexes into callLog(). Recordings stay on disk.
+    bool removeCallLogEntry(size_t index);
+    void clearCallLog();
+    // A message in the status line for kStatusMs (the front end's refusals).
+    void showStatus(const std::string& text) { setStatus(text); }
 
     // What the front end shows.
     [[nodiscard]] EngineState engineState() const { return engineState_; }

@@ -45,8 +45,11 @@ std::string dialFromUrl(const std::string& url) {
         return scheme + ":" + rest;
     }
     if (scheme == "tel") {
-        // A tel URI's parameters (";phone-context=...") and separators go.
-        return dialable(percentDecoded(rest.substr(0, rest.find(';'))));
+        // A tel URI's parameters (";phone-context=...") and its visual
+        // separators ("-", ".", "(", ")") go.
+        std::string number = percentDecoded(rest.substr(0, rest.find(';')));
+        std::erase_if(number, [](char c) { return c == '-' || c == '.'; });
+        return dialable(number);
     }
     if (scheme == "callto") {
         while (!rest.empty() && rest.front() == '/') rest.erase(0, 1);

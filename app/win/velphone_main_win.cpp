@@ -11,24 +11,12 @@
 #include <vector>
 
 #include "app/win/app_win.h"
+#include "app/win/text_win.h"
 
 namespace {
 
-std::string utf8(const wchar_t* text) {
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (size <= 1) return {};
-    std::string out(static_cast<size_t>(size - 1), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), size, nullptr, nullptr);
-    return out;
-}
-
-std::wstring wide(const std::string& text) {
-    const int size = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);
-    if (size <= 1) return {};
-    std::wstring out(static_cast<size_t>(size - 1), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, out.data(), size);
-    return out;
-}
+using velphone::utf8;
+using velphone::wide;
 
 // Gives the running phone our arguments and the right to take the foreground.
 void forwardToRunningPhone(const std::vector<std::string>& args) {
