@@ -251,7 +251,7 @@ def run(args):
             raise Failure(f"{needed} is missing: build the native default preset first "
                           "(cmake --preset default && cmake --build --preset default), "
                           "or set VELMORA_NATIVE_BUILD_DIR to its build folder")
-    for tool in ("Xvfb", "xdotool", "xclip", "import", "convert", "tesseract", "espeak-ng", "sox"):
+    for tool in ("Xvfb", "xdotool", "xwininfo", "xclip", "import", "convert", "tesseract", "espeak-ng", "sox"):
         if not shutil.which(tool):
             raise Failure(f"{tool} is not installed (bash scripts/setup installs it)")
 
@@ -305,8 +305,10 @@ def run(args):
         # Close hides the window to the tray; the phone keeps running.
         window.keys("alt+F4")
         wait_until("the window to hide on Close", lambda: not window.visible(), 15)
-        if phone.poll() is not None:
-            raise Failure(f"the phone quit on Close (exit code {phone.returncode}) instead of going to the tray")
+        # Hidden, not destroyed: a window that closed would leave no X window behind.
+        state = desktop.x("xwininfo", "-id", window.id, check=False)
+        if "IsUnMapped" not in state or phone.poll() is not None:
+            raise Failure("Close ended the phone instead of hiding it to the tray")
         log("Close hid the window; the phone still runs")
 
         # A second start with a URL shows the window and dials the terminal phone.
