@@ -187,7 +187,8 @@ public:
     std::wstring numberFamily() const override { return numberFamily_; }
 
     void paint(const PhoneView& view, const Layout& layout) override {
-        if (!window_ || !makeTarget() || !makeFormats(layout.dpi)) return;
+        if (!window_ || !makeTarget()) return;
+        makeFormats(layout.dpi);
         scale_ = static_cast<float>(layout.dpi) / 96.0f;
         target_->BeginDraw();
         target_->SetTransform(D2D1::Matrix3x2F::Identity());
@@ -294,8 +295,10 @@ private:
         target_.reset();
     }
 
-    bool makeFormats(int dpi) {
-        if (formatsDpi_ == dpi) return true;
+    // A style whose format cannot be made draws no text; the rest of the window still draws.
+    void makeFormats(int dpi) {
+        if (formatsDpi_ == dpi) return;
+        formatsDpi_ = dpi;
         const float scale = static_cast<float>(dpi) / 96.0f;
         for (size_t i = 0; i < kStyles; ++i) {
             const StyleSpec& spec = kStyleSpecs[i];
@@ -303,7 +306,7 @@ private:
             if (FAILED(write_->CreateTextFormat((spec.mono ? numberFamily_ : textFamily_).c_str(), nullptr,
                                                 spec.weight, DWRITE_FONT_STYLE_NORMAL, DWRITE_FONT_STRETCH_NORMAL,
                                                 spec.size * scale, L"en-us", format.out())))
-                return false;
+                continue;
             format->SetWordWrapping(spec.wrap ? DWRITE_WORD_WRAPPING_WRAP : DWRITE_WORD_WRAPPING_NO_WRAP);
             format->SetParagraphAlignment(DWRITE_PARAGRAPH_ALIGNMENT_CENTER);
             Com<IDWriteInlineObject> ellipsis;
@@ -311,8 +314,6 @@ private:
             if (!spec.wrap && SUCCEEDED(write_->CreateEllipsisTrimmingSign(format.get(), ellipsis.out())))
                 format->SetTrimming(&trimming, ellipsis.get());
         }
-        formatsDpi_ = dpi;
-        return true;
     }
 
     // --- primitives ---
@@ -340,6 +341,7 @@ private:
     void text(std::wstring_view s, const D2D1_RECT_F& box, Style style, const D2D1_COLOR_F& c,
               DWRITE_TEXT_ALIGNMENT align = DWRITE_TEXT_ALIGNMENT_CENTER) {
         IDWriteTextFormat* format = formats_[static_cast<size_t>(style)].get();
+        if (!format) return;
         format->SetTextAlignment(align);
         target_->DrawText(s.data(), static_cast<UINT32>(s.size()), format, box, brush(c),
                           D2D1_DRAW_TEXT_OPTIONS_CLIP);
@@ -348,7 +350,8 @@ private:
     float textWidth(std::wstring_view s, Style style) {
         Com<IDWriteTextLayout> layout;
         DWRITE_TEXT_METRICS metrics{};
-        if (FAILED(write_->CreateTextLayout(s.data(), static_cast<UINT32>(s.size()),
+        if (!formats_[static_cast<size_t>(style)] ||
+            FAILED(write_->CreateTextLayout(s.data(), static_cast<UINT32>(s.size()),
                                             formats_[static_cast<size_t>(style)].get(), 10000.0f, 1000.0f,
                                             layout.out())) ||
             FAILED(layout->GetMetrics(&metrics)))
@@ -509,6 +512,9 @@ private:
             const Rect badge{r.right - edge / 2 - size, r.bottom - edge / 2 - size, r.right - edge / 2,
                              r.bottom - edge / 2};
             const bool onAccent = view.doNotDisturb;
+            // A rim in the button's colour keeps the badge apart from the moon.
+            fillRound(inset(badge, -px(1.0f)), static_cast<float>(size) / 2.0f + static_cast<float>(px(1.0f)),
+                      view.doNotDisturb ? face.fill : color(p.surface));
             fillRound(badge, static_cast<float>(size) / 2.0f, color(onAccent ? p.onAccent : p.accent));
             text(L"A", rectF(badge), Badge, color(onAccent ? p.accent : p.onAccent));
         }
