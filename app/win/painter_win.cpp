@@ -203,7 +203,7 @@ public:
             drawAudio(view, Element::Speaker, layout.speaker);
         } else if (!view.emptyText.empty()) {
             const Rect page{0, layout.tabs[0].bottom, layout.client.width, layout.status.top};
-            text(view.emptyText, rectF(inset(page, px(24), px(16))), EmptyText, color(palette().muted),
+            text(view.emptyText, rectF(inset(page, px(24.0f), px(16.0f))), EmptyText, color(palette().muted),
                  DWRITE_TEXT_ALIGNMENT_CENTER);
         }
         drawStatus(view, layout.status);
