@@ -11,7 +11,7 @@
 #      the data folder too.
 # Usage: installer_test.sh SETUP.EXE WORK_FOLDER
 # The work folder is emptied first; the test starts Xvfb and Wine's server and
-# stops both when it ends, passing or failing.
+# stops both when it ends, passing or failing. A passing run deletes its prefix.
 set -euo pipefail
 
 setup=$1
@@ -47,6 +47,8 @@ cleanup() {
   if ((status != 0)) && [[ -s "$log" ]]; then
     echo "---- last lines of $log ----"
     tail -n 30 "$log"
+  elif ((status == 0)); then
+    rm -rf "$WINEPREFIX" # some 700 MB; a failed run keeps it to look into
   fi
   echo "installer test: $( ((status == 0)) && echo passed || echo FAILED ) in $((SECONDS - start)) s"
 }
@@ -68,10 +70,12 @@ wait_for() {
   done
 }
 
-# Runs a Windows program, its output to the log, never to CTest's pipe (a
-# Wine service started on the way would hold that open).
+# Runs a Windows program to its end, for at most two minutes (an installer
+# stuck on a dialog fails the test rather than hanging it), its output to the
+# log, never to CTest's pipe (a Wine service started on the way would hold
+# that open).
 run_wine() {
-  "$wine" "$@" </dev/null >>"$log" 2>&1
+  timeout 120 "$wine" "$@" </dev/null >>"$log" 2>&1
 }
 
 # Prints a registry value's data, or fails (status 1) when there is none. An
