@@ -4,6 +4,6 @@
 if(TARGET velphone_setup)
   add_test(NAME installer
            COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/installer_test.sh
-                   ${CMAKE_BINARY_DIR}/VelmoraPhoneSetup.exe ${CMAKE_BINARY_DIR}/installer-test)
+                   ${CMAKE_BINARY_DIR}/installer/VelmoraPhoneSetup.exe ${CMAKE_BINARY_DIR}/installer-test)
   set_tests_properties(installer PROPERTIES TIMEOUT 300 LABELS win)
 endif()
