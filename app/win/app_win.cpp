@@ -21,6 +21,7 @@
 #include "app/win/layout.h"
 #include "app/win/pages_win.h"
 #include "app/win/painter_win.h"
+#include "app/win/resources/resource_ids.h"
 #include "app/win/text_win.h"
 
 namespace velphone {
@@ -157,9 +158,13 @@ bool WindowApp::create(std::string* error) {
     windowClass.hInstance = instance_;
     windowClass.lpszClassName = kWindowClass;
     windowClass.hCursor = LoadCursorW(nullptr, IDC_ARROW);
-    windowClass.hIcon = LoadIconW(instance_, MAKEINTRESOURCEW(1));
+    windowClass.hIcon = LoadIconW(instance_, MAKEINTRESOURCEW(IDI_VELPHONE));
     if (!windowClass.hIcon) windowClass.hIcon = LoadIconW(nullptr, IDI_APPLICATION);
-    windowClass.hIconSm = windowClass.hIcon;
+    // The small icon (title bar, tray) from its own drawn frame, not a shrunken large one.
+    windowClass.hIconSm = static_cast<HICON>(LoadImageW(instance_, MAKEINTRESOURCEW(IDI_VELPHONE), IMAGE_ICON,
+                                                        GetSystemMetrics(SM_CXSMICON), GetSystemMetrics(SM_CYSMICON),
+                                                        LR_DEFAULTCOLOR));
+    if (!windowClass.hIconSm) windowClass.hIconSm = windowClass.hIcon;
     RegisterClassExW(&windowClass);
     taskbarCreated_ = RegisterWindowMessageW(L"TaskbarCreated");
 
