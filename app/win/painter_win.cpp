@@ -5,6 +5,7 @@
 #include "app/win/painter_win.h"
 
 #include <d2d1.h>
+#include <wrl/client.h>
 #include <d2d1helper.h>
 #include <dwrite.h>
 
@@ -20,36 +21,9 @@
 namespace velphone {
 namespace {
 
-// Owns one COM reference.
+// One COM reference, held by the platform's own smart pointer.
 template <class T>
-class Com {
-public:
-    Com() = default;
-    ~Com() { reset(); }
-    Com(const Com&) = delete;
-    Com& operator=(const Com&) = delete;
-    Com(Com&& other) noexcept : p_(std::exchange(other.p_, nullptr)) {}
-    Com& operator=(Com&& other) noexcept {
-        if (this != &other) {
-            reset();
-            p_ = std::exchange(other.p_, nullptr);
-        }
-        return *this;
-    }
-    void reset() {
-        if (p_) std::exchange(p_, nullptr)->Release();
-    }
-    T** out() {
-        reset();
-        return &p_;
-    }
-    T* get() const { return p_; }
-    T* operator->() const { return p_; }
-    explicit operator bool() const { return p_ != nullptr; }
-
-private:
-    T* p_ = nullptr;
-};
+using Com = Microsoft::WRL::ComPtr<T>;
 
 // A device loss: the render target has to be made again.
 constexpr unsigned long kRecreateTarget = 0x8899000CUL;
@@ -133,8 +107,8 @@ std::wstring firstPresent(IDWriteFontCollection* fonts, std::initializer_list<co
 std::wstring firstFamily(IDWriteFontCollection* fonts) {
     Com<IDWriteFontFamily> family;
     Com<IDWriteLocalizedStrings> names;
-    if (fonts->GetFontFamilyCount() == 0 || FAILED(fonts->GetFontFamily(0, family.out())) ||
-        FAILED(family->GetFamilyNames(names.out())))
+    if (fonts->GetFontFamilyCount() == 0 || FAILED(fonts->GetFontFamily(0, family.ReleaseAndGetAddressOf())) ||
+        FAILED(family->GetFamilyNames(names.ReleaseAndGetAddressOf())))
         return {};
     UINT32 index = 0, length = 0;
     BOOL exists = FALSE;
@@ -158,9 +132,9 @@ class D2DPainter final : public Painter {
 public:
     bool init() {
         if (FAILED(D2D1CreateFactory(D2D1_FACTORY_TYPE_SINGLE_THREADED, __uuidof(ID2D1Factory), nullptr,
-                                     reinterpret_cast<void**>(factory_.out()))) ||
+                                     reinterpret_cast<void**>(factory_.ReleaseAndGetAddressOf()))) ||
             FAILED(DWriteCreateFactory(DWRITE_FACTORY_TYPE_SHARED, __uuidof(IDWriteFactory),
-                                       reinterpret_cast<IUnknown**>(write_.out()))))
+                                       reinterpret_cast<IUnknown**>(write_.ReleaseAndGetAddressOf()))))
             return false;
         chooseFamilies();
         for (int i = 0; i < kIconCount; ++i) icons_[static_cast<size_t>(i)] = makeIcon(static_cast<Icon>(i));
@@ -234,11 +208,11 @@ private:
 
     void chooseFamilies() {
         Com<IDWriteFontCollection> fonts;
-        if (SUCCEEDED(write_->GetSystemFontCollection(fonts.out(), FALSE))) {
-            textFamily_ = firstPresent(fonts.get(), {L"Segoe UI", L"Tahoma", L"Arial", L"DejaVu Sans",
+        if (SUCCEEDED(write_->GetSystemFontCollection(fonts.ReleaseAndGetAddressOf(), FALSE))) {
+            textFamily_ = firstPresent(fonts.Get(), {L"Segoe UI", L"Tahoma", L"Arial", L"DejaVu Sans",
                                                      L"Liberation Sans", L"Noto Sans"});
-            if (textFamily_.empty()) textFamily_ = firstFamily(fonts.get());
-            numberFamily_ = firstPresent(fonts.get(), {L"Consolas", L"Lucida Console", L"Courier New",
+            if (textFamily_.empty()) textFamily_ = firstFamily(fonts.Get());
+            numberFamily_ = firstPresent(fonts.Get(), {L"Consolas", L"Lucida Console", L"Courier New",
                                                        L"DejaVu Sans Mono", L"Liberation Mono", L"Noto Sans Mono"});
         }
         if (textFamily_.empty()) textFamily_ = L"Segoe UI";
@@ -250,7 +224,7 @@ private:
         Com<ID2D1PathGeometry> geometry;
         Com<ID2D1GeometrySink> sink;
         const std::optional<Path> path = parseSvgPath(iconPath(icon));
-        if (!path || FAILED(factory_->CreatePathGeometry(geometry.out())) || FAILED(geometry->Open(sink.out())))
+        if (!path || FAILED(factory_->CreatePathGeometry(geometry.ReleaseAndGetAddressOf())) || FAILED(geometry->Open(sink.ReleaseAndGetAddressOf())))
             return {};
         sink->SetFillMode(D2D1_FILL_MODE_WINDING);
         const auto point = [](const PathPoint& p) {
@@ -290,8 +264,8 @@ private:
         const D2D1_RENDER_TARGET_PROPERTIES properties = D2D1::RenderTargetProperties(
             D2D1_RENDER_TARGET_TYPE_DEFAULT, D2D1::PixelFormat(DXGI_FORMAT_B8G8R8A8_UNORM, D2D1_ALPHA_MODE_IGNORE),
             96.0f, 96.0f);
-        if (FAILED(factory_->CreateDCRenderTarget(&properties, target_.out())) ||
-            FAILED(target_->CreateSolidColorBrush(color(0), brush_.out()))) {
+        if (FAILED(factory_->CreateDCRenderTarget(&properties, target_.ReleaseAndGetAddressOf())) ||
+            FAILED(target_->CreateSolidColorBrush(color(0), brush_.ReleaseAndGetAddressOf()))) {
             dropTarget();
             return false;
         }
@@ -299,8 +273,8 @@ private:
     }
 
     void dropTarget() {
-        brush_.reset();
-        target_.reset();
+        brush_.Reset();
+        target_.Reset();
     }
 
     // A style whose format cannot be made draws no text; the rest of the window still draws.
@@ -313,14 +287,14 @@ private:
             Com<IDWriteTextFormat>& format = formats_[i];
             if (FAILED(write_->CreateTextFormat((spec.mono ? numberFamily_ : textFamily_).c_str(), nullptr,
                                                 spec.weight, DWRITE_FONT_STYLE_NORMAL, DWRITE_FONT_STRETCH_NORMAL,
-                                                spec.size * scale, L"en-us", format.out())))
+                                                spec.size * scale, L"en-us", format.ReleaseAndGetAddressOf())))
                 continue;
             format->SetWordWrapping(spec.wrap ? DWRITE_WORD_WRAPPING_WRAP : DWRITE_WORD_WRAPPING_NO_WRAP);
             format->SetParagraphAlignment(DWRITE_PARAGRAPH_ALIGNMENT_CENTER);
             Com<IDWriteInlineObject> ellipsis;
             const DWRITE_TRIMMING trimming{DWRITE_TRIMMING_GRANULARITY_CHARACTER, 0, 0};
-            if (!spec.wrap && SUCCEEDED(write_->CreateEllipsisTrimmingSign(format.get(), ellipsis.out())))
-                format->SetTrimming(&trimming, ellipsis.get());
+            if (!spec.wrap && SUCCEEDED(write_->CreateEllipsisTrimmingSign(format.Get(), ellipsis.ReleaseAndGetAddressOf())))
+                format->SetTrimming(&trimming, ellipsis.Get());
         }
     }
 
@@ -328,7 +302,7 @@ private:
 
     ID2D1SolidColorBrush* brush(const D2D1_COLOR_F& c) {
         brush_->SetColor(c);
-        return brush_.get();
+        return brush_.Get();
     }
 
     void fill(const Rect& r, const D2D1_COLOR_F& c) { target_->FillRectangle(rectF(r), brush(c)); }
@@ -348,7 +322,7 @@ private:
 
     void text(std::wstring_view s, const D2D1_RECT_F& box, Style style, const D2D1_COLOR_F& c,
               DWRITE_TEXT_ALIGNMENT align = DWRITE_TEXT_ALIGNMENT_CENTER) {
-        IDWriteTextFormat* format = formats_[static_cast<size_t>(style)].get();
+        IDWriteTextFormat* format = formats_[static_cast<size_t>(style)].Get();
         if (!format) return;
         format->SetTextAlignment(align);
         target_->DrawText(s.data(), static_cast<UINT32>(s.size()), format, box, brush(c),
@@ -360,8 +334,8 @@ private:
         DWRITE_TEXT_METRICS metrics{};
         if (!formats_[static_cast<size_t>(style)] ||
             FAILED(write_->CreateTextLayout(s.data(), static_cast<UINT32>(s.size()),
-                                            formats_[static_cast<size_t>(style)].get(), 10000.0f, 1000.0f,
-                                            layout.out())) ||
+                                            formats_[static_cast<size_t>(style)].Get(), 10000.0f, 1000.0f,
+                                            layout.ReleaseAndGetAddressOf())) ||
             FAILED(layout->GetMetrics(&metrics)))
             return 0.0f;
         return metrics.widthIncludingTrailingWhitespace;
@@ -369,7 +343,7 @@ private:
 
     // The icon at `size` pixels with its box's top left corner at (x, y).
     void icon(Icon which, int x, int y, int size, const D2D1_COLOR_F& c) {
-        ID2D1PathGeometry* geometry = icons_[static_cast<size_t>(which)].get();
+        ID2D1PathGeometry* geometry = icons_[static_cast<size_t>(which)].Get();
         if (!geometry) return;
         const float k = static_cast<float>(size) / 24.0f;
         target_->SetTransform(D2D1::Matrix3x2F::Scale(k, k) *
