@@ -8,6 +8,7 @@
 #include <shellapi.h>
 #include <shlobj.h>
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <functional>
@@ -20,6 +21,7 @@
 #include "app/win/layout.h"
 #include "app/win/pages_win.h"
 #include "app/win/painter_win.h"
+#include "app/win/resources/resource_ids.h"
 #include "app/win/text_win.h"
 
 namespace velphone {
@@ -156,9 +158,13 @@ bool WindowApp::create(std::string* error) {
     windowClass.hInstance = instance_;
     windowClass.lpszClassName = kWindowClass;
     windowClass.hCursor = LoadCursorW(nullptr, IDC_ARROW);
-    windowClass.hIcon = LoadIconW(instance_, MAKEINTRESOURCEW(1));
+    windowClass.hIcon = LoadIconW(instance_, MAKEINTRESOURCEW(IDI_VELPHONE));
     if (!windowClass.hIcon) windowClass.hIcon = LoadIconW(nullptr, IDI_APPLICATION);
-    windowClass.hIconSm = windowClass.hIcon;
+    // The small icon (title bar, tray) from its own drawn frame, not a shrunken large one.
+    windowClass.hIconSm = static_cast<HICON>(LoadImageW(instance_, MAKEINTRESOURCEW(IDI_VELPHONE), IMAGE_ICON,
+                                                        GetSystemMetrics(SM_CXSMICON), GetSystemMetrics(SM_CYSMICON),
+                                                        LR_DEFAULTCOLOR));
+    if (!windowClass.hIconSm) windowClass.hIconSm = windowClass.hIcon;
     RegisterClassExW(&windowClass);
     taskbarCreated_ = RegisterWindowMessageW(L"TaskbarCreated");
 
@@ -206,7 +212,7 @@ bool WindowApp::create(std::string* error) {
     std::string folderError;
     const bool loaded = core_->load(&folderError);
 
-    number_ = CreateWindowExW(0, L"EDIT", L"", WS_CHILD | WS_VISIBLE | WS_TABSTOP | ES_AUTOHSCROLL | ES_CENTER, 0, 0,
+    number_ = CreateWindowExW(0, L"EDIT", L"", WS_CHILD | WS_VISIBLE | WS_TABSTOP | ES_AUTOHSCROLL, 0, 0,
                               0, 0, window_, reinterpret_cast<HMENU>(static_cast<INT_PTR>(kNumberField)), instance_,
                               nullptr);
     SendMessageW(number_, EM_SETCUEBANNER, TRUE, reinterpret_cast<LPARAM>(L"Dial key redials"));
@@ -443,17 +449,17 @@ PhoneView WindowApp::view() const {
     for (size_t i = 0; i < PhoneCore::kLines; ++i) {
         const PhoneLine& line = core_->lines()[i];
         LineView& shown = view.lines[i];
+        // Idle: "Line N". Busy: the state (with the call's duration) over the
+        // other party, without "sip:"; a waiting call asks to be clicked.
         std::string text = "Line " + std::to_string(i + 1);
+        shown.waiting = line.state == LineState::Ringing && line.incoming;
         if (line.state != LineState::Idle) {
             const std::string who = line.name.empty() ? line.number : line.name;
-            text += ": " + line.text;
+            const std::string shownWho = who.rfind("sip:", 0) == 0 ? who.substr(4) : who;
+            text = shown.waiting ? "(click to take it)" : line.text;
             if (line.connected > 0 && live(line.state)) text += " " + formatDuration(now - line.connected);
-            // The caller on a second row, without "sip:" (the line text may name them already).
-            std::string shownWho = who.rfind("sip:", 0) == 0 ? who.substr(4) : who;
-            if (!shownWho.empty() && line.text.find(who) == std::string::npos) text += "\n" + shownWho;
+            if (!shownWho.empty()) text += "\n" + shownWho;
         }
-        shown.waiting = line.state == LineState::Ringing && line.incoming;
-        if (shown.waiting) text += " (click to take it)";
         shown.text = wide(text);
         shown.icon = line.state == LineState::Ringing || line.state == LineState::Calling ? Icon::LineRinging
                      : line.state == LineState::Talking                                    ? Icon::LineTalking
@@ -473,7 +479,7 @@ PhoneView WindowApp::view() const {
     if (const FormPage* shown = page()) view.emptyText = shown->emptyText();
     view.hot = hot_;
     view.pressed = pressed_;
-    view.focused = focused_;
+    view.focused = GetFocus() == number_ ? Hit{Element::NumberField} : focused_;
     return view;
 }
 
@@ -652,7 +658,12 @@ AccessibleControl WindowApp::describe(const Hit& hit) const {
     const auto index = static_cast<size_t>(hit.index);
     switch (hit.element) {
         case Element::Tab: return {kTabNames[index], at(layout_.tabs[index]), tab_ == static_cast<Tab>(hit.index)};
-        case Element::Line: return {view().lines[index].text, at(layout_.lines[index])};
+        case Element::Line: {
+            std::wstring name = view().lines[index].text;
+            if (name.rfind(L"Line ", 0) != 0) name = L"Line " + std::to_wstring(index + 1) + L": " + name;
+            std::replace(name.begin(), name.end(), L'\n', L' ');
+            return {name, at(layout_.lines[index])};
+        }
         case Element::Key: return {std::wstring(1, static_cast<wchar_t>(hit.key)), at(layout_.keys[index])};
         case Element::Tool: {
             const bool checked = (hit.index == kRecord && core_->recording()) ||
