@@ -156,9 +156,12 @@ class Desktop:
         for window in self.x("xdotool", "search", "--onlyvisible", "--class", "explorer.exe", check=False).split():
             if self.x("xdotool", "getwindowname", window, check=False).strip():
                 continue
-            geometry = dict(line.split("=", 1) for line in
-                            self.x("xdotool", "getwindowgeometry", "--shell", window).split())
-            return window, self.shoot(path, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
+            try:  # it may go between the search and here
+                geometry = dict(line.split("=", 1) for line in
+                                self.x("xdotool", "getwindowgeometry", "--shell", window).split())
+                return window, self.shoot(path, *(int(geometry[k]) for k in ("X", "Y", "WIDTH", "HEIGHT")))
+            except Failure:
+                continue
         return None
 
     def x(self, *args, check=True):
