@@ -284,6 +284,8 @@ def run(args):
     window_heard, bob_heard = os.path.join(run_dir, "window-heard.wav"), os.path.join(run_dir, "bob-heard.wav")
     seed(os.path.join(run_dir, "alice"), "alice")
     port, bob_port = free_port(), free_port()
+    while bob_port == port:
+        bob_port = free_port()
 
     with Desktop(os.path.join(work, "wineprefix"), run_dir) as desktop:
         phone = desktop.start([WINE, args.exe, "--data", windows_path(os.path.join(run_dir, "alice")),
