@@ -161,7 +161,9 @@ void SoftphoneEngine::Impl::stop() {
     if (!agent) return;
     constexpr auto kWait = std::chrono::milliseconds(3000);
     if (registered) log::info(kEngineTag, "un-registering before shutdown");
-    if (!agent->shutdown(registered ? kWait : std::chrono::milliseconds(0)) && registered) {
+    // Calls still up are hung up; their BYEs get the same bounded wait.
+    const bool calls = !agent->calls().empty();
+    if (!agent->shutdown(registered || calls ? kWait : std::chrono::milliseconds(0)) && registered) {
         log::warn(kEngineTag, "no answer to the un-REGISTER within " + std::to_string(kWait.count()) + " ms");
     }
     agent->setListener(nullptr);

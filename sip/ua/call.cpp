@@ -485,6 +485,21 @@ bool Calls::hangupCall(int id) {
     return false;
 }
 
+size_t Calls::hangupAll() {
+    std::vector<int> ids;
+    for (const auto& [id, call] : calls_) ids.push_back(id);
+    size_t asked = 0;
+    for (const int id : ids)
+        if (hangupCall(id)) ++asked;
+    return asked;
+}
+
+bool Calls::ending() const {
+    for (const auto& [id, call] : calls_)
+        if (call->state != CallState::Terminated) return true;
+    return false;
+}
+
 bool Calls::holdCall(int id, bool hold) {
     Call* call = findCall(id);
     if (call == nullptr || call->state != CallState::Connected || !call->reofferKey.empty()) return false;

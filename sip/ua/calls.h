@@ -34,6 +34,11 @@ public:
     [[nodiscard]] size_t count() const { return calls_.size(); }
     [[nodiscard]] std::optional<CallInfo> callInfo(int id) const;
     [[nodiscard]] std::shared_ptr<MediaSession> callMedia(int id) const;
+    // Ends every call as its user would: BYE, CANCEL or a decline. Returns
+    // how many were asked to end.
+    size_t hangupAll();
+    // Some call still waits for the far end to confirm its end.
+    [[nodiscard]] bool ending() const;
     // Closes every call's media and forgets the calls.
     void stop();
 

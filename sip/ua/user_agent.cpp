@@ -118,19 +118,22 @@ void UserAgent::Impl::stop() {
 
 size_t UserAgent::Impl::shutdown() {
     if (!ctx_.started) return 0;
+    // Calls end as if hung up, so the far phones do not keep dead calls.
     // What we told servers about ourselves is taken back: subscriptions end
     // with an un-SUBSCRIBE, the published presence with a removal, lines
     // with an un-REGISTER. The caller waits for the answers to all of them.
+    size_t ended = calls_.hangupAll();
     subscriptions_.unsubscribeAll();
     for (const int id : lines_.ids()) withdrawPresence(*lines_.find(id));
     size_t sent = lines_.unregisterAll();
     sent += subscriptions_.pendingWithdrawals();
     sent += publication_.pending();
-    return sent;
+    return sent + ended;
 }
 
 bool UserAgent::Impl::pendingWithdrawals() const {
-    return subscriptions_.pendingWithdrawals() > 0 || publication_.pending() > 0 || lines_.pendingUnregisters();
+    return subscriptions_.pendingWithdrawals() > 0 || publication_.pending() > 0 || lines_.pendingUnregisters() ||
+           calls_.ending();
 }
 
 bool UserAgent::Impl::removeLine(int id) {

@@ -1,4 +1,5 @@
-// User agents calling each other peer to peer on loopback: an attended transfer with Replaces.
+// User agents calling each other peer to peer on loopback: an attended transfer with Replaces,
+// and a phone that shuts down with calls up.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -81,6 +82,23 @@ TEST(CallLoopbackTest, AttendedTransferReplacesTheConsultationCall) {
     EXPECT_TRUE(carol.events->reaches(c1, "Terminated Replaced"));
     EXPECT_TRUE(bob.events->reaches(b2, "Terminated"));
     EXPECT_TRUE(test::waitFor([&] { return bob.events->transfer == 200; }, 5s));
+}
+
+// A phone that quits mid-call hangs up first: the connected call gets its
+// BYE and the one still ringing its CANCEL, so no far phone keeps a dead call.
+TEST(CallLoopbackTest, ShutdownEndsEveryCall) {
+    Phone alice("alice");
+    Phone bob("bob");
+    Phone carol("carol");
+    const int talking = alice.ua->makeCall(alice.lineId, bob.uri);
+    const int b = bob.answerNext(0);
+    ASSERT_TRUE(alice.events->reaches(talking, "Connected"));
+    (void)alice.ua->makeCall(alice.lineId, carol.uri);
+    ASSERT_TRUE(test::waitFor([&] { return carol.events->incoming > 0; }, 5s));
+    const int c = carol.events->incoming;
+    EXPECT_TRUE(alice.ua->shutdown(1s));
+    EXPECT_TRUE(bob.events->reaches(b, "Terminated Remote hangup"));
+    EXPECT_TRUE(carol.events->reaches(c, "Terminated"));
 }
 
 }  // namespace
