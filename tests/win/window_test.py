@@ -37,7 +37,7 @@ PAGE_WORDS = {
 KEYS = "123456789*0#"
 LINE_1 = (10, 92, 156, 128)
 STATUS = (0, 532, 320, 560)
-TOOL_HANGUP = 1
+TOOL_CALL, TOOL_HANGUP = 0, 1
 
 
 class Failure(Exception):
@@ -341,11 +341,13 @@ def run(args):
         bob_log = os.path.join(run_dir, "bob.log")
         bob_script = os.path.join(run_dir, "bob.txt")
         with open(bob_script, "w") as script:
-            script.write("wait-for line 1: Talking within 120\nwait-for line 1: Call ended within 120\nquit\n")
+            # Two calls; "recent" moves the point wait-for looks after past the first.
+            script.write("wait-for line 1: Talking within 120\nwait-for line 1: Call ended within 120\nrecent\n"
+                         "wait-for line 1: Talking within 60\nwait-for line 1: Call ended within 60\nquit\n")
         bob = desktop.start([cli, "--data", os.path.join(run_dir, "bob"), "--user", "bob", "--bind", "127.0.0.1",
                              "--port", str(bob_port), "--auto-answer", "--play", bob_wav, "--record-heard",
                              bob_heard, "--script", bob_script], "bob.log", env=dict(os.environ))
-        bob_says = lambda text: text in open(bob_log).read()
+        bob_says = lambda text, times=1: open(bob_log).read().count(text) >= times
         wait_until("velphone-cli to start", lambda: bob_says("Ready (peer to peer)"), 20)
         second = desktop.start([WINE, args.exe, f"sip:bob@127.0.0.1:{bob_port}"], "velphone-second.log")
         wait_until("the second start to hand over and quit", lambda: second.poll() is not None, 60)
@@ -358,10 +360,18 @@ def run(args):
         log(f"in a call with velphone-cli: {shot('call')}")
         window.click(10 + 300 * (TOOL_HANGUP + 0.5) / 9, 452)
         wait_until("velphone-cli to see the call end", lambda: bob_says("line 1: Call ended"), 15)
-        wait_until("velphone-cli to quit", lambda: bob.poll() is not None, 15)
         window.click(TABS["recent"] * 80 + 40, 16)
         shows(window, os.path.join(run_dir, "recent-after.png"), ["bob", "sip:b"])
         log("the call is in the Recent list")
+
+        # With the number field empty the Call button redials; Esc hangs up.
+        window.click(TABS["phone"] * 80 + 40, 16)
+        window.click(10 + 300 * (TOOL_CALL + 0.5) / 9, 452)
+        wait_until("the Call button to redial velphone-cli", lambda: bob_says("line 1: Talking", 2), 30)
+        window.keys("Escape")
+        wait_until("Esc to end the redialed call", lambda: bob_says("line 1: Call ended", 2), 15)
+        wait_until("velphone-cli to quit", lambda: bob.poll() is not None, 15)
+        log("the Call button redials, Esc hangs up")
 
         # --exit from another start ends the phone, which writes what it heard.
         desktop.start([WINE, args.exe, "--exit"], "velphone-exit.log")
