@@ -4,18 +4,18 @@ from Linux with xdotool and read back with screenshots, OCR and the clipboard.
 
 One run, in order: the phone starts with a seeded peer-to-peer account and
 WAV sound; each page is shown by its tab, photographed and recognised; keypad
-clicks put digits in the number field; Close hides the window to the tray
-while the phone keeps running; a second start with a sip: URL shows the window
-again and calls a native velphone-cli, which answers; both hear the other's
-sentence; the HangUp button ends the call; "velphone.exe --exit" ends the
-phone, which writes what it heard.
+clicks put digits in the number field; Close hides the window to the tray,
+with a balloon, while the phone keeps running; a second start with a sip: URL
+shows the window again and calls a native velphone-cli, which answers; both
+hear the other's sentence; the HangUp button ends the call, which Recent then
+lists; the Call button with an empty number redials and Esc hangs up;
+"velphone.exe --exit" ends the phone, which writes what it heard.
 
 Every program it starts (Xvfb, wineserver, the phones) it also stops.
 """
 import argparse
 import contextlib
 import os
-import re
 import shutil
 import socket
 import subprocess
