@@ -283,17 +283,17 @@ private:
         formatsDpi_ = dpi;
         const float scale = static_cast<float>(dpi) / 96.0f;
         for (size_t i = 0; i < kStyles; ++i) {
-            const StyleSpec& spec = kStyleSpecs[i];
+            const StyleSpec& style = kStyleSpecs[i];
             Com<IDWriteTextFormat>& format = formats_[i];
-            if (FAILED(write_->CreateTextFormat((spec.mono ? numberFamily_ : textFamily_).c_str(), nullptr,
-                                                spec.weight, DWRITE_FONT_STYLE_NORMAL, DWRITE_FONT_STRETCH_NORMAL,
-                                                spec.size * scale, L"en-us", format.ReleaseAndGetAddressOf())))
+            if (FAILED(write_->CreateTextFormat((style.mono ? numberFamily_ : textFamily_).c_str(), nullptr,
+                                                style.weight, DWRITE_FONT_STYLE_NORMAL, DWRITE_FONT_STRETCH_NORMAL,
+                                                style.size * scale, L"en-us", format.ReleaseAndGetAddressOf())))
                 continue;
-            format->SetWordWrapping(spec.wrap ? DWRITE_WORD_WRAPPING_WRAP : DWRITE_WORD_WRAPPING_NO_WRAP);
+            format->SetWordWrapping(style.wrap ? DWRITE_WORD_WRAPPING_WRAP : DWRITE_WORD_WRAPPING_NO_WRAP);
             format->SetParagraphAlignment(DWRITE_PARAGRAPH_ALIGNMENT_CENTER);
             Com<IDWriteInlineObject> ellipsis;
             const DWRITE_TRIMMING trimming{DWRITE_TRIMMING_GRANULARITY_CHARACTER, 0, 0};
-            if (!spec.wrap && SUCCEEDED(write_->CreateEllipsisTrimmingSign(format.Get(), ellipsis.ReleaseAndGetAddressOf())))
+            if (!style.wrap && SUCCEEDED(write_->CreateEllipsisTrimmingSign(format.Get(), ellipsis.ReleaseAndGetAddressOf())))
                 format->SetTrimming(&trimming, ellipsis.Get());
         }
     }
