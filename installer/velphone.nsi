@@ -297,7 +297,19 @@ Section "un.${PRODUCT}"
   ; Only our own files: the folder goes when nothing else is in it, so a
   ; folder chosen by hand (say, one holding other files) keeps the rest.
   Delete "$INSTDIR\${EXE}"
-  Delete "$INSTDIR\${UNINSTALLER}"
+  ; This runs from a copy in the temp folder; the uninstaller it was started
+  ; from may not have exited yet and still hold its file. Retried for up to 10 s.
+  StrCpy $R1 0
+  ${Do}
+    ClearErrors
+    Delete "$INSTDIR\${UNINSTALLER}"
+    ${IfNot} ${Errors}
+    ${OrIf} $R1 >= 100
+      ${ExitDo}
+    ${EndIf}
+    Sleep 100
+    IntOp $R1 $R1 + 1
+  ${Loop}
   RMDir "$INSTDIR"
 SectionEnd
 
