@@ -178,6 +178,32 @@ bool RtpSession::send(Channel channel, std::span<const uint8_t> bytes) {
     return socket.sendTo(bytes.data(), bytes.size(), *to).ok();
 }
 
+void RtpSession::setInterceptor(Interceptor* interceptor) {
+    const std::lock_guard lock(sinkMutex_);
+    interceptor_ = interceptor;
+}
+
+bool RtpSession::sendFrom(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& to) {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::Open) return false;
+    net::Socket& socket = channel == Channel::Rtp ? rtp_ : rtcp_;
+    return socket.valid() && socket.sendTo(bytes.data(), bytes.size(), to).ok();
+}
+
+void RtpSession::deliver(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
+                         int64_t arrivalUs) {
+    if (!account(channel, bytes, from, arrivalUs)) return;
+    const std::lock_guard lock(sinkMutex_);
+    if (sink_ != nullptr) sink_->onPacket(channel, bytes, arrivalUs);
+}
+
+void RtpSession::setChosenRemote(Channel channel, const net::SocketAddress& address) {
+    const std::lock_guard lock(mutex_);
+    Path& path = channel == Channel::Rtp ? rtpPath_ : rtcpPath_;
+    if (path.remote != address) log::info(kTag, "media path chosen: " + address.toString());
+    path = Path{address, address, address, false};
+}
+
 void RtpSession::attach(Sink* sink) {
     const std::lock_guard lock(sinkMutex_);
     sink_ = sink;
@@ -245,6 +271,7 @@ void RtpSession::onPoll(std::span<const net::PollEntry> found, int64_t nowUs) {
     if (ready(0)) readAll(Channel::Rtp, rtp_);
     if (ready(1)) readAll(Channel::Rtcp, rtcp_);
     const std::lock_guard lock(sinkMutex_);
+    if (interceptor_ != nullptr) interceptor_->onTick(nowUs);
     if (sink_ != nullptr) sink_->onTick(nowUs);
 }
 
@@ -261,9 +288,11 @@ void RtpSession::readAll(Channel channel, net::Socket& socket) {
         const int64_t arrivalUs = RtpIoService::steadyNowUs();
         for (const RtpReceiveBatch::Datagram& d : batch.datagrams()) {
             if (!socket.valid()) break;
-            if (!account(channel, d.bytes, d.from, arrivalUs)) continue;
-            const std::lock_guard lock(sinkMutex_);
-            if (sink_ != nullptr) sink_->onPacket(channel, d.bytes, arrivalUs);
+            {
+                const std::lock_guard lock(sinkMutex_);
+                if (interceptor_ != nullptr && interceptor_->onDatagram(channel, d.bytes, d.from, arrivalUs)) continue;
+            }
+            deliver(channel, d.bytes, d.from, arrivalUs);
         }
         taken += read;
         if (read < RtpReceiveBatch::capacity() || RtpReceiveBatch::capacity() == 1) break;

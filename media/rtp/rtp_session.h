@@ -72,6 +72,33 @@ public:
     [[nodiscard]] std::optional<net::SocketAddress> remoteRtcp() const;
     [[nodiscard]] RtpSessionStats stats() const;
 
+    // What sees every datagram on the session's sockets before RTP does: ICE
+    // answers its connectivity checks here and unwraps media a TURN server
+    // relayed. Called on the worker's thread, like the sink.
+    class Interceptor {
+    public:
+        // True when the datagram was taken (a STUN message, relayed media
+        // already handed on with `deliver`); false lets it go on as media.
+        virtual bool onDatagram(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
+                                int64_t arrivalUs) = 0;
+        // Every worker iteration, before the sink's tick: check pacing and
+        // retransmissions hang on it.
+        virtual void onTick(int64_t nowUs) { (void)nowUs; }
+
+    protected:
+        ~Interceptor() = default;
+    };
+    // Null removes it; like `detach`, returns once no call into the old one runs.
+    void setInterceptor(Interceptor* interceptor);
+    // Sends from one of the session's sockets to any address (checks, TURN
+    // requests, wrapped media); false when that socket is not open.
+    bool sendFrom(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& to);
+    // Media an interceptor unwrapped, handed on as if it had come from `from`.
+    void deliver(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from, int64_t arrivalUs);
+    // Where ICE found the far end: media goes there and comes only from there;
+    // latching has nothing left to learn.
+    void setChosenRemote(Channel channel, const net::SocketAddress& address);
+
     // MediaTransport.
     bool send(Channel channel, std::span<const uint8_t> bytes) override;
     void attach(Sink* sink) override;
@@ -129,6 +156,7 @@ private:
     // recursive so the sink may detach or close from inside its callback.
     std::recursive_mutex sinkMutex_;
     Sink* sink_ = nullptr;
+    Interceptor* interceptor_ = nullptr;  // under sinkMutex_
 };
 
 [[nodiscard]] std::string_view toString(RtpSession::State state);

@@ -363,5 +363,65 @@ TEST_F(RtpSessionTest, ClosingAndOpeningSessionsFromInsideACallbackDoesNotDeadlo
     EXPECT_EQ(io_->sessionCount(), 1u);
 }
 
+// Takes datagrams whose first byte is 0 or 1 (STUN's range), answers them from
+// the session's socket, and hands the rest of such a datagram on as media from
+// `relayPeer`, the way ICE unwraps what a TURN server relayed.
+struct TestInterceptor final : RtpSession::Interceptor {
+    bool onDatagram(MediaTransport::Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
+                    int64_t arrivalUs) override {
+        if (bytes.empty() || bytes[0] > 1) return false;
+        ++taken;
+        const Bytes answer{0x01, 0x01};
+        (void)session->sendFrom(channel, answer, from);
+        if (bytes[0] == 1) session->deliver(channel, bytes.subspan(1), relayPeer, arrivalUs);
+        return true;
+    }
+    void onTick(int64_t) override { ++ticks; }
+
+    RtpSession* session = nullptr;
+    net::SocketAddress relayPeer;
+    std::atomic<int> taken{0}, ticks{0};
+};
+
+TEST_F(RtpSessionTest, AnInterceptorSeesDatagramsFirstAndTheChosenRemoteEndsLatching) {
+    auto s = bound();
+    RecordingSink sink;
+    TestInterceptor ice;
+    net::Socket peer = boundUdp();
+    net::Socket chosen = boundUdp();
+    ice.session = s.get();
+    ice.relayPeer = *chosen.localAddress();
+    s->attach(&sink);
+    s->setInterceptor(&ice);
+    s->setRemote(*peer.localAddress());
+    const auto local = loopback(s->localPort());
+
+    // A check is taken and answered from the RTP socket; the sink sees nothing of it.
+    sendTo(peer, Bytes{0x00, 0x01, 0x02}, local);
+    EXPECT_EQ(receive(peer), (Bytes{0x01, 0x01}));
+    EXPECT_TRUE(test::waitFor([&] { return ice.ticks > 0; }, kDeadline));
+    EXPECT_EQ(sink.rtp, 0);
+
+    // Relayed media unwrapped by the interceptor reaches the sink once ICE chose that peer.
+    s->setChosenRemote(Channel::Rtp, *chosen.localAddress());
+    Bytes wrapped{0x01};
+    const Bytes media = rtpPacket(0, 160);
+    wrapped.insert(wrapped.end(), media.begin(), media.end());
+    sendTo(peer, wrapped, local);
+    EXPECT_TRUE(sink.waitFor(1));
+    EXPECT_EQ(receive(peer), (Bytes{0x01, 0x01}));
+
+    // Media straight from the signalled address no longer counts, and ours goes to the chosen one.
+    sendTo(peer, rtpPacket(160, 160), local);
+    EXPECT_TRUE(test::waitFor([&] { return s->stats().packetsFromStrangers == 1; }, kDeadline));
+    EXPECT_TRUE(s->send(Channel::Rtp, media));
+    EXPECT_EQ(receive(chosen), media);
+
+    s->setInterceptor(nullptr);
+    sendTo(peer, Bytes{0x00, 0x01, 0x02}, local);
+    EXPECT_TRUE(test::waitFor([&] { return s->stats().packetsFromStrangers == 2; }, kDeadline));
+    EXPECT_EQ(ice.taken, 2);
+}
+
 }  // namespace
 }  // namespace kelsip
