@@ -10,6 +10,7 @@
 #include <security.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -345,7 +346,7 @@ private:
 
 // Every certificate in a PEM file, in a memory store; null when there is none.
 Store loadCaFile(const std::string& path) {
-    std::ifstream file(wide(path), std::ios::binary);
+    std::ifstream file(std::filesystem::path(wide(path)), std::ios::binary);
     std::stringstream text;
     text << file.rdbuf();
     const std::string pem = text.str();

@@ -71,6 +71,7 @@ loadmodule "registrar.so"
 loadmodule "auth.so"
 loadmodule "htable.so"
 loadmodule "xlog.so"
+loadmodule "textops.so"
 loadmodule "tls.so"
 modparam("tls", "tls_method", "TLSv1.2+")
 modparam("tls", "certificate", "{certificate}")
@@ -117,7 +118,10 @@ def run_case(args, work, stem, expected, wine_env):
         deadline = time.monotonic() + 10
         while not accepts(port):
             if kamailio.poll() is not None or time.monotonic() > deadline:
-                raise RuntimeError("Kamailio did not start")
+                kamailio_log.seek(0)
+                print(kamailio_log.read())
+                log(f"{stem}: Kamailio did not start")
+                return False
             time.sleep(0.05)
         probe = subprocess.run([WINE, args.probe, str(port), "Z:" + os.path.join(work, "ca.pem")],
                                env=wine_env, capture_output=True, text=True, timeout=120)
@@ -129,13 +133,22 @@ def run_case(args, work, stem, expected, wine_env):
             print(kamailio_log.read(), probe.stderr, sep="\n")
         return ok
     finally:
-        os.killpg(kamailio.pid, 15)
-        try:
-            kamailio.wait(timeout=5)
-        except subprocess.TimeoutExpired:
-            os.killpg(kamailio.pid, 9)
-            kamailio.wait()
+        stop(kamailio)
         kamailio_log.close()
+
+
+def stop(process):
+    """SIGTERM to the process group, SIGKILL after 5 s."""
+    for signal, grace in ((15, 5), (9, None)):
+        try:
+            os.killpg(process.pid, signal)
+        except ProcessLookupError:
+            pass
+        try:
+            process.wait(timeout=grace)
+            return
+        except subprocess.TimeoutExpired:
+            continue
 
 
 def main():
