@@ -1,5 +1,5 @@
 // SIP over TLS against Kamailio's tls module, with a CA the test makes:
-// registration with digest and a call through the proxy, and the servers
+// registration with digest and calls both ways through the proxy, and the servers
 // whose certificates the phone must refuse.
 #include <gtest/gtest.h>
 
@@ -47,10 +47,15 @@ protected:
     std::optional<test::TestCertificates> certificates;
 };
 
-TEST_F(TlsInteropTest, RegistersWithDigestAndCallsThroughTheProxy) {
+TEST_F(TlsInteropTest, RegistersWithDigestAndCallsBothWaysThroughTheProxy) {
     auto* kamailio = kamailioPresenting(certificates->server);
     ASSERT_TRUE(kamailio);
-    auto ua = startUserAgent(tlsConfig());
+    // Alice has a certificate of her own, so that Kamailio can open a TLS
+    // connection to her for bob's call.
+    UserAgentConfig config = tlsConfig();
+    config.tls.certificateFile = certificates->server.certificate.string();
+    config.tls.privateKeyFile = certificates->server.key.string();
+    auto ua = startUserAgent(config);
     ASSERT_TRUE(ua);
     const int line = addTlsAlice(*ua, *kamailio);
     ASSERT_TRUE(ua->registerLine(line));
@@ -91,6 +96,16 @@ TEST_F(TlsInteropTest, RegistersWithDigestAndCallsThroughTheProxy) {
     EXPECT_TRUE(logs().has("opening TLS connection #1 to 127.0.0.1:" + std::to_string(kamailio->tlsPort()) +
                            " for test.local"));
     EXPECT_FALSE(logs().has("opening TLS connection #2"));
+
+    // Bob calls back: Kamailio reaches Alice's TLS Contact, she answers, he hangs up.
+    const int back = bob.makeCall(bobId, "alice");
+    ASSERT_GT(back, 0);
+    ASSERT_TRUE(waitFor([&] { return !events->now().incoming.empty(); }, 5s));
+    EXPECT_TRUE(logs().has("accepted TLS connection #"));
+    ASSERT_TRUE(ua->answerCall(events->now().incoming[0].id));
+    ASSERT_TRUE(waitFor([&] { return bobEvents->now().callState(back) == "Connected"; }, 5s));
+    ASSERT_TRUE(bob.hangupCall(back));
+    EXPECT_TRUE(waitFor([&] { return bob.calls().empty() && ua->calls().empty(); }, 5s));
 }
 
 TEST_F(TlsInteropTest, RefusesAServerWhoseCertificateIsForAnotherNameOrUntrusted) {
