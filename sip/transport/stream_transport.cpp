@@ -48,8 +48,8 @@ bool StreamTransport::wantsWrite(const Connection& c) {
 }
 
 bool StreamTransport::fits(const Connection& c, const SipTarget& target) const {
-    // A TLS connection serves a name it was verified for; one we accepted,
-    // or a request for a bare address, proves nothing more.
+    // A request for a name takes only a TLS connection verified for that
+    // name; a target without one, or named by an address, takes any.
     if (!tlsEngine_ || target.host.empty() || text::iequals(c.host, target.host)) return true;
     return net::SocketAddress::parse(target.host).has_value();
 }
