@@ -32,7 +32,7 @@ bool runOpenssl(const std::filesystem::path& folder, std::vector<std::string> ar
 
 // A key and a certificate for `name` with subjectAltName `altNames`,
 // signed by the CA in `folder`, or by itself when `selfSigned`.
-bool issue(const std::filesystem::path& folder, const std::string& stem, const std::string& name,
+bool makeCertificate(const std::filesystem::path& folder, const std::string& stem, const std::string& name,
            const std::string& altNames, bool selfSigned, std::string* error) {
     const std::string subject = "/CN=" + name;
     if (selfSigned) {
@@ -67,9 +67,9 @@ std::optional<TestCertificates> makeTestCertificates(const std::filesystem::path
                             "-out", "ca.pem", "-subj", "/CN=Velmora Test CA", "-addext",
                             "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"},
                    error) &&
-        issue(folder, "server", "test.local", "DNS:test.local,URI:sip:test.local", false, error) &&
-        issue(folder, "wrong", "wrong.local", "DNS:wrong.local", false, error) &&
-        issue(folder, "self", "test.local", "DNS:test.local", true, error);
+        makeCertificate(folder, "server", "test.local", "DNS:test.local,URI:sip:test.local", false, error) &&
+        makeCertificate(folder, "wrong", "wrong.local", "DNS:wrong.local", false, error) &&
+        makeCertificate(folder, "self", "test.local", "DNS:test.local", true, error);
     if (!made) return std::nullopt;
     const auto pair = [&](const std::string& stem) {
         return CertificatePair{folder / (stem + ".pem"), folder / (stem + ".key")};
