@@ -37,6 +37,8 @@ kelsip::UserAgentConfig agentConfig(const SoftphoneConfig& config) {
     ua.bindAddress = config.bindAddress;
     ua.udpPort = config.enableUdp ? config.sipPort : -1;
     ua.tcpPort = config.enableTcp ? config.sipPort : -1;
+    ua.tlsPort = config.enableTls || config.transport == 3 ? config.tlsPort : -1;
+    ua.tls.caFile = config.tlsCaFile;
     ua.userAgent = config.userAgent;
     ua.instanceId = config.instanceId;
     ua.timers = {config.t1Ms, config.t2Ms, config.t4Ms};
@@ -132,8 +134,7 @@ bool SoftphoneEngine::Impl::start(const SoftphoneAccount& account) {
     }
     std::string address;
     if (config.domain.empty()) {
-        const auto local = agent->localAddress(config.transport == 2 ? kelsip::TransportKind::Tcp
-                                                                      : kelsip::TransportKind::Udp);
+        const auto local = agent->localAddress(transportKind(config.transport));
         address = "sip:" + config.user + "@" + local.toString();
     } else {
         address = "sip:" + config.user + "@" + config.domain;

@@ -20,7 +20,12 @@ struct SoftphoneConfig {
     uint16_t tlsPort = 5061;
     bool enableUdp = true;
     bool enableTcp = true;
-    bool enableTls = false;  // not applied yet
+    // TLS listens on tlsPort when enabled, and whenever the account's
+    // transport is TLS (3).
+    bool enableTls = false;
+    // Further trusted CAs (PEM) for servers' certificates, beside the
+    // system's store: a private PBX's own CA.
+    std::string tlsCaFile;
     // The account; start() fills these from its arguments.
     std::string user;
     std::string password;

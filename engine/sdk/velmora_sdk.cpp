@@ -8,6 +8,7 @@
 #include <sstream>
 #include <thread>
 #include <algorithm>
+#include <cstddef>
 #include <chrono>
 #include <string>
 
@@ -91,7 +92,7 @@ std::vector<std::string> splitList(const char* s) {
 SoftphoneConfig engineConfig(const velmora_config* c) {
     SoftphoneConfig config;
     // A caller built against an older, shorter record is read only as far as it goes.
-    if (c == nullptr || c->size < sizeof(velmora_config)) return config;
+    if (c == nullptr || c->size < offsetof(velmora_config, tls_ca_file)) return config;
     if (c->bind_address) config.bindAddress = c->bind_address;
     config.sipPort = c->sip_port;
     config.enableUdp = c->enable_udp != 0;
@@ -105,6 +106,7 @@ SoftphoneConfig engineConfig(const velmora_config* c) {
     config.rtpPortMax = c->rtp_port_max;
     config.dnsServers = splitList(c->dns_servers);
     config.audioBufferMs = c->audio_buffer_ms;
+    if (c->size >= sizeof(velmora_config)) config.tlsCaFile = text(c->tls_ca_file);
     return config;
 }
 
@@ -147,6 +149,7 @@ void velmora_config_init(velmora_config* config) {
     config->enable_tcp = 1;
     config->user_agent = "Velmora Networks SIP SDK v5.0";
     config->display_name = "";
+    config->tls_ca_file = "";
     config->register_expires = defaults.registerExpires;
     config->session_expires = defaults.sessionExpires;
     config->dtmf_method = defaults.dtmfMethod;

@@ -101,6 +101,8 @@ typedef struct velmora_config {
     uint16_t rtp_port_max;      /* 15000 */
     const char* dns_servers;    /* "host[:port]" separated by commas; "" = the system's */
     int32_t audio_buffer_ms;    /* 20 */
+    /* Added later; a caller built against the shorter record gets the defaults. */
+    const char* tls_ca_file;    /* "": servers' certificates checked against the system's CAs only */
 } velmora_config;
 
 typedef struct velmora_engine velmora_engine;

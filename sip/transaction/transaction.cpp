@@ -132,7 +132,7 @@ void SipTransactionLayer::clientRetransmit(const std::string& key) {
     c.retransmitTimer = schedule(c.interval, [this, key] { clientRetransmit(key); });
 }
 
-void SipTransactionLayer::failClient(const std::string& key, const char* why) {
+void SipTransactionLayer::failClient(const std::string& key, const char* why, const std::string& reason) {
     const auto it = clients_.find(key);
     if (it == clients_.end()) return;
     Client& c = *it->second;
@@ -145,7 +145,10 @@ void SipTransactionLayer::failClient(const std::string& key, const char* why) {
     loop_.cancel(c.timeoutTimer);
     clients_.erase(it);
     noteRemoval();
-    if (callback) callback(nullptr);
+    if (!callback) return;
+    failureReason_ = reason;
+    callback(nullptr);
+    failureReason_.clear();
 }
 
 void SipTransactionLayer::sendAckForFailure(Client& c, const SipMessage& response) {
@@ -220,7 +223,7 @@ void SipTransactionLayer::handleResponse(const SipMessage& response, const SipTa
     if (callback) callback(&response);
 }
 
-void SipTransactionLayer::handleTransportError(const SipTarget& target) {
+void SipTransactionLayer::handleTransportError(const SipTarget& target, const std::string& reason) {
     std::vector<std::string> failed;
     for (const auto& [key, c] : clients_) {
         const bool sameTarget = c->target.kind == target.kind && c->target.address == target.address;
@@ -231,8 +234,8 @@ void SipTransactionLayer::handleTransportError(const SipTarget& target) {
         if (it == clients_.end()) continue;
         const TransactionState s = it->second->state;
         if (s == TransactionState::Completed || s == TransactionState::Accepted) continue;
-        log::warn(kTag, "transport failure for " + key);
-        failClient(key, nullptr);
+        log::warn(kTag, "transport failure for " + key + (reason.empty() ? "" : ": " + reason));
+        failClient(key, nullptr, reason);
     }
 }
 

@@ -65,8 +65,12 @@ public:
     // Entry points for messages from the transports.
     void handleRequest(const SipMessage& request, const SipTarget& source);
     void handleResponse(const SipMessage& response, const SipTarget& source);
-    // Fails every unfinished client transaction towards `target`.
-    void handleTransportError(const SipTarget& target);
+    // Fails every unfinished client transaction towards `target`; `reason`
+    // is the transport's ("TLS certificate not trusted").
+    void handleTransportError(const SipTarget& target, const std::string& reason = {});
+    // While a failed client transaction's callback runs: the transport's
+    // reason for the failure, empty for a time-out.
+    [[nodiscard]] const std::string& failureReason() const { return failureReason_; }
 
     // A timer that does nothing if it fires after the layer is gone.
     EventLoop::TimerId schedule(int64_t ms, std::function<void()> callback);
@@ -91,7 +95,7 @@ private:
 
     void finishClient(const std::string& key, Client& c);
     void noteRemoval();
-    void failClient(const std::string& key, const char* why);
+    void failClient(const std::string& key, const char* why, const std::string& reason = {});
     void sendAckForFailure(Client& c, const SipMessage& response);
     void finishServer(const std::string& key, Server& s, int64_t lingerMs);
     [[nodiscard]] SipTarget responseTarget(const SipMessage& request, const SipTarget& source) const;
@@ -107,6 +111,7 @@ private:
     size_t maxServers_ = SIZE_MAX;
     int retryAfterSeconds_ = 5;
     bool overloaded_ = false;  // logged once per episode
+    std::string failureReason_;
     std::shared_ptr<int> lifeToken_ = std::make_shared<int>(0);
     struct Random;
     std::unique_ptr<Random> random_;

@@ -1,4 +1,4 @@
-// SIP over TCP. One I/O thread polls the listener, every connection and a
+// SIP over TCP and TLS. One I/O thread polls the listener, every connection and a
 // waker; it accepts, completes connects, reads, writes and closes. It sleeps
 // until a socket is ready, a wake-up comes or the earliest time-out is due.
 // Other threads only queue data under the lock and wake it.
@@ -6,12 +6,17 @@
 // What a peer can make it hold is bounded: connections by a limit, each
 // message by its size and a deadline to complete, and the unfinished
 // messages of all connections together by a total.
+//
+// TLS sits between the socket and the buffers: `wire` holds records for the
+// socket, `out` plaintext that waits until the handshake has verified the
+// peer, `in` what was decrypted.
 #include "sip/transport/stream_transport.h"
 
 #include <algorithm>
 #include <limits>
 
 #include "sip/core/log.h"
+#include "sip/syntax/text.h"
 
 namespace kelsip {
 
@@ -31,23 +36,44 @@ constexpr int kKeepAliveIdleSeconds = 30;
 constexpr int kKeepAliveIntervalSeconds = 10;
 constexpr int kKeepAliveProbes = 3;
 
+template <typename C>
+bool unsent(const C& c) {
+    return !c.out.empty() || !c.wire.empty();
+}
+
 }  // namespace
+
+bool StreamTransport::wantsWrite(const Connection& c) {
+    return !c.wire.empty() || (!c.out.empty() && (!c.tls || c.tls->established()));
+}
+
+bool StreamTransport::fits(const Connection& c, const SipTarget& target) const {
+    // A request for a name takes only a TLS connection verified for that
+    // name; a target without one, or named by an address, takes any.
+    if (!tlsEngine_ || target.host.empty() || text::iequals(c.host, target.host)) return true;
+    return net::SocketAddress::parse(target.host).has_value();
+}
 
 std::unique_ptr<StreamTransport> StreamTransport::create(EventLoop& loop, StreamTransportConfig config,
                                                          std::string* error) {
+    const auto refuse = [&](std::string_view why) -> std::unique_ptr<StreamTransport> {
+        if (error != nullptr) *error = std::string(why);
+        return nullptr;
+    };
+    std::unique_ptr<TlsEngine> tls;
     if (config.kind == TransportKind::Tls) {
-        if (error != nullptr) *error = "TLS support not compiled in (build with KELSIP_WITH_OPENSSL)";
-        return nullptr;
+        if (!tlsSupported()) return refuse(kTlsNotCompiled);
+        if (!config.tls) return refuse(kTlsNeedsContext);
+        tls = makeTlsEngine(*config.tls, error);
+        if (!tls) return nullptr;
+    } else if (config.kind != TransportKind::Tcp) {
+        return refuse("not a stream transport");
     }
-    if (config.kind != TransportKind::Tcp) {
-        if (error != nullptr) *error = "not a stream transport";
-        return nullptr;
-    }
-    return std::unique_ptr<StreamTransport>(new StreamTransport(loop, std::move(config)));
+    return std::unique_ptr<StreamTransport>(new StreamTransport(loop, std::move(config), std::move(tls)));
 }
 
-StreamTransport::StreamTransport(EventLoop& loop, StreamTransportConfig config)
-    : loop_(loop), config_(std::move(config)) {}
+StreamTransport::StreamTransport(EventLoop& loop, StreamTransportConfig config, std::unique_ptr<TlsEngine> tls)
+    : loop_(loop), config_(std::move(config)), tlsEngine_(std::move(tls)) {}
 
 StreamTransport::~StreamTransport() { close(); }
 
@@ -103,7 +129,7 @@ bool StreamTransport::send(std::string_view data, const SipTarget& target) {
         // that address will do, in either direction.
         if (use == nullptr) {
             for (auto& [id, c] : connections_) {
-                if (!c->closed && c->remote == target.address) {
+                if (!c->closed && c->remote == target.address && fits(*c, target)) {
                     use = c.get();
                     break;
                 }
@@ -114,9 +140,11 @@ bool StreamTransport::send(std::string_view data, const SipTarget& target) {
             c->id = nextConnection_++;
             c->remote = target.address;
             c->outgoing = true;
+            c->host = target.host;
             c->started = c->lastActivity = Clock::now();
             log::info(kTransportLogTag, "opening " + name() + " connection #" + std::to_string(c->id) + " to " +
-                                            target.address.toString());
+                                            target.address.toString() +
+                                            (tlsEngine_ && !c->host.empty() ? " for " + c->host : ""));
             use = c.get();
             connections_.emplace(c->id, std::move(c));
         }
@@ -144,7 +172,7 @@ void StreamTransport::startConnect(Connection& c) {
     c.started = Clock::now();
     switch (c.socket.connect(c.remote)) {
         case net::ConnectStatus::Connected:
-            c.state = State::Connected;
+            connected(c);
             break;
         case net::ConnectStatus::InProgress:
             c.state = State::Connecting;
@@ -153,6 +181,21 @@ void StreamTransport::startConnect(Connection& c) {
             closeConnection(c, "connection to " + c.remote.toString() + " failed", true);
             break;
     }
+}
+
+void StreamTransport::connected(Connection& c) {
+    c.state = State::Connected;
+    c.lastActivity = Clock::now();
+    if (!tlsEngine_) return;
+    // The handshake's time counts from here against the connect time-out.
+    c.started = c.lastActivity;
+    c.tls = tlsEngine_->startSession(TlsRole::Client, c.host);
+    if (!c.tls) {
+        closeConnection(c, name() + " connection #" + std::to_string(c.id) + " to " + c.remote.toString() + " failed",
+                        true, std::string(kTlsHandshakeFailed) + "cannot start a session");
+        return;
+    }
+    c.tls->takeCiphertext(c.wire);
 }
 
 void StreamTransport::acceptAll(Clock::time_point now) {
@@ -184,6 +227,11 @@ void StreamTransport::acceptAll(Clock::time_point now) {
         if (refusing_) log::info(kTransportLogTag, "below the " + name() + " connection limit again");
         refusing_ = false;
         if (!s->setNonBlocking(true)) continue;
+        if (tlsEngine_ && !tlsEngine_->canServe()) {
+            log::info(kTransportLogTag, "refusing " + name() + " connection from " + peer.toString() + ": " +
+                                            std::string(kTlsNoServerCertificate));
+            continue;
+        }
         (void)s->setNoDelay(true);
         (void)s->setKeepAlive(kKeepAliveIdleSeconds, kKeepAliveIntervalSeconds, kKeepAliveProbes);
         auto c = std::make_unique<Connection>();
@@ -192,6 +240,8 @@ void StreamTransport::acceptAll(Clock::time_point now) {
         c->remote = peer;
         c->state = State::Connected;
         c->started = c->lastActivity = Clock::now();
+        if (tlsEngine_) c->tls = tlsEngine_->startSession(TlsRole::Server, {});
+        if (tlsEngine_ && !c->tls) continue;
         log::info(kTransportLogTag, "accepted " + name() + " connection #" + std::to_string(c->id) + " from " +
                                         peer.toString());
         connections_.emplace(c->id, std::move(c));
@@ -211,13 +261,30 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
         if (r.status == net::IoResult::Status::WouldBlock) break;
         if (!r.ok()) {
             closeConnection(c, "connection #" + std::to_string(c.id) + " to " + c.remote.toString() + " closed",
-                            !c.out.empty());
+                            unsent(c));
             return;
         }
         const auto now = Clock::now();
         const size_t whole = received.size();
         buffered_ -= c.in.size();
-        c.in.append(chunk, r.bytes);
+        if (c.tls) {
+            const bool wasEstablished = c.tls->established();
+            const bool ok = c.tls->feed(std::string_view(chunk, r.bytes));
+            c.tls->takePlaintext(c.in);
+            c.tls->takeCiphertext(c.wire);
+            if (!ok) {
+                buffered_ += c.in.size();
+                tlsFailed(c);
+                return;
+            }
+            if (!wasEstablished && c.tls->established()) {
+                log::info(kTransportLogTag, name() + " connection #" + std::to_string(c.id) + " with " +
+                                                c.remote.toString() + " established" +
+                                                (c.host.empty() ? "" : ", certificate valid for " + c.host));
+            }
+        } else {
+            c.in.append(chunk, r.bytes);
+        }
         // Take every whole message, then cut the buffer once.
         size_t offset = 0;
         for (;;) {
@@ -245,7 +312,7 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
             c.messageStarted = now;
         }
         if (c.in.size() > config_.maxMessageBytes) {
-            closeConnection(c, "message too large on #" + std::to_string(c.id) + ", closing", !c.out.empty());
+            closeConnection(c, "message too large on #" + std::to_string(c.id) + ", closing", unsent(c));
             return;
         }
         if (buffered_ > config_.maxBufferedBytes) {
@@ -265,31 +332,51 @@ void StreamTransport::shedBuffers() {
         closeConnection(*largest,
                         "unfinished messages over " + std::to_string(config_.maxBufferedBytes) + " bytes: closing #" +
                             std::to_string(largest->id) + ", which holds " + std::to_string(largest->in.size()),
-                        !largest->out.empty());
+                        unsent(*largest));
     }
 }
 
 void StreamTransport::writeTo(Connection& c) {
-    while (!c.out.empty()) {
-        const net::IoResult r = c.socket.send(c.out.data(), c.out.size());
+    if (c.tls && c.tls->established() && !c.out.empty()) {
+        const bool ok = c.tls->write(c.out);
+        c.out.clear();
+        c.tls->takeCiphertext(c.wire);
+        if (!ok) {
+            tlsFailed(c);
+            return;
+        }
+    }
+    std::string& bytes = c.tls ? c.wire : c.out;
+    while (!bytes.empty()) {
+        const net::IoResult r = c.socket.send(bytes.data(), bytes.size());
         if (r.status == net::IoResult::Status::WouldBlock) return;
         if (!r.ok()) {
             closeConnection(c, "connection #" + std::to_string(c.id) + " to " + c.remote.toString() + " closed", true);
             return;
         }
-        c.out.erase(0, r.bytes);
+        bytes.erase(0, r.bytes);
         c.lastActivity = Clock::now();
     }
 }
 
-void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData) {
+void StreamTransport::tlsFailed(Connection& c) {
+    // The alert that says why goes out if the socket takes it at once.
+    if (!c.wire.empty()) (void)c.socket.send(c.wire.data(), c.wire.size());
+    const std::string reason = c.tls->error();
+    closeConnection(c,
+                    name() + " connection #" + std::to_string(c.id) + (c.outgoing ? " to " : " from ") +
+                        c.remote.toString() + " closed: " + reason,
+                    c.outgoing || unsent(c), reason);
+}
+
+void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData, std::string reason) {
     if (c.closed) return;
     log::info(kTransportLogTag, why);
     c.closed = true;
     c.socket.close();
     buffered_ -= c.in.size();
     c.in.clear();
-    if (lostData) failed_.push_back(SipTarget{config_.kind, c.remote, c.id});
+    if (lostData) failed_.emplace_back(SipTarget{config_.kind, c.remote, c.id, c.host}, reason.empty() ? why : reason);
 }
 
 int StreamTransport::pollTimeoutMs(Clock::time_point now) const {
@@ -299,10 +386,11 @@ int StreamTransport::pollTimeoutMs(Clock::time_point now) const {
     };
     for (const auto& [id, c] : connections_) {
         if (c->closed) continue;
-        if (c->state == State::Connecting) {
+        if (c->state == State::Connecting || (c->tls && !c->tls->established())) {
             consider(c->started + std::chrono::milliseconds(config_.connectTimeoutMs));
-        } else if (c->state == State::Connected) {
-            if (c->out.empty() && !c->outgoing) consider(c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs));
+        }
+        if (c->state == State::Connected) {
+            if (!unsent(*c) && !c->outgoing) consider(c->lastActivity + std::chrono::milliseconds(config_.idleTimeoutMs));
             if (c->messageStarted) consider(*c->messageStarted + std::chrono::milliseconds(config_.messageTimeoutMs));
         }
     }
@@ -340,7 +428,7 @@ void StreamTransport::ioLoop() {
             for (auto& [id, c] : connections_) {
                 if (c->closed) continue;
                 const bool connecting = c->state == State::Connecting;
-                entries.push_back({c->socket.native(), !connecting, connecting || !c->out.empty()});
+                entries.push_back({c->socket.native(), !connecting, connecting || wantsWrite(*c)});
                 polled.push_back(c.get());
             }
             timeoutMs = pollTimeoutMs(now);
@@ -362,11 +450,11 @@ void StreamTransport::ioLoop() {
                             closeConnection(c, "connection to " + c.remote.toString() + " failed", true);
                             continue;
                         }
-                        c.state = State::Connected;
-                        c.lastActivity = Clock::now();
+                        connected(c);
+                        if (c.closed) continue;
                     }
                     if (e.readable || e.error) readFrom(c, received);
-                    if (!c.closed && !c.out.empty()) writeTo(c);
+                    if (!c.closed && wantsWrite(c)) writeTo(c);
                 }
             }
             const auto now = Clock::now();
@@ -375,13 +463,17 @@ void StreamTransport::ioLoop() {
                 if (c->state == State::Connecting &&
                     now - c->started > std::chrono::milliseconds(config_.connectTimeoutMs)) {
                     closeConnection(*c, "connect to " + c->remote.toString() + " timed out", true);
+                } else if (c->tls && !c->tls->established() &&
+                           now - c->started > std::chrono::milliseconds(config_.connectTimeoutMs)) {
+                    closeConnection(*c, name() + " handshake on #" + std::to_string(c->id) + " timed out",
+                                    c->outgoing, std::string(kTlsHandshakeFailed) + "timed out");
                 } else if (c->messageStarted &&
                            now - *c->messageStarted > std::chrono::milliseconds(config_.messageTimeoutMs)) {
                     closeConnection(*c,
                                     "message on #" + std::to_string(c->id) + " not complete within " +
                                         std::to_string(config_.messageTimeoutMs) + " ms, closing",
-                                    !c->out.empty());
-                } else if (c->state == State::Connected && c->out.empty() && !c->outgoing &&
+                                    unsent(*c));
+                } else if (c->state == State::Connected && !unsent(*c) && !c->outgoing &&
                            now - c->lastActivity > std::chrono::milliseconds(config_.idleTimeoutMs)) {
                     closeConnection(*c, "closing idle connection #" + std::to_string(c->id), false);
                 }
@@ -392,12 +484,12 @@ void StreamTransport::ioLoop() {
             deliver(loop_, r.bytes, r.source, "dropping malformed stream message from ");
         }
         received.clear();
-        std::vector<SipTarget> failed;
+        std::vector<std::pair<SipTarget, std::string>> failed;
         {
             std::lock_guard lock(mutex_);
             failed.swap(failed_);
         }
-        for (const SipTarget& t : failed) reportError(loop_, t);
+        for (const auto& [target, reason] : failed) reportError(loop_, target, reason);
     }
 }
 

@@ -1,5 +1,6 @@
-// SIP over TCP: a listening socket and numbered connections served by one
-// I/O thread; sends are queued and never wait for a connect.
+// SIP over TCP and TLS: a listening socket and numbered connections served
+// by one I/O thread; sends are queued and never wait for a connect or a
+// handshake.
 #pragma once
 
 #include <atomic>
@@ -13,6 +14,7 @@
 
 #include "sip/net/socket.h"
 #include "sip/net/waker.h"
+#include "sip/transport/tls_session.h"
 #include "sip/transport/transport.h"
 
 namespace kelsip {
@@ -39,12 +41,16 @@ struct StreamTransportConfig {
     // (our own are never refused). A phone talks to a handful of servers:
     // 512 is generous and keeps half of the usual 1024 descriptors for RTP.
     size_t maxConnections = 512;
+    // Required for TLS: trust, verification and our certificate.
+    std::optional<TlsContext> tls;
 };
 
 class StreamTransport final : public SipTransport {
 public:
-    // The only way to make one: TLS is refused in this build with
-    // "TLS support not compiled in (build with KELSIP_WITH_OPENSSL)".
+    // The only way to make one. TLS fails with "TLS support not compiled in
+    // (build with KELSIP_WITH_OPENSSL)" in a build without it, with "TLS
+    // transport needs a TlsContext" without `config.tls`, and when the CA
+    // file or certificate cannot be loaded.
     [[nodiscard]] static std::unique_ptr<StreamTransport> create(EventLoop& loop, StreamTransportConfig config,
                                                                  std::string* error);
     ~StreamTransport() override;
@@ -75,7 +81,12 @@ private:
         Clock::time_point lastActivity;  // the last whole message in or out
         std::optional<Clock::time_point> messageStarted;  // while `in` holds part of one
         std::string in;
-        std::string out;
+        std::string out;   // plaintext waiting to go
+        // TLS: the session, the name its certificate was checked for (empty
+        // for one we accepted), and records waiting for the socket.
+        std::unique_ptr<TlsSession> tls;
+        std::string host;
+        std::string wire;
         bool closed = false;
         // Ours, to a registrar or proxy: the flow incoming requests come back
         // on. It is never closed for idleness (keep-alive finds a dead peer);
@@ -87,7 +98,7 @@ private:
         SipTarget source;
     };
 
-    StreamTransport(EventLoop& loop, StreamTransportConfig config);
+    StreamTransport(EventLoop& loop, StreamTransportConfig config, std::unique_ptr<TlsEngine> tls);
     void ioLoop();
     // Everything below runs on the I/O thread with `mutex_` held.
     void startConnect(Connection& c);
@@ -98,7 +109,16 @@ private:
     // within bounds again.
     void shedBuffers();
     void writeTo(Connection& c);
-    void closeConnection(Connection& c, const std::string& why, bool lostData);
+    // The socket is connected: TLS starts its handshake; TCP is ready.
+    void connected(Connection& c);
+    // Whether there is anything for the socket to take (poll for writable).
+    [[nodiscard]] static bool wantsWrite(const Connection& c);
+    // Whether a connection may carry a message for `target`.
+    [[nodiscard]] bool fits(const Connection& c, const SipTarget& target) const;
+    // `why` is logged; `reason` (else `why`) goes to the error handler.
+    void closeConnection(Connection& c, const std::string& why, bool lostData, std::string reason = {});
+    // The TLS session failed: its alert goes out if it can, then the connection closes.
+    void tlsFailed(Connection& c);
     // How long the poll may sleep: until the earliest connect, message or
     // idle time-out or the end of a pause in accepting, -1 (no limit) when
     // nothing is due.
@@ -107,6 +127,7 @@ private:
 
     EventLoop& loop_;
     StreamTransportConfig config_;
+    std::unique_ptr<TlsEngine> tlsEngine_;
     net::Socket listener_;
     net::SocketAddress local_;
     net::Waker waker_;
@@ -122,7 +143,8 @@ private:
     Clock::time_point acceptResumes_;
     bool refusing_ = false;  // at the connection limit, and that was logged
     std::atomic<uint64_t> ioRounds_{0};
-    std::vector<SipTarget> failed_;  // delivery failures to report after unlocking
+    // Delivery failures with their reasons, to report after unlocking.
+    std::vector<std::pair<SipTarget, std::string>> failed_;
 };
 
 }  // namespace kelsip

@@ -65,9 +65,9 @@ void SipTransport::deliver(EventLoop& loop, std::string_view bytes, const SipTar
     loop.post([handler = handler_, m = std::move(*message), source]() mutable { handler(std::move(m), source); });
 }
 
-void SipTransport::reportError(EventLoop& loop, const SipTarget& target) {
+void SipTransport::reportError(EventLoop& loop, const SipTarget& target, const std::string& reason) {
     if (!errorHandler_) return;
-    loop.post([handler = errorHandler_, target] { handler(target); });
+    loop.post([handler = errorHandler_, target, reason] { handler(target, reason); });
 }
 
 }  // namespace kelsip

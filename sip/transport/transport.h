@@ -18,8 +18,9 @@ namespace kelsip {
 // and parsed, with where it came from.
 using ReceiveHandler = std::function<void(SipMessage message, const SipTarget& source)>;
 // Called on the event-loop thread when messages queued for a target could
-// not be delivered (a connect failed or timed out, a connection broke).
-using TransportErrorHandler = std::function<void(const SipTarget& target)>;
+// not be delivered (a connect failed or timed out, a connection broke, a TLS
+// certificate was refused), with the reason ("TLS certificate not trusted").
+using TransportErrorHandler = std::function<void(const SipTarget& target, const std::string& reason)>;
 
 class SipTransport {
 public:
@@ -46,7 +47,7 @@ protected:
     void deliver(EventLoop& loop, std::string_view bytes, const SipTarget& source, std::string_view dropText);
 
     // Posts a delivery failure for `target` to the loop.
-    void reportError(EventLoop& loop, const SipTarget& target);
+    void reportError(EventLoop& loop, const SipTarget& target, const std::string& reason);
 
 private:
     ReceiveHandler handler_;

@@ -176,8 +176,10 @@ int Calls::makeCall(int lineId, const std::string& target) {
     call.dialog.remoteTarget = *uri;
     // Requests go to the outbound proxy when there is one, else to the URI.
     auto next = c.outboundProxy.empty() ? *uri : SipUri::parse(c.outboundProxy).value_or(*uri);
-    if (!next.hasParam("transport") && c.transport == TransportKind::Tcp) next.setParam("transport", "tcp");
-    ctx_.locator->locate(next, [this, id](dns::LocateResult result) {
+    if (!next.hasParam("transport") && next.scheme != "sips" && c.transport != TransportKind::Udp) {
+        next.setParam("transport", std::string(UaContext::transportParam(c.transport)));
+    }
+    ctx_.locator->locate(next, [this, id, next, domain = c.domain](dns::LocateResult result) {
         Call* found = findCall(id);
         if (found == nullptr || found->state == CallState::Terminated) return;
         if (result.targets.empty()) {
@@ -186,6 +188,7 @@ int Calls::makeCall(int lineId, const std::string& target) {
             return;
         }
         found->targets = std::move(result.targets);
+        UaContext::nameTargets(found->targets, next, domain);
         found->targetIndex = 0;
         if (!openRtp(*found, found->targets[0])) {
             endCall(*found, 503, "no RTP port available");
@@ -197,7 +200,8 @@ int Calls::makeCall(int lineId, const std::string& target) {
 }
 
 std::string Calls::contactFor(const Call& call) const {
-    return ctx_.contactUri(lines_.find(call.line), call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex]);
+    return ctx_.contactUri(lines_.find(call.line), call.targets.empty() ? SipTarget{} : call.targets[call.targetIndex],
+                           call.remoteUri.rfind("sips:", 0) == 0);
 }
 
 void Calls::sendInvite(Call& call) {

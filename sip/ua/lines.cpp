@@ -184,9 +184,11 @@ void Lines::resolveAndRegister(Line& line) {
         return;
     }
     // The account's transport is the user's choice: the lookup honours it.
-    if (!uri->hasParam("transport")) uri->setParam("transport", line.config.transport == TransportKind::Tcp ? "tcp" : "udp");
+    if (!uri->hasParam("transport") && uri->scheme != "sips") {
+        uri->setParam("transport", std::string(UaContext::transportParam(line.config.transport)));
+    }
     const int id = line.id;
-    line.locating = ctx_.locator->locate(*uri, [this, id](dns::LocateResult result) {
+    line.locating = ctx_.locator->locate(*uri, [this, id, uri = *uri](dns::LocateResult result) {
         Line* l = find(id);
         if (l == nullptr) return;
         l->locating = 0;
@@ -196,6 +198,7 @@ void Lines::resolveAndRegister(Line& line) {
             return;
         }
         l->targets = std::move(result.targets);
+        UaContext::nameTargets(l->targets, uri, l->config.domain);
         l->targetIndex = 0;
         sendRegister(*l);
     });
@@ -224,6 +227,7 @@ SipMessage Lines::buildRegister(Line& line) {
 
     std::string contact = "<sip:" + escapeUriUser(c.user) + "@" + ctx_.contactHost(target);
     if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
+    if (target.kind == TransportKind::Tls) contact += ";transport=tls";
     if (c.push.set()) {
         contact += ";pn-provider=" + c.push.provider;
         if (!c.push.param.empty()) contact += ";pn-param=" + c.push.param;
@@ -256,7 +260,9 @@ void Lines::onRegisterAnswer(int id, const SipMessage* response) {
     if (response != nullptr && response->statusCode < 200) return;
     line.transaction.clear();
     const int code = response != nullptr ? response->statusCode : 408;
-    const std::string reason = response != nullptr ? response->reason : "Request Timeout";
+    // A transport that gave up says why ("TLS certificate not trusted").
+    const std::string& failure = ctx_.transactions->failureReason();
+    const std::string reason = response != nullptr ? response->reason : failure.empty() ? "Request Timeout" : failure;
 
     if (response == nullptr || code == 503) {
         if (line.targetIndex + 1 < line.targets.size()) {

@@ -47,14 +47,14 @@ int OutgoingRequests::send(const Line& line, SipMessage request, OutgoingDone do
     // the Request-URI's host; the line's transport is honoured either way.
     auto next = line.config.outboundProxy.empty() ? std::optional<SipUri>(o.request.requestUri)
                                                   : SipUri::parse(line.config.outboundProxy);
-    if (next && !next->hasParam("transport") && line.config.transport == TransportKind::Tcp) {
-        next->setParam("transport", "tcp");
+    if (next && !next->hasParam("transport") && next->scheme != "sips" && line.config.transport != TransportKind::Udp) {
+        next->setParam("transport", std::string(UaContext::transportParam(line.config.transport)));
     }
     if (!next || !ctx_.locator) {
         ctx_.loop->post([this, id] { finish(id, 0, "Cannot resolve destination", nullptr); });
         return id;
     }
-    o.locating = ctx_.locator->locate(*next, [this, id](dns::LocateResult result) {
+    o.locating = ctx_.locator->locate(*next, [this, id, uri = *next, domain = line.config.domain](dns::LocateResult result) {
         const auto it = outgoing_.find(id);
         if (it == outgoing_.end()) return;
         Outgoing& found = it->second;
@@ -66,6 +66,7 @@ int OutgoingRequests::send(const Line& line, SipMessage request, OutgoingDone do
             return;
         }
         found.targets = std::move(result.targets);
+        UaContext::nameTargets(found.targets, uri, domain);
         found.targetIndex = 0;
         transmit(found);
     });

@@ -53,6 +53,7 @@ UaContext::UaContext(UserAgentConfig c) : config(std::move(c)), loop(std::make_u
 net::SocketAddress UaContext::localAddress(TransportKind kind) const {
     if (kind == TransportKind::Udp && udp) return udp->localAddress();
     if (kind == TransportKind::Tcp && tcp) return tcp->localAddress();
+    if (kind == TransportKind::Tls && tls) return tls->localAddress();
     return {};
 }
 
@@ -60,6 +61,7 @@ bool UaContext::sendText(std::string_view text, const SipTarget& target) {
     SipTransport* transport = nullptr;
     if (target.kind == TransportKind::Udp) transport = udp.get();
     if (target.kind == TransportKind::Tcp) transport = tcp.get();
+    if (target.kind == TransportKind::Tls) transport = tls.get();
     return transport != nullptr && transport->send(text, target);
 }
 
@@ -109,10 +111,18 @@ SipTarget UaContext::dialogTarget(const Dialog& dialog, const SipTarget& fallbac
         next = dialog.remoteTarget;
     }
     if (next) {
-        if (const auto address = net::SocketAddress::parse(next->host, next->port ? next->port : 5060)) {
-            const auto transport = next->param("transport");
-            const bool tcp = transport && text::iequals(*transport, "tcp");
-            return SipTarget{tcp ? TransportKind::Tcp : TransportKind::Udp, *address, 0};
+        const auto transport = next->param("transport");
+        TransportKind kind = TransportKind::Udp;
+        if (next->scheme == "sips" || (transport && text::iequals(*transport, "tls"))) {
+            kind = TransportKind::Tls;
+        } else if (transport && text::iequals(*transport, "tcp")) {
+            kind = TransportKind::Tcp;
+        }
+        if (const auto address = net::SocketAddress::parse(next->host, next->port ? next->port : defaultPort(kind))) {
+            // Over TLS the flow the dialog began on carries it on (the
+            // transport reuses a connection to that address); a new one
+            // is checked against the name the dialog was reached by.
+            return SipTarget{kind, *address, 0, kind == TransportKind::Tls ? fallback.host : std::string()};
         }
     }
     return fallback;
@@ -135,11 +145,28 @@ SipMessage UaContext::buildDialogRequest(Dialog& dialog, std::string_view method
     return m;
 }
 
-std::string UaContext::contactUri(const Line* line, const SipTarget& target) const {
+std::string UaContext::contactUri(const Line* line, const SipTarget& target, bool sips) const {
     const std::string user = line != nullptr ? escapeUriUser(line->config.user) : "kelsip";
+    if (sips && target.kind == TransportKind::Tls) return "<sips:" + user + "@" + contactHost(target) + ">";
     std::string contact = "<sip:" + user + "@" + contactHost(target);
     if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
+    if (target.kind == TransportKind::Tls) contact += ";transport=tls";
     return contact + ">";
+}
+
+void UaContext::nameTargets(std::vector<SipTarget>& targets, const SipUri& uri, const std::string& domain) {
+    const bool literal = net::SocketAddress::parse(uri.host).has_value();
+    const std::string& name = literal && !domain.empty() ? domain : uri.host;
+    for (SipTarget& t : targets) t.host = name;
+}
+
+std::string_view UaContext::transportParam(TransportKind kind) {
+    switch (kind) {
+        case TransportKind::Udp: return "udp";
+        case TransportKind::Tcp: return "tcp";
+        case TransportKind::Tls: return "tls";
+    }
+    return "udp";
 }
 
 std::string UaContext::addressOfRecord(const Line& line, const SipTarget& toward) const {

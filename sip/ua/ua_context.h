@@ -72,7 +72,14 @@ public:
     // Requests within any dialog, a call's or a subscription's.
     [[nodiscard]] SipMessage buildDialogRequest(Dialog& dialog, std::string_view method, const SipTarget& target);
     [[nodiscard]] static SipTarget dialogTarget(const Dialog& dialog, const SipTarget& fallback);
-    [[nodiscard]] std::string contactUri(const Line* line, const SipTarget& target) const;
+    // A sips Contact when the request is for a sips URI (RFC 3261 8.1.1.8).
+    [[nodiscard]] std::string contactUri(const Line* line, const SipTarget& target, bool sips = false) const;
+    // The name each located target's certificate must carry: the SIP domain
+    // of the URI it was found for. A URI with an address (an outbound
+    // proxy given by IP) stands for the line's domain.
+    static void nameTargets(std::vector<SipTarget>& targets, const SipUri& uri, const std::string& domain);
+    // The `transport` parameter that makes the lookup honour the account's choice.
+    [[nodiscard]] static std::string_view transportParam(TransportKind kind);
     [[nodiscard]] std::string addressOfRecord(const Line& line, const SipTarget& toward) const;
     // The PIDF document of a line's presence, its entity as seen from `toward`.
     [[nodiscard]] std::string presenceDocument(const Line& line, const SipTarget& toward) const;
@@ -91,6 +98,7 @@ public:
     std::unique_ptr<EventLoop> loop;
     std::unique_ptr<UdpTransport> udp;
     std::unique_ptr<StreamTransport> tcp;
+    std::unique_ptr<StreamTransport> tls;
     std::unique_ptr<SipTransactionLayer> transactions;
     std::unique_ptr<dns::DnsClient> dns;
     std::unique_ptr<dns::ServerLocator> locator;

@@ -57,8 +57,8 @@ bool UserAgent::Impl::start(std::string* error) {
             ctx_.transactions->handleResponse(m, source);
         }
     };
-    auto onError = [this](const SipTarget& target) {
-        if (ctx_.transactions) ctx_.transactions->handleTransportError(target);
+    auto onError = [this](const SipTarget& target, const std::string& reason) {
+        if (ctx_.transactions) ctx_.transactions->handleTransportError(target, reason);
     };
     if (ctx_.config.udpPort >= 0) {
         net::SocketAddress at = *bind;
@@ -77,7 +77,22 @@ bool UserAgent::Impl::start(std::string* error) {
         ctx_.tcp->setErrorHandler(onError);
         if (!ctx_.tcp->open(nullptr)) ctx_.tcp.reset();
     }
-    if (!ctx_.udp && !ctx_.tcp) {
+    if (ctx_.config.tlsPort >= 0) {
+        StreamTransportConfig tlsConfig;
+        tlsConfig.kind = TransportKind::Tls;
+        tlsConfig.bindAddress = *bind;
+        tlsConfig.bindAddress.setPort(static_cast<uint16_t>(ctx_.config.tlsPort));
+        tlsConfig.tls = ctx_.config.tls;
+        std::string why;
+        ctx_.tls = StreamTransport::create(*ctx_.loop, tlsConfig, &why);
+        if (ctx_.tls) {
+            ctx_.tls->setReceiveHandler(onMessage);
+            ctx_.tls->setErrorHandler(onError);
+            if (!ctx_.tls->open(&why)) ctx_.tls.reset();
+        }
+        if (!ctx_.tls) log::warn(kTag, "TLS transport disabled: " + why);
+    }
+    if (!ctx_.udp && !ctx_.tcp && !ctx_.tls) {
         ctx_.transactions.reset();
         log::error(kTag, "no SIP transport could be started");
         if (error != nullptr) *error = "no SIP transport could be started";
@@ -90,6 +105,7 @@ bool UserAgent::Impl::start(std::string* error) {
     where.transports.clear();
     if (ctx_.udp) where.transports.push_back(TransportKind::Udp);
     if (ctx_.tcp) where.transports.push_back(TransportKind::Tcp);
+    if (ctx_.tls) where.transports.push_back(TransportKind::Tls);
     ctx_.locator = std::make_unique<dns::ServerLocator>(*ctx_.dns, where);
     ctx_.started = true;
     if (ownsLoopThread()) ctx_.loop->start();
@@ -101,6 +117,7 @@ void UserAgent::Impl::stop() {
     // the loop, so that nothing else touches the lines while they are cleared.
     if (ctx_.udp) ctx_.udp->close();
     if (ctx_.tcp) ctx_.tcp->close();
+    if (ctx_.tls) ctx_.tls->close();
     if (ownsLoopThread()) ctx_.loop->stop();
     lines_.stop();
     publication_.stop();
@@ -113,6 +130,7 @@ void UserAgent::Impl::stop() {
     ctx_.transactions.reset();
     ctx_.udp.reset();
     ctx_.tcp.reset();
+    ctx_.tls.reset();
     ctx_.started = false;
 }
 

@@ -14,6 +14,7 @@
 #include "media/session/jitter_buffer.h"
 #include "sip/ua/body/presence.h"
 #include "sip/transport/sip_target.h"
+#include "sip/transport/tls_session.h"
 #include "sip/transaction/transaction.h"
 
 namespace kelsip {
@@ -143,6 +144,12 @@ struct UserAgentConfig {
     std::string bindAddress = "0.0.0.0";
     int udpPort = 5060;
     int tcpPort = 5060;
+    int tlsPort = 5061;
+    // TLS: servers' certificates are checked against the system's store and
+    // `tls.caFile`, and must name the SIP domain (RFC 5922). A TLS transport
+    // that cannot start is logged ("TLS transport disabled: ...") and the
+    // others go on.
+    TlsContext tls;
     std::string userAgent = "Velmora Networks SIP SDK v5.0";
     // "urn:uuid:..." identifying this installation (RFC 5626); empty: made up at start.
     std::string instanceId;

@@ -108,7 +108,7 @@ protected:
         config.bindAddress = kLoopback;
         auto t = StreamTransport::create(loop, config, nullptr);
         t->setReceiveHandler(inbox.handler());
-        t->setErrorHandler([this](const SipTarget& target) {
+        t->setErrorHandler([this](const SipTarget& target, const std::string& /*reason*/) {
             std::lock_guard lock(mutex);
             failures.push_back(target);
         });

@@ -6,6 +6,7 @@
 
 #include "sip/syntax/message.h"
 #include "sip/net/socket.h"
+#include "support/free_port.h"
 
 namespace kelsip::test {
 
@@ -77,7 +78,8 @@ std::string findModules() {
 
 }  // namespace
 
-std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, const std::string& modules) {
+std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, uint16_t tlsPort,
+                                   const std::string& modules) {
     const std::string p = std::to_string(port);
     std::string c = "#!KAMAILIO\n"
                     "# Registrar and proxy for one interop test, written by its fixture.\n"
@@ -85,11 +87,21 @@ std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, cons
                     // No names to look up: the machine may have no DNS at all.
                     "auto_aliases=no\ndns=no\nrev_dns=no\n"
                     "listen=udp:127.0.0.1:" + p + "\nlisten=tcp:127.0.0.1:" + p + "\n";
+    if (tlsPort != 0) c += "enable_tls=yes\nlisten=tls:127.0.0.1:" + std::to_string(tlsPort) + "\n";
     for (const std::string& domain : o.domains) c += "alias=" + quotedForConfig(domain) + "\n";
     c += "mpath=" + quotedForConfig(modules + "/") + "\n";
     for (const char* module : {"tm", "sl", "rr", "pv", "maxfwd", "usrloc", "registrar", "textops", "siputils", "auth",
                                "htable", "xlog"}) {
         c += "loadmodule \"" + std::string(module) + ".so\"\n";
+    }
+    if (tlsPort != 0) {
+        // Phones are not asked for certificates.
+        c += "loadmodule \"tls.so\"\n"
+             "modparam(\"tls\", \"tls_method\", \"TLSv1.2+\")\n"
+             "modparam(\"tls\", \"certificate\", " + quotedForConfig(o.tlsCertificate) + ")\n"
+             "modparam(\"tls\", \"private_key\", " + quotedForConfig(o.tlsKey) + ")\n"
+             "modparam(\"tls\", \"verify_certificate\", 0)\n"
+             "modparam(\"tls\", \"require_certificate\", 0)\n";
     }
     c += "modparam(\"usrloc\", \"db_mode\", 0)\n"
          "modparam(\"registrar\", \"min_expires\", " + std::to_string(o.minExpires) + ")\n"
@@ -142,7 +154,8 @@ bool KamailioServer::start(const KamailioOptions& options, std::string* error) {
     kamailio.program = "kamailio";
     kamailio.package = "kamailio";
     kamailio.prepare = [&](ProcessOptions& run, std::string* failure) {
-        if (!writeTextFile(dir_.file("kamailio.cfg"), config(options, port_, modules))) {
+        tlsPort_ = options.tlsCertificate.empty() ? 0 : freeLoopbackPort();
+        if (!writeTextFile(dir_.file("kamailio.cfg"), config(options, port_, tlsPort_, modules))) {
             *failure = "cannot write kamailio.cfg";
             return false;
         }
@@ -154,7 +167,8 @@ bool KamailioServer::start(const KamailioOptions& options, std::string* error) {
     };
     kamailio.ready = [&] {
         return sendOptions(address(), "sip:" + hostPort(), std::chrono::milliseconds(100)) == 200 &&
-               acceptsTcp(address());
+               acceptsTcp(address()) &&
+               (tlsPort_ == 0 || acceptsTcp(net::SocketAddress::loopback(net::AddressFamily::V4, tlsPort_)));
     };
     kamailio.lostPort = [&] { return log().find("Address already in use") != std::string::npos; };
     return launch(kamailio, error);

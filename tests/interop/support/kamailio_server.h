@@ -22,6 +22,10 @@ struct KamailioOptions {
     // How long a nonce stays valid, in seconds: past it Kamailio answers
     // credentials with a new challenge marked stale.
     int nonceExpires = 300;
+    // With a certificate and key (PEM), Kamailio also listens for TLS on a
+    // port of its own (tlsPort()), presenting them.
+    std::string tlsCertificate;
+    std::string tlsKey;
 };
 
 class KamailioServer : public PeerProcess {
@@ -31,6 +35,8 @@ public:
     // Ready once it answers an OPTIONS on UDP and accepts a TCP connection;
     // on failure the reason is in `error` and Kamailio's output in log().
     [[nodiscard]] bool start(const KamailioOptions& options, std::string* error);
+    // Where it takes TLS; 0 without a certificate.
+    [[nodiscard]] uint16_t tlsPort() const { return tlsPort_; }
 
     // The final status to OPTIONS sip:user@domain (domain: hostPort() when
     // empty), 0 when none came within `timeout`: with a binding Kamailio
@@ -43,8 +49,11 @@ public:
     [[nodiscard]] int bindingsSaved(const std::string& user) const;
 
 private:
-    [[nodiscard]] static std::string config(const KamailioOptions& options, uint16_t port, const std::string& modules);
+    [[nodiscard]] static std::string config(const KamailioOptions& options, uint16_t port, uint16_t tlsPort,
+                                            const std::string& modules);
     [[nodiscard]] int count(const std::string& needle) const;
+
+    uint16_t tlsPort_ = 0;
 };
 
 }  // namespace kelsip::test
