@@ -137,6 +137,7 @@ private:
         bool useCandidate = false;       // our next check on it nominates (controlling)
         bool nominateOnSuccess = false;  // the far end nominated it before it succeeded (controlled)
         bool valid = false;
+        IceRole checkedAs = IceRole::Controlling;  // the role our last check on it claimed
         stun::TransactionId transaction{};
     };
     struct Selected {
@@ -173,6 +174,7 @@ private:
                    std::span<const uint8_t> raw);
     void onPeerCheck(const EarlyCheck& check);
     void triggerCheck(Pair& pair);
+    void switchRole(IceRole role);
     void nominate();
     void select(const Pair& pair);
     void unfreeze(const Pair& succeeded);

