@@ -139,7 +139,6 @@ void IceAgent::onCheckAnswer(uint64_t pairId, const stun::Message* response, std
             if (pair->checkedAs == role_) {
                 switchRole(role_ == IceRole::Controlling ? IceRole::Controlled : IceRole::Controlling);
             }
-            pair = findPair(pairId);
             pair->state = PairState::Waiting;
             pair->useCandidate = false;
             triggered_.push_back(pair->id);
@@ -171,8 +170,7 @@ void IceAgent::onCheckAnswer(uint64_t pairId, const stun::Message* response, std
             prflx.priority = candidatePriority(prflx.type, static_cast<uint16_t>(localPreferenceOf(pair->local)),
                                                prflx.component);
             const int base = local.base;
-            addLocal(prflx, base, false);
-            pair = findPair(pairId);
+            addLocal(prflx, base, false);  // the pair list is untouched
         }
     }
     pair->state = PairState::Succeeded;
