@@ -106,6 +106,7 @@ void IceAgent::gather(int64_t nowUs) {
                                                               static_cast<uint16_t>(localPreferenceOf(locals_.size() - 1)),
                                                               b.component);
     }
+    // The host candidates came first, one per base in order: locals_[i] is base i's.
     for (size_t i = 0; i < bases_.size(); ++i) {
         const int base = static_cast<int>(i);
         const uint16_t preference = static_cast<uint16_t>(localPreferenceOf(i));
@@ -295,8 +296,13 @@ bool IceAgent::send(int component, std::span<const uint8_t> bytes, int64_t nowUs
     for (const Pair& p : pairs_) {
         if (p.valid && remotes_[p.remote].component == component && (!best || p.priority > best->priority)) best = &p;
     }
-    if (!best) return false;
-    sendFrom(best->local, remotes_[best->remote].address, bytes);
+    if (best) {
+        sendFrom(best->local, remotes_[best->remote].address, bytes);
+        return true;
+    }
+    const auto old = beforeRestart_.find(component);
+    if (old == beforeRestart_.end()) return false;
+    sendFrom(old->second.local, old->second.remote.address, bytes);
     return true;
 }
 
@@ -353,8 +359,10 @@ void IceAgent::restart(int64_t nowUs) {
     firstValidUs_.clear();
     // Their answers find no pair any more and are dropped.
     checks_.clear();
-    // The old selected pairs carry media until new ones are chosen; they
-    // refer to remotes by value, so the cleared list does not matter.
+    // The old selected pairs carry media until new ones are chosen (they
+    // hold the remote by value); nomination starts afresh.
+    for (auto& [component, chosen] : selected_) beforeRestart_[component] = chosen;
+    selected_.clear();
     log::info(kTag, "restart: new credentials");
 }
 
@@ -395,14 +403,7 @@ void IceAgent::updateState() {
         const bool hasValid = std::any_of(pairs_.begin(), pairs_.end(), [&](const Pair& p) {
             return p.valid && remotes_[p.remote].component == component;
         });
-        const auto chosen = selected_.find(component);
-        // After a restart an old selected pair does not count as done.
-        const bool done = chosen != selected_.end() && hasValid &&
-                          std::any_of(pairs_.begin(), pairs_.end(), [&](const Pair& p) {
-                              return p.valid && remotes_[p.remote].address == chosen->second.remote.address &&
-                                     p.local == chosen->second.local;
-                          });
-        allSelected = allSelected && done;
+        allSelected = allSelected && selected_.count(component) != 0;
         allValid = allValid && hasValid;
     }
     const bool pending = !triggered_.empty() || std::any_of(pairs_.begin(), pairs_.end(), [](const Pair& p) {

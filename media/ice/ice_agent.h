@@ -204,6 +204,7 @@ private:
     std::vector<EarlyCheck> early_;    // checks that came before the far end's credentials
     uint64_t nextPairId_ = 1;
     std::map<int, Selected> selected_;
+    std::map<int, Selected> beforeRestart_;  // carry media until the restarted checks select again
     std::map<int, int64_t> firstValidUs_;
     std::map<int, int64_t> keepAliveDueUs_;
 

@@ -79,7 +79,13 @@ void IceAgent::formPairs() {
 
 void IceAgent::startChecks() {
     formPairs();
-    setState(IceState::Checking);
+    // A repeated description (a re-offer) adds pairs without undoing what
+    // the checks have reached; a restart has cleared that already.
+    if (state_ == IceState::New || state_ == IceState::Gathering) {
+        setState(IceState::Checking);
+    } else {
+        updateState();
+    }
     nextCheckUs_ = nowUs_;
     auto early = std::move(early_);
     early_.clear();
@@ -292,12 +298,7 @@ void IceAgent::triggerCheck(Pair& pair) {
 
 void IceAgent::nominate() {
     for (int component : components()) {
-        if (selected_.count(component) && std::any_of(pairs_.begin(), pairs_.end(), [&](const Pair& p) {
-                return p.valid && p.local == selected_[component].local &&
-                       remotes_[p.remote].address == selected_[component].remote.address;
-            })) {
-            continue;
-        }
+        if (selected_.count(component)) continue;
         Pair* best = nullptr;
         bool nominating = false;
         for (Pair& p : pairs_) {
@@ -322,6 +323,7 @@ void IceAgent::select(const Pair& pair) {
     const int component = locals_[pair.local].candidate.component;
     const Candidate& remote = remotes_[pair.remote];
     selected_[component] = Selected{pair.local, remote, pair.priority};
+    beforeRestart_.erase(component);
     keepAliveDueUs_[component] = nowUs_ + options_.keepAliveUs;
     const Local& local = locals_[pair.local];
     log::info(kTag, "component " + std::to_string(component) + " selected " + local.candidate.address.toString() +

@@ -43,10 +43,11 @@ public:
         void onIceState(IceState state) override { states.push_back(state); }
         void onData(int, std::span<const uint8_t> bytes) override { data.emplace_back(bytes.begin(), bytes.end()); }
 
-        int addBase(const net::SocketAddress& address, std::optional<net::SocketAddress> mapped = std::nullopt) {
+        int addBase(const net::SocketAddress& address, std::optional<net::SocketAddress> mapped = std::nullopt,
+                    int component = kRtpComponent) {
             privateAddress.push_back(address);
             publicAddress.push_back(mapped);
-            return agent->addHostBase(kRtpComponent, address);
+            return agent->addHostBase(component, address);
         }
     };
 
@@ -163,6 +164,12 @@ TEST(IceAgent, PacesChecksAndNominatesTheWorkingPair) {
     EXPECT_EQ(b.agent->selectedPair(1)->remote.address, at("10.0.0.1", 1000));
     EXPECT_EQ(b.agent->selectedPair(1)->local.address, at("10.0.0.2", 2000));
 
+    // The same description again (a re-offer) changes nothing.
+    network.exchange(a, b);
+    network.runFor(100000);
+    EXPECT_EQ(a.states.back(), IceState::Completed);
+    EXPECT_EQ(b.states.back(), IceState::Completed);
+
     const std::vector<uint8_t> rtp = {0x80, 0x00, 0x01};
     EXPECT_TRUE(a.agent->send(1, rtp, network.nowUs()));
     EXPECT_TRUE(b.agent->send(1, rtp, network.nowUs()));
@@ -235,10 +242,13 @@ TEST(IceAgent, RestartChecksAgainWithNewCredentials) {
     auto& a = network.add(IceRole::Controlling);
     auto& b = network.add(IceRole::Controlled);
     a.addBase(at("10.0.0.1", 1000));
+    a.addBase(at("10.0.0.1", 1001), std::nullopt, kRtcpComponent);
     b.addBase(at("10.0.0.2", 2000));
+    b.addBase(at("10.0.0.2", 2001), std::nullopt, kRtcpComponent);
     start(network, a, b);
     network.runUntil(1000000);
     ASSERT_EQ(a.agent->state(), IceState::Completed);
+    ASSERT_EQ(b.agent->selectedPair(kRtcpComponent)->remote.address, at("10.0.0.1", 1001));
     const std::string oldUfrag = a.agent->localUfrag();
 
     a.agent->restart(network.nowUs());
@@ -249,21 +259,27 @@ TEST(IceAgent, RestartChecksAgainWithNewCredentials) {
     // Until the new checks are through, media stays on the old pair.
     EXPECT_TRUE(a.agent->send(1, std::vector<uint8_t>{0x80}, network.nowUs()));
     const size_t checksBefore = checksSent(network, 0).size();
+    const size_t sentBefore = network.sent().size();
+    const size_t statesBefore = a.states.size();
     network.exchange(a, b);
     network.runFor(1000000);
 
-    EXPECT_EQ(a.states.end()[-2], IceState::Checking);
+    ASSERT_GT(a.states.size(), statesBefore);
+    EXPECT_EQ(a.states[statesBefore], IceState::Checking);
     EXPECT_EQ(a.agent->state(), IceState::Completed);
     EXPECT_EQ(b.agent->state(), IceState::Completed);
     EXPECT_GT(checksSent(network, 0).size(), checksBefore);
-    // The new checks name the new credentials.
-    for (auto it = network.sent().rbegin(); it != network.sent().rend(); ++it) {
-        const auto m = stun::parse(it->bytes);
-        if (it->end == 0 && m && m->messageClass == stun::Class::Request) {
-            EXPECT_EQ(m->text(stun::attr::kUsername), b.agent->localUfrag() + ':' + a.agent->localUfrag());
-            break;
-        }
+    // The new checks name the new credentials, and both components are
+    // nominated again.
+    std::set<net::SocketAddress> nominated;
+    for (size_t i = sentBefore; i < network.sent().size(); ++i) {
+        const Sent& s = network.sent()[i];
+        const auto m = stun::parse(s.bytes);
+        if (s.end != 0 || !m || m->messageClass != stun::Class::Request) continue;
+        EXPECT_EQ(m->text(stun::attr::kUsername), b.agent->localUfrag() + ':' + a.agent->localUfrag());
+        if (m->has(stun::attr::kUseCandidate)) nominated.insert(s.to);
     }
+    EXPECT_EQ(nominated, (std::set<net::SocketAddress>{at("10.0.0.2", 2000), at("10.0.0.2", 2001)}));
 }
 
 }  // namespace
