@@ -124,27 +124,16 @@ TEST_F(IceTurnTest, GathersReflexiveAndRelayedCandidates) {
     EXPECT_EQ(defaultCandidate(list, kRtpComponent), relay);
 }
 
-TEST_F(IceTurnTest, WrongPasswordFailsTheAllocation) {
-    net::Socket socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
-    ASSERT_TRUE(socket.valid() && socket.setNonBlocking(true) &&
-                socket.bind(net::SocketAddress::loopback(net::AddressFamily::V4)));
-    TurnClient client(credentials("wrong"), [&](std::span<const uint8_t> bytes) {
-        static_cast<void>(socket.sendTo(bytes.data(), bytes.size(), server_.address()));
-    });
-    std::optional<bool> result;
-    client.allocate(steadyUs(), [&](bool ok) { result = ok; });
-    ASSERT_TRUE(test::waitFor(
-        [&] {
-            uint8_t buffer[2048];
-            net::SocketAddress from;
-            const auto got = socket.receiveFrom(buffer, sizeof buffer, from);
-            if (got.ok()) static_cast<void>(client.receive(std::span<const uint8_t>(buffer, got.bytes), steadyUs()));
-            client.tick(steadyUs());
-            return result.has_value();
-        },
-        std::chrono::seconds(10)));
-    EXPECT_FALSE(*result);
-    EXPECT_EQ(client.state(), TurnClient::State::Failed);
+TEST_F(IceTurnTest, WrongPasswordLeavesOnlyTheHostCandidate) {
+    IceAgentOptions options;
+    options.turnServer = credentials("wrong");
+    SocketAgent a(options);
+    const int base = a.addBase(net::SocketAddress::loopback(net::AddressFamily::V4));
+    a.agent.gather(steadyUs());
+    ASSERT_TRUE(runUntil({&a}, [&] { return a.gathered; }));
+    EXPECT_EQ(a.agent.turn(base)->state(), TurnClient::State::Failed);
+    ASSERT_EQ(a.agent.localCandidates().size(), 1u);
+    EXPECT_EQ(a.agent.localCandidates()[0].type, CandidateType::Host);
 }
 
 TEST_F(IceTurnTest, RelayOnlyAgentReachesItsPeerThroughTheRelay) {
