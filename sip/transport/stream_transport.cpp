@@ -221,6 +221,18 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
         // Take every whole message, then cut the buffer once.
         size_t offset = 0;
         for (;;) {
+            // RFC 5626 keep-alives between messages: a double CRLF is a
+            // ping, answered with one CRLF; a lone CRLF is the pong to ours.
+            if (c.in.compare(offset, 4, "\r\n\r\n") == 0) {
+                c.out += "\r\n";
+                offset += 4;
+                continue;
+            }
+            if (c.in.compare(offset, 2, "\r\n") == 0 && (c.in.size() == offset + 2 || c.in[offset + 2] != '\r')) {
+                flowEvents_.emplace_back(SipTarget{config_.kind, c.remote, c.id}, FlowEvent::Pong);
+                offset += 2;
+                continue;
+            }
             std::string error;
             size_t used = 0;
             const auto message = frameStreamMessage(std::string_view(c.in).substr(offset), used, &error);
@@ -282,10 +294,24 @@ void StreamTransport::writeTo(Connection& c) {
     }
 }
 
-void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData) {
+void StreamTransport::closeFlows(const net::SocketAddress& remote) {
+    {
+        std::lock_guard lock(mutex_);
+        for (auto& [id, c] : connections_) {
+            if (c->remote == remote) {
+                closeConnection(*c, "giving up " + name() + " connection #" + std::to_string(id) + " to " +
+                                        remote.toString(), false, false);
+            }
+        }
+    }
+    waker_.wake();
+}
+
+void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData, bool tell) {
     if (c.closed) return;
     log::info(kTransportLogTag, why);
     c.closed = true;
+    if (c.outgoing && tell) flowEvents_.emplace_back(SipTarget{config_.kind, c.remote, c.id}, FlowEvent::Closed);
     c.socket.close();
     buffered_ -= c.in.size();
     c.in.clear();
@@ -393,11 +419,18 @@ void StreamTransport::ioLoop() {
         }
         received.clear();
         std::vector<SipTarget> failed;
+        std::vector<std::pair<SipTarget, FlowEvent>> flowEvents;
         {
             std::lock_guard lock(mutex_);
             failed.swap(failed_);
+            flowEvents.swap(flowEvents_);
         }
         for (const SipTarget& t : failed) reportError(loop_, t);
+        if (flowHandler_) {
+            for (const auto& [flow, event] : flowEvents) {
+                loop_.post([handler = flowHandler_, flow, event] { handler(flow, event); });
+            }
+        }
     }
 }
 

@@ -41,6 +41,11 @@ struct StreamTransportConfig {
     size_t maxConnections = 512;
 };
 
+// What a stream flow tells the user agent about itself (RFC 5626): a pong
+// came back for our ping, or a connection we opened has closed.
+enum class FlowEvent { Pong, Closed };
+using FlowHandler = std::function<void(const SipTarget& flow, FlowEvent event)>;
+
 class StreamTransport final : public SipTransport {
 public:
     // The only way to make one: TLS is refused in this build with
@@ -54,6 +59,12 @@ public:
     void close() override;
     bool send(std::string_view data, const SipTarget& target) override;
     [[nodiscard]] net::SocketAddress localAddress() const override;
+
+    // Must be set before `open`; called on the event-loop thread.
+    void setFlowHandler(FlowHandler handler) { flowHandler_ = std::move(handler); }
+    // Closes every connection to `remote` without a Closed event: the caller
+    // gives up the flow and the next send opens a new one.
+    void closeFlows(const net::SocketAddress& remote);
 
     // Connections now open or opening (for tests and diagnostics).
     [[nodiscard]] size_t connectionCount() const;
@@ -98,7 +109,7 @@ private:
     // within bounds again.
     void shedBuffers();
     void writeTo(Connection& c);
-    void closeConnection(Connection& c, const std::string& why, bool lostData);
+    void closeConnection(Connection& c, const std::string& why, bool lostData, bool tell = true);
     // How long the poll may sleep: until the earliest connect, message or
     // idle time-out or the end of a pause in accepting, -1 (no limit) when
     // nothing is due.
@@ -123,6 +134,8 @@ private:
     bool refusing_ = false;  // at the connection limit, and that was logged
     std::atomic<uint64_t> ioRounds_{0};
     std::vector<SipTarget> failed_;  // delivery failures to report after unlocking
+    std::vector<std::pair<SipTarget, FlowEvent>> flowEvents_;  // likewise, pongs and closed flows
+    FlowHandler flowHandler_;
 };
 
 }  // namespace kelsip
