@@ -85,6 +85,7 @@ std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, cons
                     // No names to look up: the machine may have no DNS at all.
                     "auto_aliases=no\ndns=no\nrev_dns=no\n"
                     "listen=udp:127.0.0.1:" + p + "\nlisten=tcp:127.0.0.1:" + p + "\n";
+    for (const std::string& ip : o.listenAddresses) c += "listen=udp:" + ip + ":" + p + "\nlisten=tcp:" + ip + ":" + p + "\n";
     for (const std::string& domain : o.domains) c += "alias=" + quotedForConfig(domain) + "\n";
     c += "mpath=" + quotedForConfig(modules + "/") + "\n";
     for (const char* module : {"tm", "sl", "rr", "pv", "maxfwd", "usrloc", "registrar", "textops", "siputils", "auth",

@@ -22,6 +22,9 @@ struct KamailioOptions {
     // How long a nonce stays valid, in seconds: past it Kamailio answers
     // credentials with a new challenge marked stale.
     int nonceExpires = 300;
+    // Addresses it listens on too, on the same port (the root's end of a
+    // test's network namespace, say).
+    std::vector<std::string> listenAddresses;
 };
 
 class KamailioServer : public PeerProcess {
