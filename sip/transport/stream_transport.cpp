@@ -427,8 +427,8 @@ void StreamTransport::ioLoop() {
         }
         for (const SipTarget& t : failed) reportError(loop_, t);
         if (flowHandler_) {
-            for (const auto& [flow, event] : flowEvents) {
-                loop_.post([handler = flowHandler_, flow, event] { handler(flow, event); });
+            for (const auto& happened : flowEvents) {
+                loop_.post([handler = flowHandler_, happened] { handler(happened.first, happened.second); });
             }
         }
     }
