@@ -55,6 +55,8 @@ kelsip::UserAgentConfig agentConfig(const SoftphoneConfig& config) {
     ua.rtpPortMin = config.rtpPortMin;
     ua.rtpPortMax = config.rtpPortMax;
     ua.noAnswerTimeoutMs = int64_t{config.noAnswerTimeoutSeconds} * 1000;
+    ua.mediaTimeoutMs = int64_t{std::max(config.mediaTimeoutSeconds, 0)} * 1000;
+    ua.keepAliveSeconds = std::max(config.keepAliveSeconds, 0);
     ua.sessionExpires = config.sessionExpires;
     ua.minSessionExpires = config.minSessionExpires;
     ua.telephoneEvent = config.telephoneEvent;
@@ -125,6 +127,7 @@ bool SoftphoneEngine::Impl::start(const SoftphoneAccount& account) {
     line.transport = transportKind(config.transport);
     line.expires = config.registerExpires;
     line.reregisterOnFailure = config.reregisterOnFailure;
+    line.stunServer = config.stunServer;
     const int lineId = agent->addLine(line);
     if (lineId <= 0) {
         log::warn(kEngineTag, "cannot start: the account was refused by the stack");

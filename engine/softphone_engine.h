@@ -32,11 +32,13 @@ struct SoftphoneConfig {
     std::string domain;  // empty: peer to peer, no registration
     std::string authUser;
     std::string proxy;
-    std::string stunServer;  // not applied yet
+    // "host" or "host:port" (3478): asked from the SIP socket for our public address.
+    std::string stunServer;
     std::string voicemailNumber;
     int32_t transport = 1;  // 1 UDP, 2 TCP, 3 TLS
     std::string displayName;
-    int32_t keepAliveSeconds = 30;  // not applied yet
+    // RFC 5626 keep-alives on the registration's flow; 0: none.
+    int32_t keepAliveSeconds = 30;
     std::string instanceId;         // "urn:uuid:..."; empty: made up at start
     std::string userAgent = "Velmora Networks SIP SDK v5.0";
     int32_t t1Ms = 500;
@@ -75,6 +77,8 @@ struct SoftphoneConfig {
     uint16_t rtpPortMin = 10000;
     uint16_t rtpPortMax = 15000;
     bool unregisterOnShutdown = true;
+    // A connected call that hears no RTP or RTCP this long is hung up; 0: never.
+    int32_t mediaTimeoutSeconds = 30;
 };
 
 // Event codes of the flat interface; SoftphoneListener's slots map to them.

@@ -38,6 +38,7 @@ const char* kHelp =
     "  --proxy HOST[:PORT]   outbound proxy\n"
     "  --transport udp|tcp   transport to the registrar (default udp)\n"
     "  --voicemail NUMBER    the voicemail number\n"
+    "  --stun HOST[:PORT]    STUN server asked for our public address (port 3478 by default)\n"
     "Phone:\n"
     "  --data DIR            data folder (default: the platform's, e.g. ~/.local/share/velmora-phone)\n"
     "  --bind ADDRESS        local address to use (default 0.0.0.0)\n"
@@ -63,7 +64,7 @@ struct Options {
 // Options take one value each, except the flags.
 bool parse(int argc, char** argv, Options& options, std::string& error) {
     static const char* withValue[] = {"--user",  "--password", "--domain", "--auth-user", "--proxy",
-                                      "--transport", "--voicemail", "--data", "--bind", "--port",
+                                      "--transport", "--voicemail", "--stun", "--data", "--bind", "--port",
                                       "--play", "--record-heard", "--script"};
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -215,7 +216,7 @@ int main(int argc, char** argv) {
     const std::pair<const char*, std::string Account::*> fields[] = {
         {"--user", &Account::user},   {"--password", &Account::password},   {"--domain", &Account::domain},
         {"--auth-user", &Account::authUser}, {"--proxy", &Account::proxy}, {"--transport", &Account::transport},
-        {"--voicemail", &Account::voicemail}};
+        {"--voicemail", &Account::voicemail}, {"--stun", &Account::stun}};
     for (const auto& [option, field] : fields) {
         if (v.count(option)) account.*field = v[option];
     }

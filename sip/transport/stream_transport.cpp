@@ -288,12 +288,24 @@ void StreamTransport::readFrom(Connection& c, std::vector<Received>& received) {
         // Take every whole message, then cut the buffer once.
         size_t offset = 0;
         for (;;) {
+            // RFC 5626 keep-alives between messages: a double CRLF is a
+            // ping, answered with one CRLF; a lone CRLF is the pong to ours.
+            if (c.in.compare(offset, 4, "\r\n\r\n") == 0) {
+                c.out += "\r\n";
+                offset += 4;
+                continue;
+            }
+            if (c.in.compare(offset, 2, "\r\n") == 0 && (c.in.size() == offset + 2 || c.in[offset + 2] != '\r')) {
+                flowEvents_.emplace_back(SipTarget{config_.kind, c.remote, c.id, c.host}, FlowEvent::Pong);
+                offset += 2;
+                continue;
+            }
             std::string error;
             size_t used = 0;
             const auto message = frameStreamMessage(std::string_view(c.in).substr(offset), used, &error);
             offset += used;
             if (message) {
-                received.push_back(Received{std::string(*message), SipTarget{config_.kind, c.remote, c.id}});
+                received.push_back(Received{std::string(*message), SipTarget{config_.kind, c.remote, c.id, c.host}});
                 continue;
             }
             if (error.empty()) break;
@@ -369,10 +381,25 @@ void StreamTransport::tlsFailed(Connection& c) {
                     c.outgoing || unsent(c), reason);
 }
 
-void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData, std::string reason) {
+void StreamTransport::closeFlows(const net::SocketAddress& remote) {
+    {
+        std::lock_guard lock(mutex_);
+        for (auto& [id, c] : connections_) {
+            if (c->remote == remote) {
+                closeConnection(*c, "giving up " + name() + " connection #" + std::to_string(id) + " to " +
+                                        remote.toString(), false, {}, false);
+            }
+        }
+    }
+    waker_.wake();
+}
+
+void StreamTransport::closeConnection(Connection& c, const std::string& why, bool lostData, std::string reason,
+                                      bool tell) {
     if (c.closed) return;
     log::info(kTransportLogTag, why);
     c.closed = true;
+    if (c.outgoing && tell) flowEvents_.emplace_back(SipTarget{config_.kind, c.remote, c.id, c.host}, FlowEvent::Closed);
     c.socket.close();
     buffered_ -= c.in.size();
     c.in.clear();
@@ -485,11 +512,18 @@ void StreamTransport::ioLoop() {
         }
         received.clear();
         std::vector<std::pair<SipTarget, std::string>> failed;
+        std::vector<std::pair<SipTarget, FlowEvent>> flowEvents;
         {
             std::lock_guard lock(mutex_);
             failed.swap(failed_);
+            flowEvents.swap(flowEvents_);
         }
         for (const auto& [target, reason] : failed) reportError(loop_, target, reason);
+        if (flowHandler_) {
+            for (const auto& happened : flowEvents) {
+                loop_.post([handler = flowHandler_, happened] { handler(happened.first, happened.second); });
+            }
+        }
     }
 }
 

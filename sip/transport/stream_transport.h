@@ -45,6 +45,11 @@ struct StreamTransportConfig {
     std::optional<TlsContext> tls;
 };
 
+// What a stream flow tells the user agent about itself (RFC 5626): a pong
+// came back for our ping, or a connection we opened has closed.
+enum class FlowEvent { Pong, Closed };
+using FlowHandler = std::function<void(const SipTarget& flow, FlowEvent event)>;
+
 class StreamTransport final : public SipTransport {
 public:
     // The only way to make one. TLS fails with "TLS support not compiled in
@@ -60,6 +65,12 @@ public:
     void close() override;
     bool send(std::string_view data, const SipTarget& target) override;
     [[nodiscard]] net::SocketAddress localAddress() const override;
+
+    // Must be set before `open`; called on the event-loop thread.
+    void setFlowHandler(FlowHandler handler) { flowHandler_ = std::move(handler); }
+    // Closes every connection to `remote` without a Closed event: the caller
+    // gives up the flow and the next send opens a new one.
+    void closeFlows(const net::SocketAddress& remote);
 
     // Connections now open or opening (for tests and diagnostics).
     [[nodiscard]] size_t connectionCount() const;
@@ -116,7 +127,8 @@ private:
     // Whether a connection may carry a message for `target`.
     [[nodiscard]] bool fits(const Connection& c, const SipTarget& target) const;
     // `why` is logged; `reason` (else `why`) goes to the error handler.
-    void closeConnection(Connection& c, const std::string& why, bool lostData, std::string reason = {});
+    void closeConnection(Connection& c, const std::string& why, bool lostData, std::string reason = {},
+                         bool tell = true);
     // The TLS session failed: its alert goes out if it can, then the connection closes.
     void tlsFailed(Connection& c);
     // How long the poll may sleep: until the earliest connect, message or
@@ -145,6 +157,8 @@ private:
     std::atomic<uint64_t> ioRounds_{0};
     // Delivery failures with their reasons, to report after unlocking.
     std::vector<std::pair<SipTarget, std::string>> failed_;
+    std::vector<std::pair<SipTarget, FlowEvent>> flowEvents_;  // likewise, pongs and closed flows
+    FlowHandler flowHandler_;
 };
 
 }  // namespace kelsip

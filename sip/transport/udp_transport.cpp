@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "sip/core/log.h"
+#include "sip/net/stun_message.h"
 
 namespace kelsip {
 
@@ -74,6 +75,17 @@ void UdpTransport::receiveLoop() {
             // Line breaks alone are a keep-alive, not a message.
             const std::string_view bytes(buffer.data(), r.bytes);
             if (bytes.find_first_not_of("\r\n") == std::string_view::npos) continue;
+            // STUN shares the socket (RFC 5626 keep-alives, the binding that
+            // tells our public address); SIP never starts with a byte below 4.
+            const auto* raw = reinterpret_cast<const uint8_t*>(buffer.data());
+            if (stun::looksLikeStun({raw, r.bytes})) {
+                if (stunHandler_) {
+                    loop_.post([handler = stunHandler_, datagram = std::vector<uint8_t>(raw, raw + r.bytes), from] {
+                        handler(datagram, from);
+                    });
+                }
+                continue;
+            }
             deliver(loop_, bytes, SipTarget{TransportKind::Udp, from, 0},
                     "dropping malformed message from ");
         }

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "sip/net/socket.h"
 #include "sip/net/waker.h"
@@ -17,6 +18,10 @@ struct UdpTransportConfig {
     int socketBufferBytes = 262144;
 };
 
+// Called on the event-loop thread with a STUN datagram that arrived on the
+// SIP socket (a keep-alive answer, a binding answer) and where it came from.
+using StunHandler = std::function<void(std::vector<uint8_t> datagram, const net::SocketAddress& source)>;
+
 class UdpTransport final : public SipTransport {
 public:
     UdpTransport(EventLoop& loop, UdpTransportConfig config);
@@ -27,6 +32,8 @@ public:
     void close() override;
     bool send(std::string_view data, const SipTarget& target) override;
     [[nodiscard]] net::SocketAddress localAddress() const override;
+    // Must be set before `open`; without it STUN datagrams are dropped.
+    void setStunHandler(StunHandler handler) { stunHandler_ = std::move(handler); }
 
     // The largest datagram read whole; one more byte holds a terminating zero.
     static constexpr size_t kReceiveBufferBytes = 65536;
@@ -42,6 +49,7 @@ private:
     std::atomic<bool> stopping_{false};
     std::thread thread_;
     std::mutex sendMutex_;
+    StunHandler stunHandler_;
 };
 
 }  // namespace kelsip

@@ -41,14 +41,10 @@ std::optional<net::SocketAddress> remoteMediaAddress(const SessionDescription& s
 bool Calls::openRtp(Call& call, const SipTarget& toward) {
     if (!ctx_.rtpIo) ctx_.rtpIo = std::make_shared<RtpIoService>();
     if (!ctx_.rtpPorts) ctx_.rtpPorts = std::make_unique<RtpPortAllocator>(ctx_.config.rtpPortMin, ctx_.config.rtpPortMax);
-    // Media goes from the address the system uses toward the far end.
     net::SocketAddress local = net::SocketAddress::any(toward.address.family());
     const auto bind = net::SocketAddress::parse(ctx_.config.bindAddress);
     if (bind && !bind->isAny()) local = *bind;
-    std::string advertised = local.host();
-    if (local.isAny()) {
-        if (const auto out = net::localAddressToward(toward.address)) advertised = out->host();
-    }
+    const std::string advertised = mediaAddressToward(toward);
     RtpSessionOptions options;
     options.local = local;
     auto rtp = std::make_unique<RtpSession>(ctx_.rtpIo, options);
@@ -57,6 +53,36 @@ bool Calls::openRtp(Call& call, const SipTarget& toward) {
     call.mediaAddress = advertised;
     call.rtp = std::move(rtp);
     return true;
+}
+
+std::string Calls::mediaAddressToward(const SipTarget& toward) const {
+    // Media goes from the address the system uses toward the far end; the
+    // RTP socket listens on every address, so a new one needs no new socket.
+    const auto bind = net::SocketAddress::parse(ctx_.config.bindAddress);
+    if (bind && !bind->isAny()) return bind->host();
+    const auto out = ctx_.sourceAddressToward(toward.address);
+    return out ? out->host() : net::SocketAddress::any(toward.address.family()).host();
+}
+
+bool Calls::addressMoved() const {
+    for (const auto& [id, call] : calls_) {
+        if (call->state == CallState::Connected && call->mediaAddress != mediaAddressToward(dialogTarget(*call))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void Calls::networkChanged() {
+    for (auto& [id, call] : calls_) {
+        if (call->state != CallState::Connected || !call->reofferKey.empty()) continue;
+        const std::string now = mediaAddressToward(dialogTarget(*call));
+        log::info(kTag, callPrefix(*call) + ": offering media at " + now + " (was " + call->mediaAddress + ")");
+        call->mediaAddress = now;
+        // A re-INVITE, as RFC 3311 prefers in a confirmed dialog: it also
+        // refreshes the far end's target with our new Contact.
+        sendReoffer(*call, false);
+    }
 }
 
 std::string Calls::buildOffer(Call& call, MediaDirection direction) {
@@ -143,10 +169,10 @@ void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirect
     }
 }
 
-void Calls::sendReoffer(Call& call) {
+void Calls::sendReoffer(Call& call, bool mayUpdate) {
     // An UPDATE where the dialog allows it (no ACK, no ringing to wait
     // for), else a re-INVITE.
-    const bool update = call.peerAllowsUpdate;
+    const bool update = mayUpdate && call.peerAllowsUpdate;
     SipMessage invite = buildInDialogRequest(call, update ? "UPDATE" : "INVITE");
     // A proxy that challenged an INVITE of this call may challenge each
     // re-INVITE too: the credentials it took last time go along.
@@ -174,7 +200,7 @@ void Calls::sendReoffer(Call& call) {
             ++c->authAttempts;
             c->challenge = std::move(*challenge);
             c->digest.nonceCount = 0;
-            sendReoffer(*c);
+            sendReoffer(*c, update);
             return;
         }
         log::warn(kTag, callPrefix(*c) + ": re-offer rejected with " + std::to_string(code));

@@ -39,6 +39,11 @@ public:
     size_t hangupAll();
     // Some call still waits for the far end to confirm its end.
     [[nodiscard]] bool ending() const;
+    // The host's network changed: every connected call is offered again
+    // with the address its media is now reached at.
+    void networkChanged();
+    // Whether a connected call's media address is no longer the host's.
+    [[nodiscard]] bool addressMoved() const;
     // Closes every call's media and forgets the calls.
     void stop();
 
@@ -79,11 +84,13 @@ private:
     void notifyReferrer(Call& call, int code, const std::string& reason, bool final);
     // Offer/answer and media.
     [[nodiscard]] bool openRtp(Call& call, const SipTarget& toward);
+    // The address our SDP names for media toward `toward`.
+    [[nodiscard]] std::string mediaAddressToward(const SipTarget& toward) const;
     [[nodiscard]] std::string buildOffer(Call& call, MediaDirection direction);
     [[nodiscard]] std::string buildAnswer(Call& call, MediaDirection direction);
     [[nodiscard]] bool takeAnswer(Call& call, const std::string& body);
     void startMedia(Call& call, const SessionDescription& remote, MediaDirection ours);
-    void sendReoffer(Call& call);
+    void sendReoffer(Call& call, bool mayUpdate = true);
     // Hangs up a connected call whose far end has gone silent for good.
     void watchMedia(Call& call);
     void scheduleMediaCheck(Call& call);

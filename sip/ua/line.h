@@ -15,6 +15,16 @@
 
 namespace kelsip {
 
+// A STUN Binding request in flight from the SIP socket, retransmitted on
+// a doubling interval until answered or given up.
+struct StunQuery {
+    std::vector<uint8_t> request;     // empty: none in flight
+    net::SocketAddress to;
+    int64_t firstSentMs = 0;
+    int64_t intervalMs = 0;
+    EventLoop::TimerId timer = 0;
+};
+
 struct Line {
     int id = 0;
     LineConfig config;
@@ -38,6 +48,21 @@ struct Line {
     dns::ServerLocator::LocateId locating = 0;
     std::string transaction;          // key of the REGISTER in flight
     PresenceStatus presence;          // what watchers are told and PUBLISH sends
+    // Reachability. The address the registrar (Via received/rport) or a
+    // STUN server saw us from, when it is not our own: Contact names it.
+    std::optional<net::SocketAddress> publicAddress;
+    std::string contactSent;          // Contact URI of the last REGISTER
+    std::string contactBound;         // ... and of the binding the registrar holds
+    net::SocketAddress localSent;     // our own address when it was sent
+    int flowSeconds = 0;              // the registrar's Flow-Timer; 0: ours
+    EventLoop::TimerId keepAliveTimer = 0;
+    EventLoop::TimerId pongTimer = 0;     // a stream ping's pong is due
+    StunQuery keepAlive;                  // a UDP keep-alive to the registrar
+    StunQuery serverQuery;                // to the account's STUN server
+    std::optional<net::SocketAddress> stunServer;  // resolved
+    bool registrarSaw = false;        // its last 2xx told where it saw us from
+    bool stunAnswers = false;         // the registrar has answered a STUN keep-alive
+    uint32_t flowFailures = 0;        // in a row; each waits longer before recovering
 };
 
 }  // namespace kelsip

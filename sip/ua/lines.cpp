@@ -164,6 +164,7 @@ void Lines::cancelTimers(Line& line) {
     ctx_.loop->cancel(line.refreshTimer);
     ctx_.loop->cancel(line.retryTimer);
     line.refreshTimer = line.retryTimer = 0;
+    stopKeepAlive(line);
 }
 
 void Lines::setState(Line& line, RegistrationState state, int code, const std::string& reason) {
@@ -204,6 +205,14 @@ void Lines::resolveAndRegister(Line& line) {
     });
 }
 
+std::string Lines::bindingUri(const Line& line) const {
+    const SipTarget& target = line.targets[line.targetIndex];
+    std::string uri = "sip:" + escapeUriUser(line.config.user) + "@" + ctx_.contactHost(target, &line);
+    if (target.kind == TransportKind::Tcp) uri += ";transport=tcp";
+    if (target.kind == TransportKind::Tls) uri += ";transport=tls";
+    return uri;
+}
+
 SipMessage Lines::buildRegister(Line& line) {
     const SipTarget& target = line.targets[line.targetIndex];
     const LineConfig& c = line.config;
@@ -212,7 +221,7 @@ SipMessage Lines::buildRegister(Line& line) {
     m.isRequest = true;
     m.method = "REGISTER";
     m.requestUri = *SipUri::parse("sip:" + c.domain);
-    m.addHeader("Via", ctx_.viaFor(target));
+    m.addHeader("Via", ctx_.viaFor(target, &line));
     m.addHeader("Max-Forwards", "70");
     if (!c.outboundProxy.empty()) {
         auto route = SipUri::parse(c.outboundProxy);
@@ -225,9 +234,16 @@ SipMessage Lines::buildRegister(Line& line) {
     m.addHeader("Call-ID", line.callId);
     m.addHeader("CSeq", std::to_string(++line.cseq) + " REGISTER");
 
-    std::string contact = "<sip:" + escapeUriUser(c.user) + "@" + ctx_.contactHost(target);
-    if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
-    if (target.kind == TransportKind::Tls) contact += ";transport=tls";
+    const std::string uri = bindingUri(line);
+    // Our address changed under a binding we hold: the new one replaces it
+    // and the stale one goes in the same request, lest calls go there.
+    std::string stale;
+    if (!line.contactBound.empty() && line.contactBound != uri) stale = ", <" + line.contactBound + ">;expires=0";
+    if (!line.unregistering) {
+        line.contactSent = uri;
+        line.localSent = ctx_.ownAddressToward(target);
+    }
+    std::string contact = "<" + uri;
     if (c.push.set()) {
         contact += ";pn-provider=" + c.push.provider;
         if (!c.push.param.empty()) contact += ";pn-param=" + c.push.param;
@@ -235,7 +251,7 @@ SipMessage Lines::buildRegister(Line& line) {
     }
     contact += ">;+sip.instance=\"<" + ctx_.config.instanceId + ">\"";
     if (c.push.set()) contact += ";+sip.pnsreg";
-    m.addHeader("Contact", contact);
+    m.addHeader("Contact", contact + stale);
     m.addHeader("Expires", std::to_string(line.unregistering ? 0 : line.expires));
     m.addHeader("Allow", kUserAgentAllow);
     m.addHeader("Supported", ctx_.config.enable100rel ? "100rel, replaces, timer" : "replaces, timer");
@@ -300,6 +316,7 @@ void Lines::onRegistered(Line& line, const SipMessage& response) {
     line.attempts = 0;
     if (line.unregistering) {
         line.unregistering = false;
+        line.contactBound.clear();
         cancelTimers(line);
         setState(line, RegistrationState::Unregistered, response.statusCode, response.reason);
         return;
@@ -315,7 +332,7 @@ void Lines::onRegistered(Line& line, const SipMessage& response) {
         const bool ours = (instance && instance->find(ctx_.config.instanceId) != std::string::npos) ||
                           (na->uri.user == escapeUriUser(line.config.user) &&
                            na->uri.host + ":" + std::to_string(na->uri.port) ==
-                               ctx_.contactHost(line.targets[line.targetIndex]));
+                               ctx_.contactHost(line.targets[line.targetIndex], &line));
         const auto expires = na->param("expires");
         if (ours && expires) {
             if (const auto n = parseHeaderInteger(*expires)) {
@@ -329,6 +346,7 @@ void Lines::onRegistered(Line& line, const SipMessage& response) {
         if (const auto e = response.expires()) granted = *e;
     }
     line.granted = static_cast<int>(std::clamp<int64_t>(granted, 0, INT32_MAX));
+    line.contactBound = line.contactSent;
 
     line.push = PushSupport{};
     for (const std::string& caps : response.headers("Feature-Caps")) {
@@ -355,6 +373,7 @@ void Lines::onRegistered(Line& line, const SipMessage& response) {
     line.statusCode = response.statusCode;
     line.reason = response.reason;
     scheduleRefresh(line);
+    keepFlow(line, response);
 }
 
 void Lines::scheduleRefresh(Line& line) {

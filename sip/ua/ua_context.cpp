@@ -83,22 +83,41 @@ void UaContext::addCredentials(SipMessage& request, const LineConfig& account, c
     request.addHeader(authorizationHeaderName(challenge), buildAuthorization(challenge, digest));
 }
 
-std::string UaContext::contactHost(const SipTarget& target) const {
+std::optional<net::SocketAddress> UaContext::sourceAddressToward(const net::SocketAddress& destination) const {
+    auto toward = net::localAddressToward(destination);
+    if (hostAddresses.empty()) return toward;
+    if (toward && std::find(hostAddresses.begin(), hostAddresses.end(), *toward) != hostAddresses.end()) return toward;
+    // The routing table lags behind the interfaces (or a test names them):
+    // an address the host still has beats one it gave up.
+    for (const net::SocketAddress& a : hostAddresses) {
+        if (a.family() == destination.family() && a.isLoopback() == destination.isLoopback()) return a;
+    }
+    return toward;
+}
+
+net::SocketAddress UaContext::ownAddressToward(const SipTarget& target) const {
     // The address the system would send from towards this target, with the
     // port our transport of that kind listens on.
     net::SocketAddress local = localAddress(target.kind);
     if (local.isAny()) {
-        if (const auto toward = net::localAddressToward(target.address)) {
+        if (const auto toward = sourceAddressToward(target.address)) {
             const uint16_t port = local.port();
             local = *toward;
             local.setPort(port);
         }
     }
-    return local.host() + ":" + std::to_string(local.port());
+    return local;
 }
 
-std::string UaContext::viaFor(const SipTarget& target) const {
-    return "SIP/2.0/" + std::string(transportName(target.kind)) + " " + contactHost(target) + ";rport";
+std::string UaContext::contactHost(const SipTarget& target, const Line* line) const {
+    if (line != nullptr && line->publicAddress && line->config.transport == target.kind) {
+        return line->publicAddress->toString();
+    }
+    return ownAddressToward(target).toString();
+}
+
+std::string UaContext::viaFor(const SipTarget& target, const Line* line) const {
+    return "SIP/2.0/" + std::string(transportName(target.kind)) + " " + contactHost(target, line) + ";rport";
 }
 
 SipTarget UaContext::dialogTarget(const Dialog& dialog, const SipTarget& fallback) {
@@ -147,8 +166,8 @@ SipMessage UaContext::buildDialogRequest(Dialog& dialog, std::string_view method
 
 std::string UaContext::contactUri(const Line* line, const SipTarget& target, bool sips) const {
     const std::string user = line != nullptr ? escapeUriUser(line->config.user) : "kelsip";
-    if (sips && target.kind == TransportKind::Tls) return "<sips:" + user + "@" + contactHost(target) + ">";
-    std::string contact = "<sip:" + user + "@" + contactHost(target);
+    if (sips && target.kind == TransportKind::Tls) return "<sips:" + user + "@" + contactHost(target, line) + ">";
+    std::string contact = "<sip:" + user + "@" + contactHost(target, line);
     if (target.kind == TransportKind::Tcp) contact += ";transport=tcp";
     if (target.kind == TransportKind::Tls) contact += ";transport=tls";
     return contact + ">";

@@ -62,8 +62,14 @@ public:
 
     [[nodiscard]] net::SocketAddress localAddress(TransportKind kind) const;
     bool sendText(std::string_view text, const SipTarget& target);
-    [[nodiscard]] std::string viaFor(const SipTarget& target) const;
-    [[nodiscard]] std::string contactHost(const SipTarget& target) const;
+    // Via and Contact name the line's public address when it has one.
+    [[nodiscard]] std::string viaFor(const SipTarget& target, const Line* line = nullptr) const;
+    [[nodiscard]] std::string contactHost(const SipTarget& target, const Line* line = nullptr) const;
+    // Our own address toward `target`, with our transport's port.
+    [[nodiscard]] net::SocketAddress ownAddressToward(const SipTarget& target) const;
+    // The host address the system sends from toward `destination`; one of
+    // `hostAddresses` when the route names none of them (port 0).
+    [[nodiscard]] std::optional<net::SocketAddress> sourceAddressToward(const net::SocketAddress& destination) const;
     [[nodiscard]] std::string randomToken(size_t length);
     // Signs `request` with the account's credentials for `challenge`; each
     // signed request counts one more use of the nonce.
@@ -106,6 +112,8 @@ public:
     std::unique_ptr<RtpPortAllocator> rtpPorts;
     std::shared_ptr<UserAgentListener> listener;
     std::mt19937 random;
+    // The host's addresses at the last look; empty before the first.
+    std::vector<net::SocketAddress> hostAddresses;
     bool started = false;
 };
 

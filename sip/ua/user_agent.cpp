@@ -66,6 +66,8 @@ bool UserAgent::Impl::start(std::string* error) {
         ctx_.udp = std::make_unique<UdpTransport>(*ctx_.loop, UdpTransportConfig{at});
         ctx_.udp->setReceiveHandler(onMessage);
         ctx_.udp->setErrorHandler(onError);
+        ctx_.udp->setStunHandler(
+            [this](const std::vector<uint8_t>& datagram, const net::SocketAddress& from) { lines_.onStun(datagram, from); });
         if (!ctx_.udp->open(nullptr)) ctx_.udp.reset();
     }
     if (ctx_.config.tcpPort >= 0) {
@@ -75,6 +77,7 @@ bool UserAgent::Impl::start(std::string* error) {
         ctx_.tcp = StreamTransport::create(*ctx_.loop, tcpConfig, nullptr);
         ctx_.tcp->setReceiveHandler(onMessage);
         ctx_.tcp->setErrorHandler(onError);
+        ctx_.tcp->setFlowHandler([this](const SipTarget& flow, FlowEvent event) { lines_.onFlowEvent(flow, event); });
         if (!ctx_.tcp->open(nullptr)) ctx_.tcp.reset();
     }
     if (ctx_.config.tlsPort >= 0) {
@@ -109,6 +112,7 @@ bool UserAgent::Impl::start(std::string* error) {
     ctx_.locator = std::make_unique<dns::ServerLocator>(*ctx_.dns, where);
     ctx_.started = true;
     if (ownsLoopThread()) ctx_.loop->start();
+    ctx_.loop->post([this] { network_.start(); });
     return true;
 }
 
@@ -119,6 +123,7 @@ void UserAgent::Impl::stop() {
     if (ctx_.tcp) ctx_.tcp->close();
     if (ctx_.tls) ctx_.tls->close();
     if (ownsLoopThread()) ctx_.loop->stop();
+    network_.stop();
     lines_.stop();
     publication_.stop();
     outgoing_.clear();

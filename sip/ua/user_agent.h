@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,6 +57,10 @@ struct LineConfig {
     int expires = 3600;          // seconds asked for in REGISTER
     bool reregisterOnFailure = true;  // retry 60 s after a failed registration
     PushParams push;
+    // A STUN server ("host" or "host:port", port 3478 by default) asked from
+    // the SIP socket for our public address; empty: none, the registrar's
+    // Via "received"/"rport" still tell it.
+    std::string stunServer;
 };
 
 struct LineInfo {
@@ -170,6 +175,20 @@ struct UserAgentConfig {
     // A connected call that receives no RTP or RTCP for this long, while the
     // far end is meant to be sending, is hung up ("Media timeout"). 0: never.
     int64_t mediaTimeoutMs = 30000;
+    // RFC 5626 keep-alives on a registered line's flow (a STUN binding over
+    // UDP, a double CRLF over streams), this often; a registrar's Flow-Timer
+    // overrides it. 0: none.
+    int keepAliveSeconds = 30;
+    // A keep-alive unanswered this long means the flow has failed.
+    int64_t keepAliveAnswerMs = 10000;
+    // The host's addresses are looked at this often for a network change or
+    // a resume from sleep; 0: never.
+    int64_t networkPollMs = 3000;
+    // Where the host's addresses come from; empty: the system's interfaces.
+    std::function<std::vector<net::SocketAddress>()> localAddressSource;
+    // Wall-clock milliseconds; running ahead of the loop's clock between two
+    // looks means the host slept. Empty: the system's clock.
+    std::function<int64_t()> wallClockMs;
     // Overload: beyond these limits a new call, or any new request, is
     // answered 503 with Retry-After at once. maxCalls answers 486 first, so
     // on a phone the limits only guard; a test server raises maxCalls and

@@ -10,6 +10,7 @@
 #include "sip/ua/calls.h"
 #include "sip/ua/lines.h"
 #include "sip/ua/messages.h"
+#include "sip/ua/network_watch.h"
 #include "sip/ua/outgoing.h"
 #include "sip/ua/publication.h"
 #include "sip/ua/subscriptions.h"
@@ -87,6 +88,7 @@ private:
     Subscriptions subscriptions_{ctx_, lines_, outgoing_};
     Watchers watchers_{ctx_, lines_};
     Publication publication_{ctx_, lines_, outgoing_};
+    NetworkWatch network_{ctx_, lines_, calls_};
 };
 
 }  // namespace kelsip

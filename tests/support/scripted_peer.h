@@ -6,6 +6,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "sip/net/socket.h"
 #include "sip/syntax/message.h"
@@ -53,6 +55,23 @@ public:
     }
     void send(const std::string& text, const net::SocketAddress& to) {
         (void)socket_.sendTo(text.data(), text.size(), to);
+    }
+    // The next STUN datagram (while SIP is skipped), and where it came from.
+    std::optional<std::pair<std::vector<uint8_t>, net::SocketAddress>> expectStun(
+        const Pump& pump, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (pump) pump();
+            uint8_t buf[2048];
+            net::SocketAddress from;
+            const auto r = socket_.receiveFrom(buf, sizeof buf, from);
+            if (r.ok() && r.bytes > 0 && buf[0] < 4) return std::pair{std::vector<uint8_t>(buf, buf + r.bytes), from};
+            if (!r.ok()) {
+                net::PollEntry e{socket_.native(), true, false};
+                (void)net::poll({&e, 1}, 1);
+            }
+        }
+        return std::nullopt;
     }
 
 private:

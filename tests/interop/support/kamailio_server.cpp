@@ -87,6 +87,7 @@ std::string KamailioServer::config(const KamailioOptions& o, uint16_t port, uint
                     // No names to look up: the machine may have no DNS at all.
                     "auto_aliases=no\ndns=no\nrev_dns=no\n"
                     "listen=udp:127.0.0.1:" + p + "\nlisten=tcp:127.0.0.1:" + p + "\n";
+    for (const std::string& ip : o.listenAddresses) c += "listen=udp:" + ip + ":" + p + "\nlisten=tcp:" + ip + ":" + p + "\n";
     if (tlsPort != 0) c += "enable_tls=yes\nlisten=tls:127.0.0.1:" + std::to_string(tlsPort) + "\n";
     for (const std::string& domain : o.domains) c += "alias=" + quotedForConfig(domain) + "\n";
     c += "mpath=" + quotedForConfig(modules + "/") + "\n";

@@ -26,6 +26,9 @@ struct KamailioOptions {
     // port of its own (tlsPort()), presenting them.
     std::string tlsCertificate;
     std::string tlsKey;
+    // Addresses it listens on too, on the same port (the root's end of a
+    // test's network namespace, say).
+    std::vector<std::string> listenAddresses;
 };
 
 class KamailioServer : public PeerProcess {
