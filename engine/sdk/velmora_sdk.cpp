@@ -9,6 +9,7 @@
 #include <thread>
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "engine/softphone_engine.h"
@@ -91,7 +92,7 @@ std::vector<std::string> splitList(const char* s) {
 SoftphoneConfig engineConfig(const velmora_config* c) {
     SoftphoneConfig config;
     // A caller built against an older, shorter record is read only as far as it goes.
-    if (c == nullptr || c->size < sizeof(velmora_config)) return config;
+    if (c == nullptr || c->size < offsetof(velmora_config, srtp_policy)) return config;
     if (c->bind_address) config.bindAddress = c->bind_address;
     config.sipPort = c->sip_port;
     config.enableUdp = c->enable_udp != 0;
@@ -105,6 +106,7 @@ SoftphoneConfig engineConfig(const velmora_config* c) {
     config.rtpPortMax = c->rtp_port_max;
     config.dnsServers = splitList(c->dns_servers);
     config.audioBufferMs = c->audio_buffer_ms;
+    if (c->size >= sizeof(velmora_config)) config.srtpPolicy = std::clamp(c->srtp_policy, 0, 2);
     return config;
 }
 
@@ -154,6 +156,7 @@ void velmora_config_init(velmora_config* config) {
     config->rtp_port_max = defaults.rtpPortMax;
     config->dns_servers = "";
     config->audio_buffer_ms = defaults.audioBufferMs;
+    config->srtp_policy = defaults.srtpPolicy;
 }
 
 void velmora_set_log(velmora_log_callback callback, void* context, int level) {

@@ -101,6 +101,7 @@ typedef struct velmora_config {
     uint16_t rtp_port_max;      /* 15000 */
     const char* dns_servers;    /* "host[:port]" separated by commas; "" = the system's */
     int32_t audio_buffer_ms;    /* 20 */
+    int32_t srtp_policy;        /* 0 off, 1 offered (best effort), 2 required */
 } velmora_config;
 
 typedef struct velmora_engine velmora_engine;
