@@ -261,8 +261,9 @@ void RtpSession::readAll(Channel channel, net::Socket& socket) {
         const int64_t arrivalUs = RtpIoService::steadyNowUs();
         for (const RtpReceiveBatch::Datagram& d : batch.datagrams()) {
             if (!socket.valid()) break;
-            if (!account(channel, d.bytes, d.from, arrivalUs)) continue;
             const std::lock_guard lock(sinkMutex_);
+            const bool authentic = sink_ == nullptr || sink_->authentic(channel, d.bytes);
+            if (!account(channel, d.bytes, d.from, arrivalUs, authentic)) continue;
             if (sink_ != nullptr) sink_->onPacket(channel, d.bytes, arrivalUs);
         }
         taken += read;
@@ -271,13 +272,13 @@ void RtpSession::readAll(Channel channel, net::Socket& socket) {
 }
 
 bool RtpSession::account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
-                         int64_t arrivalUs) {
+                         int64_t arrivalUs, bool authentic) {
     // Only what looks like our protocol may latch or count: a stray datagram
     // (a STUN probe, a scan) must not redirect the call's media. With SRTP
     // this is where the packet is authenticated, so that nothing but an
     // authenticated packet moves the source.
-    const bool genuine = channel == Channel::Rtp ? isVersion2(bytes, RtpPacket::kFixedHeaderSize)
-                                                 : isVersion2(bytes, kRtcpHeaderSize);
+    const bool genuine = authentic && (channel == Channel::Rtp ? isVersion2(bytes, RtpPacket::kFixedHeaderSize)
+                                                               : isVersion2(bytes, kRtcpHeaderSize));
     const std::lock_guard lock(mutex_);
     if (!admit(channel, genuine, from)) return false;
     if (channel == Channel::Rtcp || !genuine) return true;

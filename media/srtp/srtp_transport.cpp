@@ -76,19 +76,36 @@ void SrtpTransport::close(std::span<const uint8_t> finalRtcp) {
     sink_ = nullptr;
 }
 
+bool SrtpTransport::unprotect(Channel channel, std::span<const uint8_t> bytes) {
+    receiveBuffer_.assign(bytes.begin(), bytes.end());
+    const srtp::Status status =
+        channel == Channel::Rtp ? in_->unprotectRtp(receiveBuffer_) : in_->unprotectRtcp(receiveBuffer_);
+    if (status != srtp::Status::Ok) {
+        refuse(status);
+        return false;
+    }
+    burstLogged_ = false;
+    ++received_;
+    return true;
+}
+
+bool SrtpTransport::authentic(Channel channel, std::span<const uint8_t> bytes) {
+    std::lock_guard lock(receiveMutex_);
+    checkedData_ = bytes.data();
+    checkedSize_ = bytes.size();
+    checkedOk_ = unprotect(channel, bytes);
+    return checkedOk_;
+}
+
 void SrtpTransport::onPacket(Channel channel, std::span<const uint8_t> bytes, int64_t arrivalUs) {
     MediaTransport::Sink* sink = nullptr;
     {
         std::lock_guard lock(receiveMutex_);
-        receiveBuffer_.assign(bytes.begin(), bytes.end());
-        const srtp::Status status =
-            channel == Channel::Rtp ? in_->unprotectRtp(receiveBuffer_) : in_->unprotectRtcp(receiveBuffer_);
-        if (status != srtp::Status::Ok) {
-            refuse(status);
-            return;
-        }
-        burstLogged_ = false;
-        ++received_;
+        // Judged a moment ago by `authentic` (an RTP session), or not at all
+        // (a transport that does not ask).
+        const bool judged = checkedData_ == bytes.data() && checkedSize_ == bytes.size();
+        checkedData_ = nullptr;
+        if (judged ? !checkedOk_ : !unprotect(channel, bytes)) return;
         sink = sink_;
     }
     // The buffer is only refilled from this same thread, so it stays put

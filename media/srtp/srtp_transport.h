@@ -49,7 +49,10 @@ private:
     SrtpTransport(std::unique_ptr<MediaTransport> inner, std::unique_ptr<srtp::Context> out,
                   std::unique_ptr<srtp::Context> in, int call);
     // MediaTransport::Sink, on the inner transport's thread.
+    bool authentic(Channel channel, std::span<const uint8_t> bytes) override;
     void onPacket(Channel channel, std::span<const uint8_t> bytes, int64_t arrivalUs) override;
+    // Unprotects into receiveBuffer_, counting and logging a refusal. Under receiveMutex_.
+    [[nodiscard]] bool unprotect(Channel channel, std::span<const uint8_t> bytes);
     void onTick(int64_t nowUs) override;
     void refuse(srtp::Status status);
 
@@ -63,6 +66,11 @@ private:
     std::unique_ptr<srtp::Context> in_;
     std::vector<uint8_t> receiveBuffer_;
     bool burstLogged_ = false;  // a refused packet was logged since the last good one
+    // The datagram `authentic` last judged, and its verdict, for the
+    // `onPacket` that follows it.
+    const uint8_t* checkedData_ = nullptr;
+    size_t checkedSize_ = 0;
+    bool checkedOk_ = false;
     MediaTransport::Sink* sink_ = nullptr;
 
     std::atomic<uint64_t> sent_{0};
