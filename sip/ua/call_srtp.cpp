@@ -109,8 +109,8 @@ bool Calls::takeAnswerCrypto(Call& call, const SessionDescription& answer) {
             return true;
         }
     }
-    // A re-answer without keys leaves the agreed ones running.
-    if (call.localCrypto) return true;
+    // Not reached for a re-answer on an encrypted call: matchAnswer refuses
+    // one without our tag, as it does when the policy requires SRTP.
     call.offeredCrypto.clear();
     if (srtpPolicy(call) == SrtpPolicy::Required) return false;  // matchAnswer has said why
     if (securedProto(audio->proto)) {
