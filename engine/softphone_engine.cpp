@@ -128,6 +128,9 @@ bool SoftphoneEngine::Impl::start(const SoftphoneAccount& account) {
     line.expires = config.registerExpires;
     line.reregisterOnFailure = config.reregisterOnFailure;
     line.stunServer = config.stunServer;
+    line.srtp = config.srtpPolicy == 2   ? kelsip::SrtpPolicy::Required
+                : config.srtpPolicy == 1 ? kelsip::SrtpPolicy::Offered
+                                         : kelsip::SrtpPolicy::Off;
     const int lineId = agent->addLine(line);
     if (lineId <= 0) {
         log::warn(kEngineTag, "cannot start: the account was refused by the stack");

@@ -49,7 +49,7 @@ struct SoftphoneConfig {
     std::vector<std::string> codecs{"PCMU", "PCMA", "G729", "GSM"};
     int32_t dtmfMethod = 0;  // 0 RFC 4733 events, 1 SIP INFO
     int32_t ptimeMs = 20;
-    int32_t srtpPolicy = 0;  // 0 off, 1 offered, 2 required; not applied yet
+    int32_t srtpPolicy = 0;  // 0 off, 1 offered, 2 required (see kelsip::SrtpPolicy)
     int32_t noAnswerTimeoutSeconds = 120;
     bool sessionTimers = true;
     bool telephoneEvent = true;

@@ -46,6 +46,7 @@ const char* kHelp =
     "  --play FILE.wav       the microphone is this file (8000 Hz mono 16-bit), looped\n"
     "  --record-heard FILE   what the loudspeaker plays is written to this WAV file at exit\n"
     "  --script FILE         run the commands in FILE, then quit\n"
+    "  --srtp off|offered|required  encrypted calls (SRTP); kept in the settings\n"
     "  --auto-answer         answer incoming calls at once\n"
     "  --help                this text\n"
     "\n"
@@ -65,7 +66,7 @@ struct Options {
 bool parse(int argc, char** argv, Options& options, std::string& error) {
     static const char* withValue[] = {"--user",  "--password", "--domain", "--auth-user", "--proxy",
                                       "--transport", "--voicemail", "--stun", "--data", "--bind", "--port",
-                                      "--play", "--record-heard", "--script"};
+                                      "--play", "--record-heard", "--script", "--srtp"};
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -221,6 +222,10 @@ int main(int argc, char** argv) {
         if (v.count(option)) account.*field = v[option];
     }
     if (options.autoAnswer) core.setAutoAnswer(true);
+    if (v.count("--srtp") && !core.setSrtp(v["--srtp"])) {
+        std::fprintf(stderr, "velphone-cli: --srtp needs off, offered or required\n");
+        return 2;
+    }
     if (!core.start(account)) {
         std::fprintf(stderr, "velphone-cli: %s\n", core.statusText().c_str());
         return 1;

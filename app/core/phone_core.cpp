@@ -132,6 +132,7 @@ bool PhoneCore::start(const Account& account) {
     velmora_config_init(&config);
     config.bind_address = setup_.bindAddress.c_str();
     config.sip_port = static_cast<uint16_t>(setup_.sipPort);
+    config.srtp_policy = settings_.srtp == "required" ? 2 : settings_.srtp == "offered" ? 1 : 0;
     if (setup_.virtualDevice) {
         engine_ = velmora_create_virtual(
             &config, &PhoneCore::deliverEvent, this,
@@ -412,6 +413,13 @@ void PhoneCore::setAutoAnswer(bool on) {
     settings_.autoAnswer = on;
     saveSettings();
     platform_.changed();
+}
+
+bool PhoneCore::setSrtp(std::string_view policy) {
+    if (policy != "off" && policy != "offered" && policy != "required") return false;
+    settings_.srtp = std::string(policy);
+    saveSettings();
+    return true;
 }
 
 void PhoneCore::setCloseToTray(bool on) {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/core/stores.h"
@@ -117,6 +118,9 @@ public:
     void setAutoAnswer(bool on);
     void setLogToFile(bool on);
     void setCloseToTray(bool on);
+    // "off", "offered" or "required"; false for another word. Takes effect
+    // at the next start.
+    bool setSrtp(std::string_view policy);
     // Contacts; indexes into contacts().
     void addContact(const Contact& contact);
     bool editContact(size_t index, const Contact& contact);

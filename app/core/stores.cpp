@@ -168,6 +168,9 @@ Settings Stores::loadSettings(std::string* warning) const {
         }
     }
     if (const auto it = values.find("lastDialed"); it != values.end()) settings.lastDialed = it->second;
+    if (const auto it = values.find("srtp"); it != values.end() && (it->second == "offered" || it->second == "required")) {
+        settings.srtp = it->second;
+    }
     return settings;
 }
 
@@ -179,6 +182,7 @@ bool Stores::saveSettings(const Settings& settings, std::string* error) const {
     putValue(out, "lastDialed", settings.lastDialed);
     putValue(out, "phoneOn", settings.phoneOn ? "1" : "0");
     putValue(out, "closeToTray", settings.closeToTray ? "1" : "0");
+    putValue(out, "srtp", settings.srtp);
     return writeFileAtomically(folder_ / kSettingsFile, out, error);
 }
 

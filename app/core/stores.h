@@ -34,6 +34,9 @@ struct Settings {
     std::string lastDialed;
     bool phoneOn = false;
     bool closeToTray = true;
+    // Encrypted calls for the account: "off", "offered" (best effort) or
+    // "required"; anything else reads as "off".
+    std::string srtp = "off";
     bool operator==(const Settings&) const = default;
 };
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "engine/softphone_engine.h"
@@ -106,7 +107,12 @@ SoftphoneConfig engineConfig(const velmora_config* c) {
     config.rtpPortMax = c->rtp_port_max;
     config.dnsServers = splitList(c->dns_servers);
     config.audioBufferMs = c->audio_buffer_ms;
-    if (c->size >= sizeof(velmora_config)) config.tlsCaFile = text(c->tls_ca_file);
+    // Fields added later are read when the record reaches them.
+    const auto reaches = [c](size_t offset, size_t size) { return c->size >= offset + size; };
+    if (reaches(offsetof(velmora_config, tls_ca_file), sizeof c->tls_ca_file)) config.tlsCaFile = text(c->tls_ca_file);
+    if (reaches(offsetof(velmora_config, srtp_policy), sizeof c->srtp_policy)) {
+        config.srtpPolicy = std::clamp(c->srtp_policy, 0, 2);
+    }
     return config;
 }
 
@@ -157,6 +163,7 @@ void velmora_config_init(velmora_config* config) {
     config->rtp_port_max = defaults.rtpPortMax;
     config->dns_servers = "";
     config->audio_buffer_ms = defaults.audioBufferMs;
+    config->srtp_policy = defaults.srtpPolicy;
 }
 
 void velmora_set_log(velmora_log_callback callback, void* context, int level) {

@@ -103,6 +103,7 @@ typedef struct velmora_config {
     int32_t audio_buffer_ms;    /* 20 */
     /* Added later; a caller built against the shorter record gets the defaults. */
     const char* tls_ca_file;    /* "": servers' certificates checked against the system's CAs only */
+    int32_t srtp_policy;        /* 0 off, 1 offered (best effort), 2 required */
 } velmora_config;
 
 typedef struct velmora_engine velmora_engine;

@@ -17,6 +17,15 @@ public:
     public:
         virtual ~Sink() = default;
         virtual void onPacket(Channel channel, std::span<const uint8_t> bytes, int64_t arrivalUs) = 0;
+        // Asked before a datagram may latch the remote source: whether it is
+        // genuine beyond its looks (an SRTP layer authenticates it here, so
+        // no forgery moves the source). When the datagram is then admitted,
+        // `onPacket` follows at once on the same thread with the same bytes.
+        virtual bool authentic(Channel channel, std::span<const uint8_t> bytes) {
+            (void)channel;
+            (void)bytes;
+            return true;
+        }
         // Regularly, whether or not anything arrived: RTCP timing hangs on it.
         virtual void onTick(int64_t nowUs) { (void)nowUs; }
     };

@@ -192,8 +192,9 @@ bool RtpSession::sendFrom(Channel channel, std::span<const uint8_t> bytes, const
 
 void RtpSession::deliver(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
                          int64_t arrivalUs) {
-    if (!account(channel, bytes, from, arrivalUs)) return;
     const std::lock_guard lock(sinkMutex_);
+    const bool authentic = sink_ == nullptr || sink_->authentic(channel, bytes);
+    if (!account(channel, bytes, from, arrivalUs, authentic)) return;
     if (sink_ != nullptr) sink_->onPacket(channel, bytes, arrivalUs);
 }
 
@@ -300,13 +301,13 @@ void RtpSession::readAll(Channel channel, net::Socket& socket) {
 }
 
 bool RtpSession::account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
-                         int64_t arrivalUs) {
+                         int64_t arrivalUs, bool authentic) {
     // Only what looks like our protocol may latch or count: a stray datagram
     // (a STUN probe, a scan) must not redirect the call's media. With SRTP
     // this is where the packet is authenticated, so that nothing but an
     // authenticated packet moves the source.
-    const bool genuine = channel == Channel::Rtp ? isVersion2(bytes, RtpPacket::kFixedHeaderSize)
-                                                 : isVersion2(bytes, kRtcpHeaderSize);
+    const bool genuine = authentic && (channel == Channel::Rtp ? isVersion2(bytes, RtpPacket::kFixedHeaderSize)
+                                                               : isVersion2(bytes, kRtcpHeaderSize));
     const std::lock_guard lock(mutex_);
     if (!admit(channel, genuine, from)) return false;
     if (channel == Channel::Rtcp || !genuine) return true;

@@ -121,8 +121,9 @@ private:
                              std::shared_ptr<RtpPortAllocator::Pool> pool);
     void readAll(Channel channel, net::Socket& socket);
     // Admission, latching and statistics; false: the datagram is dropped.
+    // Only an `authentic` datagram (the sink's word) may latch.
     [[nodiscard]] bool account(Channel channel, std::span<const uint8_t> bytes, const net::SocketAddress& from,
-                               int64_t arrivalUs);
+                               int64_t arrivalUs, bool authentic);
     // One channel's addresses. Under mutex_.
     struct Path {
         std::optional<net::SocketAddress> signalled;

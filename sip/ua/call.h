@@ -16,6 +16,8 @@
 #include "media/rtp/rtp_session.h"
 #include "media/sdp/sdp.h"
 #include "media/sdp/sdp_local.h"
+#include "media/srtp/sdes.h"
+#include "media/srtp/srtp_transport.h"
 #include "sip/ua/dialog.h"
 #include "sip/auth/digest.h"
 #include "sip/core/event_loop.h"
@@ -94,6 +96,14 @@ struct Call {
     std::shared_ptr<MediaSession> media;
     RtpSession* rtpView = nullptr;  // the media session's transport, for new remote addresses
     std::shared_ptr<MediaSessionListener> mediaListener;
+    // SRTP: our keys in an offer awaiting its answer (tags 1, 2, ...), then
+    // the agreed pair, kept for the call's life so re-offers keep media
+    // flowing. The m= proto stays what the first offer/answer agreed.
+    std::vector<srtp::CryptoAttribute> offeredCrypto;
+    std::optional<srtp::CryptoAttribute> localCrypto;
+    std::optional<srtp::CryptoAttribute> remoteCrypto;
+    std::string mediaProto = "RTP/AVP";
+    SrtpTransport* srtpView = nullptr;  // the media session's SRTP layer, for a peer's new key
 
     // UAS: the 2xx repeated until the ACK.
     std::string okText;

@@ -91,8 +91,9 @@ std::string Calls::buildOffer(Call& call, MediaDirection direction) {
     options.port = call.rtpPort;
     options.telephoneEvent = ctx_.config.telephoneEvent;
     options.current = call.codec;
-    MediaDescription audio = buildOfferMedia(options);
     TransportAttributes transport;
+    addOfferCrypto(call, options, transport);
+    MediaDescription audio = buildOfferMedia(options);
     transport.direction = direction;
     addTransportAttributes(audio, transport);
     sdp.media.push_back(std::move(audio));
@@ -101,8 +102,12 @@ std::string Calls::buildOffer(Call& call, MediaDirection direction) {
 
 std::string Calls::buildAnswer(Call& call, MediaDirection direction) {
     SessionDescription sdp = buildLocalSession(call.origin, call.mediaAddress);
-    MediaDescription audio = buildAnswerMedia(*call.codec, {call.rtpPort, "RTP/AVP"});
+    MediaDescription audio = buildAnswerMedia(*call.codec, {call.rtpPort, call.mediaProto});
     TransportAttributes transport;
+    if (call.localCrypto) {
+        transport.srtp = true;
+        transport.agreedCrypto = {srtp::formatCryptoAttribute(*call.localCrypto)};
+    }
     transport.direction = direction;
     addTransportAttributes(audio, transport);
     sdp.media.push_back(std::move(audio));
@@ -116,8 +121,10 @@ bool Calls::takeAnswer(Call& call, const std::string& body) {
     options.call = call.id;
     options.telephoneEvent = ctx_.config.telephoneEvent;
     options.localHold = call.localHold;
+    options.srtpRequired = srtpPolicy(call) == SrtpPolicy::Required || call.localCrypto.has_value();
+    options.acceptsCrypto = cryptoAcceptor(call);
     auto match = matchAnswer(*answer, options);
-    if (!match) return false;
+    if (!match || !takeAnswerCrypto(call, *answer)) return false;
     call.codec = match->codec;
     call.remoteHold = match->remoteHold;
     const MediaDirection theirs = answer->media.front().direction();
@@ -143,15 +150,28 @@ void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirect
     if (!call.rtp || !call.codec) return;
     if (address) call.rtp->setRemote(*address);
     call.rtpView = call.rtp.get();
+    std::string error;
+    std::unique_ptr<MediaTransport> transport = std::move(call.rtp);
+    if (call.localCrypto && call.remoteCrypto) {
+        auto secured = SrtpTransport::create(std::move(transport), *call.localCrypto, *call.remoteCrypto, call.id, &error);
+        if (!secured) {
+            call.rtpView = nullptr;
+            log::warn(kTag, callPrefix(call) + ": media failed: " + error);
+            if (ctx_.listener) ctx_.listener->onCallMedia(call.id, CallMediaEvent::Failed, error);
+            return;
+        }
+        call.srtpView = secured.get();
+        transport = std::move(secured);
+    }
     MediaSessionConfig config;
     config.call = call.id;
     config.codec = *call.codec;
     config.direction = ours;
     config.jitter = ctx_.config.jitter;
-    std::string error;
-    auto media = MediaSession::create(config, std::move(call.rtp), &error);
+    auto media = MediaSession::create(config, std::move(transport), &error);
     if (!media) {
         call.rtpView = nullptr;
+        call.srtpView = nullptr;
         log::warn(kTag, callPrefix(call) + ": media failed: " + error);
         if (ctx_.listener) ctx_.listener->onCallMedia(call.id, CallMediaEvent::Failed, error);
         return;
@@ -166,6 +186,10 @@ void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirect
     if (ctx_.listener) {
         ctx_.listener->onCallMedia(call.id, CallMediaEvent::Started,
                                call.codec->name + "/" + std::to_string(call.codec->clockRate));
+        if (call.srtpView != nullptr) {
+            ctx_.listener->onCallMedia(call.id, CallMediaEvent::SecureActive,
+                                       std::string(srtp::toString(call.localCrypto->suite)));
+        }
     }
 }
 

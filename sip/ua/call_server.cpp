@@ -210,6 +210,11 @@ void Calls::onInvite(const std::string& key, const SipMessage& request, const Si
             ctx_.respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
             return;
         }
+        if (!takeOfferCrypto(call, *offer)) {
+            call.rtp->close({});
+            ctx_.respond(key, request, 488);
+            return;
+        }
         call.remoteOffer = std::move(offer);
         call.codec = codec;
     }
@@ -494,6 +499,10 @@ void Calls::onInDialogRequest(Call& call, const std::string& key, const SipMessa
         auto codec = offer ? chooseFromOffer(*offer, options) : std::nullopt;
         if (!codec) {
             ctx_.respond(key, request, 488, {}, {{"Warning", std::string(kNoCommonCodecWarning)}});
+            return;
+        }
+        if (!takeOfferCrypto(call, *offer)) {
+            ctx_.respond(key, request, 488);
             return;
         }
         const MediaDirection theirs = offer->media.front().direction();

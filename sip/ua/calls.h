@@ -91,6 +91,17 @@ private:
     [[nodiscard]] bool takeAnswer(Call& call, const std::string& body);
     void startMedia(Call& call, const SessionDescription& remote, MediaDirection ours);
     void sendReoffer(Call& call, bool mayUpdate = true);
+    // SRTP (call_srtp.cpp).
+    [[nodiscard]] SrtpPolicy srtpPolicy(const Call& call) const;
+    // Our offer's crypto lines and m= proto.
+    void addOfferCrypto(Call& call, OfferOptions& offer, TransportAttributes& transport);
+    // An incoming offer's crypto; false: refuse it with 488.
+    [[nodiscard]] bool takeOfferCrypto(Call& call, const SessionDescription& offer);
+    // The answer to our offer; false: the answer is unusable.
+    [[nodiscard]] bool takeAnswerCrypto(Call& call, const SessionDescription& answer);
+    [[nodiscard]] std::function<bool(std::string_view)> cryptoAcceptor(const Call& call) const;
+    // The peer's key, passed to running media when it changed.
+    void setRemoteCrypto(Call& call, const srtp::CryptoAttribute& remote);
     // Hangs up a connected call whose far end has gone silent for good.
     void watchMedia(Call& call);
     void scheduleMediaCheck(Call& call);

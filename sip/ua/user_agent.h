@@ -44,6 +44,15 @@ struct PushSupport {
     int refreshBeforeExpiry = 0;     // "+sip.pnsreg" seconds, 0 when absent
 };
 
+// Whether a line's calls encrypt their media (SRTP with SDES keys).
+// Offered: crypto attributes on an RTP/AVP offer, so a peer without SRTP
+// still answers in the clear; Required: an RTP/SAVP offer, and a call
+// without agreed keys does not start.
+enum class SrtpPolicy { Off, Offered, Required };
+// "off", "offered", "required".
+[[nodiscard]] std::string_view toString(SrtpPolicy policy);
+[[nodiscard]] std::optional<SrtpPolicy> srtpPolicyFromName(std::string_view name);
+
 struct LineConfig {
     std::string user;            // the user part of the address of record
     std::string authUser;        // authentication name; empty: `user`
@@ -61,6 +70,7 @@ struct LineConfig {
     // the SIP socket for our public address; empty: none, the registrar's
     // Via "received"/"rport" still tell it.
     std::string stunServer;
+    SrtpPolicy srtp = SrtpPolicy::Off;
 };
 
 struct LineInfo {

@@ -72,6 +72,9 @@ TEST(Stores, SettingsLoadRules) {
         {"micLevel=7x\nmicLevel\n", Settings{}},
         {"micLevel=99999999999999999999\n", Settings{}},
         {"unknown=1\nlastDialed=a\\tb\r\n", with([](Settings& s) { s.lastDialed = "a\tb"; })},
+        {"srtp=required\n", with([](Settings& s) { s.srtp = "required"; })},
+        {"srtp=offered\n", with([](Settings& s) { s.srtp = "offered"; })},
+        {"srtp=Required\n", Settings{}},  // an unknown word leaves encryption off
     };
     for (const auto& [content, expected] : cases) {
         StoreFolder folder;

@@ -1,11 +1,16 @@
 // User agents calling each other peer to peer on loopback: an attended transfer with Replaces,
-// and a phone that shuts down with calls up.
+// a phone that shuts down with calls up, and encrypted calls under each SRTP policy.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <map>
 #include <mutex>
 
+#include <cmath>
+#include <vector>
+
+#include "media/session/media_session.h"
+#include "media/srtp/srtp_transport.h"
 #include "sip/ua/user_agent.h"
 #include "support/wait.h"
 
@@ -21,6 +26,9 @@ struct Recorder final : UserAgentListener {
         states[call.id] = call.state + " " + call.reason;
     }
     void onTransferProgress(int, int statusCode, const std::string&) override { transfer = statusCode; }
+    void onCallMedia(int, CallMediaEvent event, const std::string&) override {
+        if (event == CallMediaEvent::SecureActive) ++secure;
+    }
     // Whether `call`'s state line comes to start with `state` ("State Reason").
     bool reaches(int call, const std::string& state) {
         return test::waitFor([&] {
@@ -32,10 +40,11 @@ struct Recorder final : UserAgentListener {
     std::map<int, std::string> states;
     std::atomic<int> incoming{0};
     std::atomic<int> transfer{0};
+    std::atomic<int> secure{0};
 };
 
 struct Phone {
-    explicit Phone(const std::string& user) {
+    explicit Phone(const std::string& user, SrtpPolicy srtp = SrtpPolicy::Off) {
         UserAgentConfig config;
         config.bindAddress = "127.0.0.1";
         config.udpPort = 0;
@@ -47,6 +56,7 @@ struct Phone {
         ua->setListener(events);
         LineConfig line;
         line.user = user;
+        line.srtp = srtp;
         lineId = ua->addLine(line);
         uri = "sip:" + user + "@" + ua->localAddress(TransportKind::Udp).toString();
     }
@@ -99,6 +109,75 @@ TEST(CallLoopbackTest, ShutdownEndsEveryCall) {
     EXPECT_TRUE(alice.ua->shutdown(1s));
     EXPECT_TRUE(bob.events->reaches(b, "Terminated Remote hangup"));
     EXPECT_TRUE(carol.events->reaches(c, "Terminated"));
+}
+
+// Audio crosses from `from` to `to`: a tone pushed on one side comes out of
+// the other's playout.
+bool audioFlows(MediaSession& from, MediaSession& to) {
+    std::vector<int16_t> tone(160);
+    for (size_t i = 0; i < tone.size(); ++i) tone[i] = static_cast<int16_t>(8000 * std::sin(0.3 * static_cast<double>(i)));
+    std::vector<int16_t> heard(160);
+    const uint64_t before = to.statistics().packetsReceived;
+    return test::waitFor([&] {
+        from.pushCapture(tone);
+        to.pullPlayout(heard);
+        const bool loud = std::any_of(heard.begin(), heard.end(), [](int16_t s) { return std::abs(s) > 1000; });
+        return loud && to.statistics().packetsReceived > before + 5;
+    }, 5s);
+}
+
+SrtpTransport* srtpOf(MediaSession& media) { return dynamic_cast<SrtpTransport*>(&media.transport()); }
+
+// Each policy pair: whether the call connects, and whether its media is
+// encrypted on both sides, through hold and resume.
+TEST(CallLoopbackTest, SrtpPoliciesDecideWhetherMediaIsEncrypted) {
+    const struct {
+        SrtpPolicy caller;
+        SrtpPolicy callee;
+        bool connects;
+        bool secure;
+    } cases[] = {
+        {SrtpPolicy::Offered, SrtpPolicy::Offered, true, true},
+        {SrtpPolicy::Offered, SrtpPolicy::Off, true, false},  // best effort falls back to clear media
+        {SrtpPolicy::Required, SrtpPolicy::Off, true, true},  // an RTP/SAVP offer is taken whatever the policy
+        {SrtpPolicy::Off, SrtpPolicy::Required, false, false},  // 488 for a clear offer
+        {SrtpPolicy::Required, SrtpPolicy::Required, true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(toString(c.caller)) + " calls " + std::string(toString(c.callee)));
+        Phone alice("alice", c.caller);
+        Phone bob("bob", c.callee);
+        const int a = alice.ua->makeCall(alice.lineId, bob.uri);
+        if (!c.connects) {
+            EXPECT_TRUE(alice.events->reaches(a, "Terminated"));
+            EXPECT_EQ(alice.ua->callInfo(a) ? alice.ua->callInfo(a)->statusCode : 488, 488);
+            EXPECT_EQ(bob.events->incoming, 0);
+            continue;
+        }
+        const int b = bob.answerNext(0);
+        ASSERT_TRUE(alice.events->reaches(a, "Connected"));
+        ASSERT_TRUE(test::waitFor([&] { return alice.ua->callMedia(a) && bob.ua->callMedia(b); }, 5s));
+        auto aliceMedia = alice.ua->callMedia(a);
+        auto bobMedia = bob.ua->callMedia(b);
+        EXPECT_EQ(srtpOf(*aliceMedia) != nullptr, c.secure);
+        EXPECT_EQ(srtpOf(*bobMedia) != nullptr, c.secure);
+        EXPECT_EQ(alice.events->secure, c.secure ? 1 : 0);
+        EXPECT_EQ(bob.events->secure, c.secure ? 1 : 0);
+        EXPECT_TRUE(audioFlows(*aliceMedia, *bobMedia));
+        EXPECT_TRUE(audioFlows(*bobMedia, *aliceMedia));
+        // Hold and resume re-offer with the agreed keys: media goes on.
+        ASSERT_TRUE(alice.ua->holdCall(a));
+        ASSERT_TRUE(test::waitFor([&] { const auto i = bob.ua->callInfo(b); return i && i->remoteHold; }, 5s));
+        // Refused while the hold's own re-INVITE is still in flight.
+        ASSERT_TRUE(test::waitFor([&] { return alice.ua->unholdCall(a); }, 5s));
+        ASSERT_TRUE(test::waitFor([&] { const auto i = bob.ua->callInfo(b); return i && !i->remoteHold; }, 5s));
+        EXPECT_TRUE(audioFlows(*aliceMedia, *bobMedia));
+        EXPECT_TRUE(audioFlows(*bobMedia, *aliceMedia));
+        if (c.secure) {
+            EXPECT_EQ(srtpOf(*bobMedia)->stats().unauthentic, 0u);
+            EXPECT_EQ(srtpOf(*aliceMedia)->stats().unauthentic, 0u);
+        }
+    }
 }
 
 }  // namespace

@@ -112,6 +112,7 @@ bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
             "module_path /usr/lib/baresip/modules\n"
             "module g711.so\nmodule aufile.so\nmodule aubridge.so\nmodule sndfile.so\n" +
             (options.contacts.empty() ? "" : "module contact.so\n") +
+            (options.mediaEncryption.empty() ? "" : "module srtp.so\n") +
             "module_tmp account.so\nmodule_app menu.so\nmodule_app ctrl_tcp.so\n"
             "ctrl_tcp_listen 127.0.0.1:" + std::to_string(controlPort_) + "\n"
             "snd_path " + dir_.file("recordings").string() + "\nstatmode_default off\nringback_disabled yes\n";
@@ -140,6 +141,7 @@ bool BaresipPeer::start(const BaresipOptions& options, std::string* error) {
     std::string account = "<" + aor() + (tcp ? ";transport=tcp" : "") + ">;answermode=" +
                           (options.autoAnswer ? "auto" : "manual") + ";audio_codecs=pcmu,pcma";
     if (!options.password.empty()) account += ";auth_pass=" + options.password;
+    if (!options.mediaEncryption.empty()) account += ";mediaenc=" + options.mediaEncryption;
     account += ";regint=600;outbound=\"sip:" + options.registrar + (tcp ? ";transport=tcp" : "") + "\"";
     // Added once ctrl_tcp listens, so that no registration event is missed.
     std::string complaint;

@@ -25,6 +25,9 @@ struct BaresipOptions {
     bool autoAnswer = true;
     std::filesystem::path audioSource;  // mono WAV played into calls; empty: silence
     std::vector<std::string> contacts;  // address book; "message" writes to the first
+    // The account's mediaenc ("srtp": RTP/AVP with crypto lines, "srtp-mand":
+    // RTP/SAVP); empty: media in the clear.
+    std::string mediaEncryption = {};
 };
 
 // A MESSAGE that reached baresip, once however often it was sent.

@@ -38,6 +38,7 @@ struct Seen {
     std::map<int, std::vector<std::string>> callStates;
     std::map<int, CallInfo> lastCall;
     std::map<int, std::vector<CallInfo>> callInfos;  // hold changes
+    std::map<int, std::vector<CallMediaEvent>> media;
     std::map<DtmfMethod, std::string> digits;
     std::vector<int> transfer;  // NOTIFY statuses of a REFER we sent
     std::map<int, std::vector<std::string>> subscriptionStates;
@@ -82,6 +83,9 @@ public:
         });
     }
     void onCallInfo(const CallInfo& call) override { record([&](Seen& s) { s.callInfos[call.id].push_back(call); }); }
+    void onCallMedia(int call, CallMediaEvent event, const std::string&) override {
+        record([&](Seen& s) { s.media[call].push_back(event); });
+    }
     void onDtmf(int, char digit, DtmfMethod method) override { record([&](Seen& s) { s.digits[method] += digit; }); }
     void onTransferProgress(int, int code, const std::string&) override {
         record([&](Seen& s) { s.transfer.push_back(code); });
@@ -294,8 +298,10 @@ protected:
     }
     // Alice's line at `kamailio`, through it as outbound proxy, registered;
     // 0 after a recorded failure.
-    static int registerAlice(UserAgent& ua, const KamailioServer& kamailio, TransportKind transport) {
+    static int registerAlice(UserAgent& ua, const KamailioServer& kamailio, TransportKind transport,
+                             SrtpPolicy srtp = SrtpPolicy::Off) {
         LineConfig line = alice(kamailio.hostPort(), transport);
+        line.srtp = srtp;
         line.outboundProxy = "sip:" + kamailio.hostPort();
         const int id = ua.addLine(line);
         if (id > 0 && ua.registerLine(id) &&
