@@ -128,6 +128,10 @@ bool SoftphoneEngine::Impl::start(const SoftphoneAccount& account) {
     line.expires = config.registerExpires;
     line.reregisterOnFailure = config.reregisterOnFailure;
     line.stunServer = config.stunServer;
+    line.ice = config.ice;
+    line.turnServer = config.turnServer;
+    line.turnUser = config.turnUser;
+    line.turnPassword = config.turnPassword;
     line.srtp = config.srtpPolicy == 2   ? kelsip::SrtpPolicy::Required
                 : config.srtpPolicy == 1 ? kelsip::SrtpPolicy::Offered
                                          : kelsip::SrtpPolicy::Off;

@@ -55,7 +55,7 @@ struct SoftphoneConfig {
     bool telephoneEvent = true;
     int32_t sessionExpires = 1800;
     int32_t minSessionExpires = 90;
-    bool ice = false;          // not applied yet
+    bool ice = false;          // ICE for the calls' media, with the STUN server and the TURN server below
     bool rport = true;         // always on in the stack
     bool reregisterOnFailure = true;
     bool symmetricRtp = true;  // always on in the stack
@@ -79,6 +79,10 @@ struct SoftphoneConfig {
     bool unregisterOnShutdown = true;
     // A connected call that hears no RTP or RTCP this long is hung up; 0: never.
     int32_t mediaTimeoutSeconds = 30;
+    // The TURN server for ICE ("ip[:port]", 3478 by default) and its long-term credentials.
+    std::string turnServer;
+    std::string turnUser;
+    std::string turnPassword;
 };
 
 // Event codes of the flat interface; SoftphoneListener's slots map to them.

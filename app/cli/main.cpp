@@ -36,7 +36,7 @@ const char* kHelp =
     "  --domain DOMAIN       registrar's domain; none: peer to peer, no registration\n"
     "  --auth-user NAME      authentication name, when not the user name\n"
     "  --proxy HOST[:PORT]   outbound proxy\n"
-    "  --transport udp|tcp   transport to the registrar (default udp)\n"
+    "  --transport udp|tcp|tls  transport to the registrar (default udp; tls: port 5061)\n"
     "  --voicemail NUMBER    the voicemail number\n"
     "  --stun HOST[:PORT]    STUN server asked for our public address (port 3478 by default)\n"
     "Phone:\n"
@@ -47,6 +47,8 @@ const char* kHelp =
     "  --record-heard FILE   what the loudspeaker plays is written to this WAV file at exit\n"
     "  --script FILE         run the commands in FILE, then quit\n"
     "  --srtp off|offered|required  encrypted calls (SRTP); kept in the settings\n"
+    "  --ice on|off          ICE for the calls' media, with the STUN server above; kept in the settings\n"
+    "  --turn IP[:PORT]      TURN relay for ICE (port 3478 by default), with --turn-user and --turn-password\n"
     "  --auto-answer         answer incoming calls at once\n"
     "  --help                this text\n"
     "\n"
@@ -66,7 +68,8 @@ struct Options {
 bool parse(int argc, char** argv, Options& options, std::string& error) {
     static const char* withValue[] = {"--user",  "--password", "--domain", "--auth-user", "--proxy",
                                       "--transport", "--voicemail", "--stun", "--data", "--bind", "--port",
-                                      "--play", "--record-heard", "--script", "--srtp"};
+                                      "--play", "--record-heard", "--script", "--srtp",
+                                      "--ice", "--turn", "--turn-user", "--turn-password"};
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -225,6 +228,17 @@ int main(int argc, char** argv) {
     if (v.count("--srtp") && !core.setSrtp(v["--srtp"])) {
         std::fprintf(stderr, "velphone-cli: --srtp needs off, offered or required\n");
         return 2;
+    }
+    if (v.count("--ice") || v.count("--turn")) {
+        if (v.count("--ice") && v["--ice"] != "on" && v["--ice"] != "off") {
+            std::fprintf(stderr, "velphone-cli: --ice needs on or off\n");
+            return 2;
+        }
+        const velphone::Settings& now = core.settings();
+        const bool on = v.count("--ice") ? v["--ice"] == "on" : now.ice;
+        core.setIce(on, v.count("--turn") ? v["--turn"] : now.turnServer,
+                    v.count("--turn-user") ? v["--turn-user"] : now.turnUser,
+                    v.count("--turn-password") ? v["--turn-password"] : now.turnPassword);
     }
     if (!core.start(account)) {
         std::fprintf(stderr, "velphone-cli: %s\n", core.statusText().c_str());

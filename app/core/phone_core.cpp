@@ -133,6 +133,10 @@ bool PhoneCore::start(const Account& account) {
     config.bind_address = setup_.bindAddress.c_str();
     config.sip_port = static_cast<uint16_t>(setup_.sipPort);
     config.srtp_policy = settings_.srtp == "required" ? 2 : settings_.srtp == "offered" ? 1 : 0;
+    config.ice = settings_.ice ? 1 : 0;
+    config.turn_server = settings_.turnServer.c_str();
+    config.turn_user = settings_.turnUser.c_str();
+    config.turn_password = settings_.turnPassword.c_str();
     if (setup_.virtualDevice) {
         engine_ = velmora_create_virtual(
             &config, &PhoneCore::deliverEvent, this,
@@ -420,6 +424,15 @@ bool PhoneCore::setSrtp(std::string_view policy) {
     settings_.srtp = std::string(policy);
     saveSettings();
     return true;
+}
+
+void PhoneCore::setIce(bool on, const std::string& turnServer, const std::string& turnUser,
+                       const std::string& turnPassword) {
+    settings_.ice = on;
+    settings_.turnServer = turnServer;
+    settings_.turnUser = turnUser;
+    settings_.turnPassword = turnPassword;
+    saveSettings();
 }
 
 void PhoneCore::setCloseToTray(bool on) {

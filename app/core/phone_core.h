@@ -121,6 +121,8 @@ public:
     // "off", "offered" or "required"; false for another word. Takes effect
     // at the next start.
     bool setSrtp(std::string_view policy);
+    // ICE for the next start, with a TURN server ("" for none); kept in the settings.
+    void setIce(bool on, const std::string& turnServer, const std::string& turnUser, const std::string& turnPassword);
     // Contacts; indexes into contacts().
     void addContact(const Contact& contact);
     bool editContact(size_t index, const Contact& contact);

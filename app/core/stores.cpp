@@ -171,6 +171,11 @@ Settings Stores::loadSettings(std::string* warning) const {
     if (const auto it = values.find("srtp"); it != values.end() && (it->second == "offered" || it->second == "required")) {
         settings.srtp = it->second;
     }
+    settings.ice = readBool(values, "ice", settings.ice);
+    for (const auto& [key, field] : {std::pair{"turn", &Settings::turnServer}, std::pair{"turnUser", &Settings::turnUser},
+                                     std::pair{"turnPassword", &Settings::turnPassword}}) {
+        if (const auto it = values.find(key); it != values.end()) settings.*field = it->second;
+    }
     return settings;
 }
 
@@ -183,6 +188,10 @@ bool Stores::saveSettings(const Settings& settings, std::string* error) const {
     putValue(out, "phoneOn", settings.phoneOn ? "1" : "0");
     putValue(out, "closeToTray", settings.closeToTray ? "1" : "0");
     putValue(out, "srtp", settings.srtp);
+    putValue(out, "ice", settings.ice ? "1" : "0");
+    putValue(out, "turn", settings.turnServer);
+    putValue(out, "turnUser", settings.turnUser);
+    putValue(out, "turnPassword", settings.turnPassword);
     return writeFileAtomically(folder_ / kSettingsFile, out, error);
 }
 

@@ -37,6 +37,13 @@ struct Settings {
     // Encrypted calls for the account: "off", "offered" (best effort) or
     // "required"; anything else reads as "off".
     std::string srtp = "off";
+    // ICE for the calls' media, with the account's STUN server and this TURN
+    // server ("ip[:port]") and its credentials. The TURN password is kept
+    // here in the clear: it is a relay's service credential, not the account's.
+    bool ice = false;
+    std::string turnServer;
+    std::string turnUser;
+    std::string turnPassword;
     bool operator==(const Settings&) const = default;
 };
 

@@ -113,6 +113,12 @@ SoftphoneConfig engineConfig(const velmora_config* c) {
     if (reaches(offsetof(velmora_config, srtp_policy), sizeof c->srtp_policy)) {
         config.srtpPolicy = std::clamp(c->srtp_policy, 0, 2);
     }
+    if (reaches(offsetof(velmora_config, turn_password), sizeof c->turn_password)) {
+        config.ice = c->ice != 0;
+        config.turnServer = text(c->turn_server);
+        config.turnUser = text(c->turn_user);
+        config.turnPassword = text(c->turn_password);
+    }
     return config;
 }
 
@@ -164,6 +170,10 @@ void velmora_config_init(velmora_config* config) {
     config->dns_servers = "";
     config->audio_buffer_ms = defaults.audioBufferMs;
     config->srtp_policy = defaults.srtpPolicy;
+    config->ice = defaults.ice ? 1 : 0;
+    config->turn_server = "";
+    config->turn_user = "";
+    config->turn_password = "";
 }
 
 void velmora_set_log(velmora_log_callback callback, void* context, int level) {

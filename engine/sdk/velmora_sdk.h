@@ -104,6 +104,10 @@ typedef struct velmora_config {
     /* Added later; a caller built against the shorter record gets the defaults. */
     const char* tls_ca_file;    /* "": servers' certificates checked against the system's CAs only */
     int32_t srtp_policy;        /* 0 off, 1 offered (best effort), 2 required */
+    int32_t ice;                /* 1: ICE for the calls' media (STUN server from the account, TURN below) */
+    const char* turn_server;    /* "ip[:port]"; "": no relay */
+    const char* turn_user;
+    const char* turn_password;
 } velmora_config;
 
 typedef struct velmora_engine velmora_engine;

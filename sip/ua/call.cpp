@@ -87,6 +87,7 @@ void Calls::stop() {
     for (auto& [id, call] : calls_) {
         if (call->media) call->media->close();
         if (call->rtp) call->rtp->close({});
+        if (call->ice) call->ice->close({});
     }
     calls_.clear();
 }
@@ -126,9 +127,13 @@ void Calls::endCall(Call& call, int code, const std::string& reason) {
     ctx_.loop->cancel(call.reliableTimer);
     ctx_.loop->cancel(call.sessionTimer);
     ctx_.loop->cancel(call.mediaTimer);
+    ctx_.loop->cancel(call.iceGatherTimer);
     call.okTimer = call.noAnswerTimer = call.reliableTimer = call.sessionTimer = call.mediaTimer = 0;
+    call.iceGatherTimer = 0;
+    call.afterGathering = nullptr;
     if (call.media) call.media->close();
     if (call.rtp) call.rtp->close({});
+    if (call.ice) call.ice->close({});
     const int id = call.id;
     setCallState(call, CallState::Terminated, code, reason);
     // Reported once, then gone. Removal waits for the loop's next turn, so
@@ -194,7 +199,8 @@ int Calls::makeCall(int lineId, const std::string& target) {
             endCall(*found, 503, "no RTP port available");
             return;
         }
-        sendInvite(*found);
+        startIce(*found, ice::IceRole::Controlling);
+        whenGathered(*found, [this](Call& ready) { sendInvite(ready); });
     });
     return id;
 }

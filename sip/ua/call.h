@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -13,6 +14,7 @@
 
 #include "media/session/media_session.h"
 #include "media/codec/negotiation.h"
+#include "media/ice/ice_media_transport.h"
 #include "media/rtp/rtp_session.h"
 #include "media/sdp/sdp.h"
 #include "media/sdp/sdp_local.h"
@@ -104,6 +106,14 @@ struct Call {
     std::optional<srtp::CryptoAttribute> remoteCrypto;
     std::string mediaProto = "RTP/AVP";
     SrtpTransport* srtpView = nullptr;  // the media session's SRTP layer, for a peer's new key
+    // ICE: the transport around the RTP session until media takes it over,
+    // and what waits for its gathering (the offer or the answer).
+    std::unique_ptr<IceMediaTransport> ice;
+    IceMediaTransport* iceView = nullptr;
+    bool iceGathered = false;
+    EventLoop::TimerId iceGatherTimer = 0;
+    std::function<void(Call&)> afterGathering;
+    std::string remoteIceUfrag;
 
     // UAS: the 2xx repeated until the ACK.
     std::string okText;

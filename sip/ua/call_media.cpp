@@ -94,6 +94,7 @@ std::string Calls::buildOffer(Call& call, MediaDirection direction) {
     TransportAttributes transport;
     addOfferCrypto(call, options, transport);
     MediaDescription audio = buildOfferMedia(options);
+    addIceAttributes(call, sdp, audio, transport);
     transport.direction = direction;
     addTransportAttributes(audio, transport);
     sdp.media.push_back(std::move(audio));
@@ -108,6 +109,7 @@ std::string Calls::buildAnswer(Call& call, MediaDirection direction) {
         transport.srtp = true;
         transport.agreedCrypto = {srtp::formatCryptoAttribute(*call.localCrypto)};
     }
+    addIceAttributes(call, sdp, audio, transport);
     transport.direction = direction;
     addTransportAttributes(audio, transport);
     sdp.media.push_back(std::move(audio));
@@ -125,6 +127,7 @@ bool Calls::takeAnswer(Call& call, const std::string& body) {
     options.acceptsCrypto = cryptoAcceptor(call);
     auto match = matchAnswer(*answer, options);
     if (!match || !takeAnswerCrypto(call, *answer)) return false;
+    takeAnswerIce(call, *answer);
     call.codec = match->codec;
     call.remoteHold = match->remoteHold;
     const MediaDirection theirs = answer->media.front().direction();
@@ -141,17 +144,24 @@ void Calls::startMedia(Call& call, const SessionDescription& remote, MediaDirect
     const auto address = remoteMediaAddress(remote);
     if (call.media) {
         // A hold offer's 0.0.0.0 names no new source: the latch stays as it is.
-        if (address && !address->isAny() && call.rtpView) call.rtpView->setRemote(*address);
+        // Nor does a new default address once ICE has chosen the path.
+        const bool iceChose = call.iceView != nullptr && call.iceView->selectedPair(ice::kRtpComponent).has_value();
+        if (address && !address->isAny() && call.rtpView && !iceChose) call.rtpView->setRemote(*address);
         if (call.codec) (void)call.media->setCodec(*call.codec);
         call.media->setDirection(ours);
         call.media->setMuted(call.localHold);
         return;
     }
-    if (!call.rtp || !call.codec) return;
-    if (address) call.rtp->setRemote(*address);
-    call.rtpView = call.rtp.get();
+    if ((!call.rtp && !call.ice) || !call.codec) return;
+    call.rtpView = call.ice ? &call.ice->rtp() : call.rtp.get();
+    if (address) call.rtpView->setRemote(*address);
     std::string error;
-    std::unique_ptr<MediaTransport> transport = std::move(call.rtp);
+    std::unique_ptr<MediaTransport> transport;
+    if (call.ice) {
+        transport = std::move(call.ice);
+    } else {
+        transport = std::move(call.rtp);
+    }
     if (call.localCrypto && call.remoteCrypto) {
         auto secured = SrtpTransport::create(std::move(transport), *call.localCrypto, *call.remoteCrypto, call.id, &error);
         if (!secured) {

@@ -215,6 +215,7 @@ void Calls::onInvite(const std::string& key, const SipMessage& request, const Si
             ctx_.respond(key, request, 488);
             return;
         }
+        takeOfferIce(call, *offer);
         call.remoteOffer = std::move(offer);
         call.codec = codec;
     }
@@ -264,6 +265,11 @@ bool Calls::answerCall(int id) {
     Call* found = findCall(id);
     if (found == nullptr || found->state != CallState::Incoming) return false;
     Call& call = *found;
+    // The answer names our candidates: it waits for them (briefly).
+    if (call.iceView != nullptr && !call.iceGathered) {
+        whenGathered(call, [this](Call& c) { (void)answerCall(c.id); });
+        return true;
+    }
     SipMessage ok = makeResponse(call.invite, 200, "", call.dialog.localTag);
     ok.addHeader("Contact", contactFor(call));
     ok.addHeader("Allow", kUserAgentAllow);
@@ -513,6 +519,7 @@ void Calls::onInDialogRequest(Call& call, const std::string& key, const SipMessa
         if (theirs == MediaDirection::RecvOnly) ours = MediaDirection::SendOnly;
         call.codec = codec;
         call.remoteOffer = offer;
+        takeOfferIce(call, *offer);
         ok.addHeader("Content-Type", "application/sdp");
         ok.body = buildAnswer(call, ours);
         if (method == "INVITE") {

@@ -102,6 +102,22 @@ private:
     [[nodiscard]] std::function<bool(std::string_view)> cryptoAcceptor(const Call& call) const;
     // The peer's key, passed to running media when it changed.
     void setRemoteCrypto(Call& call, const srtp::CryptoAttribute& remote);
+    // ICE (call_ice.cpp).
+    // Wraps the call's RTP session in an ICE transport and starts gathering.
+    void startIce(Call& call, ice::IceRole role);
+    // Runs `next` once gathering is done, or after a bounded wait with the
+    // candidates found so far.
+    void whenGathered(Call& call, std::function<void(Call&)> next);
+    void gatheringDone(int id);
+    // Our candidates in a description: the default one in c= and m=, the
+    // credentials and candidates, the rtcp address.
+    void addIceAttributes(Call& call, SessionDescription& sdp, MediaDescription& audio,
+                          TransportAttributes& transport);
+    // An offer's ICE: the first starts our agent when both ends do ICE; a
+    // later one with new credentials restarts it.
+    void takeOfferIce(Call& call, const SessionDescription& offer);
+    // The answer's ICE; an answer without it falls back to plain RTP.
+    void takeAnswerIce(Call& call, const SessionDescription& answer);
     // Hangs up a connected call whose far end has gone silent for good.
     void watchMedia(Call& call);
     void scheduleMediaCheck(Call& call);

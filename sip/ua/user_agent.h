@@ -71,6 +71,14 @@ struct LineConfig {
     // Via "received"/"rport" still tell it.
     std::string stunServer;
     SrtpPolicy srtp = SrtpPolicy::Off;
+    // ICE for the calls' media (RFC 8445): candidates from this host, from
+    // the STUN server above and from a TURN server ("ip[:port]", 3478 when
+    // no port) with its long-term credentials. A far end without ICE still
+    // gets plain RTP.
+    bool ice = false;
+    std::string turnServer;
+    std::string turnUser;
+    std::string turnPassword;
 };
 
 struct LineInfo {

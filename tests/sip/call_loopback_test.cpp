@@ -9,6 +9,7 @@
 #include <cmath>
 #include <vector>
 
+#include "media/ice/ice_media_transport.h"
 #include "media/session/media_session.h"
 #include "media/srtp/srtp_transport.h"
 #include "sip/ua/user_agent.h"
@@ -44,7 +45,7 @@ struct Recorder final : UserAgentListener {
 };
 
 struct Phone {
-    explicit Phone(const std::string& user, SrtpPolicy srtp = SrtpPolicy::Off) {
+    explicit Phone(const std::string& user, SrtpPolicy srtp = SrtpPolicy::Off, bool ice = false) {
         UserAgentConfig config;
         config.bindAddress = "127.0.0.1";
         config.udpPort = 0;
@@ -57,6 +58,7 @@ struct Phone {
         LineConfig line;
         line.user = user;
         line.srtp = srtp;
+        line.ice = ice;
         lineId = ua->addLine(line);
         uri = "sip:" + user + "@" + ua->localAddress(TransportKind::Udp).toString();
     }
@@ -128,25 +130,39 @@ bool audioFlows(MediaSession& from, MediaSession& to) {
 
 SrtpTransport* srtpOf(MediaSession& media) { return dynamic_cast<SrtpTransport*>(&media.transport()); }
 
-// Each policy pair: whether the call connects, and whether its media is
-// encrypted on both sides, through hold and resume.
-TEST(CallLoopbackTest, SrtpPoliciesDecideWhetherMediaIsEncrypted) {
+// The ICE layer under the media, beneath SRTP when there is one.
+IceMediaTransport* iceOf(MediaSession& media) {
+    MediaTransport* transport = &media.transport();
+    if (auto* srtp = dynamic_cast<SrtpTransport*>(transport)) transport = &srtp->inner();
+    return dynamic_cast<IceMediaTransport*>(transport);
+}
+
+// Each SRTP policy and ICE pair: whether the call connects, whether its
+// media is encrypted on both sides and runs over an ICE-chosen path,
+// through hold and resume.
+TEST(CallLoopbackTest, SrtpPoliciesAndIceDecideHowMediaGoes) {
     const struct {
         SrtpPolicy caller;
         SrtpPolicy callee;
         bool connects;
         bool secure;
+        bool callerIce = false;
+        bool calleeIce = false;
     } cases[] = {
         {SrtpPolicy::Offered, SrtpPolicy::Offered, true, true},
         {SrtpPolicy::Offered, SrtpPolicy::Off, true, false},  // best effort falls back to clear media
         {SrtpPolicy::Required, SrtpPolicy::Off, true, true},  // an RTP/SAVP offer is taken whatever the policy
         {SrtpPolicy::Off, SrtpPolicy::Required, false, false},  // 488 for a clear offer
         {SrtpPolicy::Required, SrtpPolicy::Required, true, true},
+        {SrtpPolicy::Offered, SrtpPolicy::Offered, true, true, true, true},  // SRTP over ICE
+        {SrtpPolicy::Off, SrtpPolicy::Off, true, false, true, false},  // a far end without ICE: plain RTP
+        {SrtpPolicy::Off, SrtpPolicy::Off, true, false, false, true},  // an offer without ICE: plain RTP
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(toString(c.caller)) + " calls " + std::string(toString(c.callee)));
-        Phone alice("alice", c.caller);
-        Phone bob("bob", c.callee);
+        SCOPED_TRACE(std::string(toString(c.caller)) + (c.callerIce ? "+ICE" : "") + " calls " +
+                     std::string(toString(c.callee)) + (c.calleeIce ? "+ICE" : ""));
+        Phone alice("alice", c.caller, c.callerIce);
+        Phone bob("bob", c.callee, c.calleeIce);
         const int a = alice.ua->makeCall(alice.lineId, bob.uri);
         if (!c.connects) {
             EXPECT_TRUE(alice.events->reaches(a, "Terminated"));
@@ -163,6 +179,14 @@ TEST(CallLoopbackTest, SrtpPoliciesDecideWhetherMediaIsEncrypted) {
         EXPECT_EQ(srtpOf(*bobMedia) != nullptr, c.secure);
         EXPECT_EQ(alice.events->secure, c.secure ? 1 : 0);
         EXPECT_EQ(bob.events->secure, c.secure ? 1 : 0);
+        const bool ice = c.callerIce && c.calleeIce;
+        EXPECT_EQ(iceOf(*aliceMedia) != nullptr, ice);
+        EXPECT_EQ(iceOf(*bobMedia) != nullptr, ice);
+        if (ice) {
+            for (MediaSession* media : {aliceMedia.get(), bobMedia.get()}) {
+                EXPECT_TRUE(test::waitFor([&] { return iceOf(*media)->selectedPair(ice::kRtpComponent).has_value(); }, 5s));
+            }
+        }
         EXPECT_TRUE(audioFlows(*aliceMedia, *bobMedia));
         EXPECT_TRUE(audioFlows(*bobMedia, *aliceMedia));
         // Hold and resume re-offer with the agreed keys: media goes on.
