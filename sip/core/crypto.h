@@ -27,7 +27,11 @@ public:
     // XORs `data` in place with the keystream whose first block is the
     // encryption of `counter`; the low 16 bits of the counter step by one
     // per block (wrapping within those bits, as SRTP requires).
-    [[nodiscard]] virtual bool apply(const Block& counter, std::span<uint8_t> data) = 0;
+    [[nodiscard]] bool apply(const Block& counter, std::span<uint8_t> data);
+
+protected:
+    // The platform's part: AES of whole blocks (ECB), `bytes` a multiple of 16.
+    [[nodiscard]] virtual bool encryptBlocks(const uint8_t* in, uint8_t* out, size_t bytes) = 0;
 };
 
 // HMAC-SHA1 with one key, computed over a message given in parts (SRTP

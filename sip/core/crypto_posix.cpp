@@ -21,40 +21,20 @@ struct MacCtxFree {
     void operator()(EVP_MAC_CTX* ctx) const { EVP_MAC_CTX_free(ctx); }
 };
 
-// Counter mode is done over ECB blocks rather than through OpenSSL's CTR:
+// Counter mode is done over ECB blocks (crypto_common.cpp) rather than through OpenSSL's CTR:
 // SRTP wants the counter to wrap within its low 16 bits, where OpenSSL's
 // carries into the whole block.
 class OpenSslAesCounter final : public AesCounter {
 public:
     explicit OpenSslAesCounter(std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx) : ctx_(std::move(ctx)) {}
 
-    bool apply(const Block& counter, std::span<uint8_t> data) override {
-        Block block = counter;
-        uint8_t stream[16 * kBatch];
-        uint8_t blocks[16 * kBatch];
-        size_t done = 0;
-        while (done < data.size()) {
-            const size_t want = std::min<size_t>((data.size() - done + 15) / 16, kBatch);
-            for (size_t b = 0; b < want; ++b) {
-                std::copy(block.begin(), block.end(), blocks + 16 * b);
-                const uint16_t low = static_cast<uint16_t>((block[14] << 8 | block[15]) + 1);
-                block[14] = static_cast<uint8_t>(low >> 8);
-                block[15] = static_cast<uint8_t>(low);
-            }
-            int outLength = 0;
-            if (EVP_EncryptUpdate(ctx_.get(), stream, &outLength, blocks, static_cast<int>(16 * want)) != 1 ||
-                outLength != static_cast<int>(16 * want)) {
-                return false;
-            }
-            const size_t n = std::min(data.size() - done, 16 * want);
-            for (size_t i = 0; i < n; ++i) data[done + i] ^= stream[i];
-            done += n;
-        }
-        return true;
+    bool encryptBlocks(const uint8_t* in, uint8_t* out, size_t bytes) override {
+        int outLength = 0;
+        return EVP_EncryptUpdate(ctx_.get(), out, &outLength, in, static_cast<int>(bytes)) == 1 &&
+               outLength == static_cast<int>(bytes);
     }
 
 private:
-    static constexpr size_t kBatch = 16;
     std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx_;
 };
 

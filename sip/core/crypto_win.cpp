@@ -31,34 +31,14 @@ public:
     CngAesCounter(Algorithm algorithm, std::vector<uint8_t> keyObject, Key key)
         : algorithm_(std::move(algorithm)), keyObject_(std::move(keyObject)), key_(std::move(key)) {}
 
-    bool apply(const Block& counter, std::span<uint8_t> data) override {
-        Block block = counter;
-        uint8_t blocks[16 * kBatch];
-        uint8_t stream[16 * kBatch];
-        size_t done = 0;
-        while (done < data.size()) {
-            const size_t want = std::min<size_t>((data.size() - done + 15) / 16, kBatch);
-            for (size_t b = 0; b < want; ++b) {
-                std::copy(block.begin(), block.end(), blocks + 16 * b);
-                const uint16_t low = static_cast<uint16_t>((block[14] << 8 | block[15]) + 1);
-                block[14] = static_cast<uint8_t>(low >> 8);
-                block[15] = static_cast<uint8_t>(low);
-            }
-            ULONG written = 0;
-            if (!BCRYPT_SUCCESS(::BCryptEncrypt(key_.get(), blocks, static_cast<ULONG>(16 * want), nullptr, nullptr,
-                                                0, stream, sizeof stream, &written, 0)) ||
-                written != 16 * want) {
-                return false;
-            }
-            const size_t n = std::min(data.size() - done, 16 * want);
-            for (size_t i = 0; i < n; ++i) data[done + i] ^= stream[i];
-            done += n;
-        }
-        return true;
+    bool encryptBlocks(const uint8_t* in, uint8_t* out, size_t bytes) override {
+        ULONG written = 0;
+        return BCRYPT_SUCCESS(::BCryptEncrypt(key_.get(), const_cast<PUCHAR>(in), static_cast<ULONG>(bytes), nullptr,
+                                              nullptr, 0, out, static_cast<ULONG>(bytes), &written, 0)) &&
+               written == bytes;
     }
 
 private:
-    static constexpr size_t kBatch = 16;
     Algorithm algorithm_;
     std::vector<uint8_t> keyObject_;  // CNG keeps the expanded key here
     Key key_;
