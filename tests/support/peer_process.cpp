@@ -22,7 +22,15 @@ bool PeerProcess::launch(const Launch& launch, std::string* error) {
         run.program = launch.program;
         run.workingDirectory = dir_.path();
         run.logFile = dir_.file(launch.program + ".log");
-        if (!launch.prepare(run, error) || !process_.start(run, error)) return false;
+        if (!launch.prepare(run, error)) return false;
+        if (!enter_.empty()) {
+            std::vector<std::string> line(enter_.begin() + 1, enter_.end());
+            line.push_back(Process::findProgram(run.program));
+            for (auto& argument : run.arguments) line.push_back(std::move(argument));
+            run.arguments = std::move(line);
+            run.program = enter_.front();
+        }
+        if (!process_.start(run, error)) return false;
         const bool ready =
             waitFor([&] { return !process_.isRunning() || launch.ready(); }, std::chrono::seconds(10));
         if (ready && process_.isRunning()) return true;

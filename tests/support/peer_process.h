@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "sip/net/socket.h"
 #include "support/process.h"
@@ -28,9 +29,16 @@ public:
     [[nodiscard]] static bool installed(const std::string& program) { return !Process::findProgram(program).empty(); }
     [[nodiscard]] uint16_t port() const { return port_; }
     [[nodiscard]] net::SocketAddress address() const {
-        return net::SocketAddress::loopback(net::AddressFamily::V4, port_);
+        return net::SocketAddress::parse(host_, port_).value_or(net::SocketAddress::loopback(net::AddressFamily::V4, port_));
     }
-    // "127.0.0.1:P".
+    // Runs the program behind `enter` (a command that runs the rest of its
+    // line elsewhere, such as `ip netns exec NAME`), where the test reaches
+    // it at `host` instead of 127.0.0.1. Before start.
+    void runThrough(std::vector<std::string> enter, std::string host) {
+        enter_ = std::move(enter);
+        host_ = std::move(host);
+    }
+    // "127.0.0.1:P", or the host given to runThrough.
     [[nodiscard]] std::string hostPort() const { return address().toString(); }
     // What the program has written so far.
     [[nodiscard]] virtual std::string log() const { return process_.log(); }
@@ -54,6 +62,8 @@ protected:
     TempDir dir_;
     Process process_;
     uint16_t port_ = 0;
+    std::vector<std::string> enter_;
+    std::string host_ = "127.0.0.1";
 };
 
 }  // namespace kelsip::test

@@ -14,7 +14,8 @@ namespace {
 bool answers(const net::SocketAddress& server) {
     net::Socket socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
     if (!socket.valid() || !socket.setNonBlocking(true) ||
-        !socket.bind(net::SocketAddress::loopback(net::AddressFamily::V4))) {
+        !socket.bind(server.isLoopback() ? net::SocketAddress::loopback(net::AddressFamily::V4)
+                                         : net::SocketAddress::any(net::AddressFamily::V4))) {
         return false;
     }
     const auto request = stun::encode(stun::Message::request(stun::Method::Binding));
@@ -42,12 +43,14 @@ bool TurnServer::start(const TurnServerConfig& config, std::string* error) {
         uint16_t low = freeLoopbackPort();
         if (low == 0 || low > 65535 - config_.relayPorts) low = 49152;
         run.arguments = {"-n", "--lt-cred-mech", "--user", config_.user + ':' + config_.password,
-                         "--realm", config_.realm, "--listening-ip", "127.0.0.1", "--relay-ip", "127.0.0.1",
-                         "--listening-port", std::to_string(port_), "--min-port", std::to_string(low),
+                         "--realm", config_.realm, "--relay-ip", config_.relayIp, "--listening-port", std::to_string(port_), "--min-port", std::to_string(low),
                          "--max-port", std::to_string(low + config_.relayPorts), "--no-tls", "--no-dtls",
                          "--no-tcp-relay", "--allow-loopback-peers", "--no-cli", "--log-file", "stdout",
-                         "--simple-log", "--pidfile", dir_.file("turnserver.pid").string(), "--userdb",
+                         "--simple-log", "--verbose", "--pidfile", dir_.file("turnserver.pid").string(), "--userdb",
                          dir_.file("turndb").string()};
+        for (const std::string& ip : config_.listenIps) {
+            run.arguments.insert(run.arguments.end(), {"--listening-ip", ip});
+        }
         run.stopGrace = std::chrono::milliseconds(500);
         return true;
     };

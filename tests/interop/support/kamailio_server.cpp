@@ -37,8 +37,12 @@ bool acceptsTcp(const net::SocketAddress& address) {
 // the final status, or 0 when none came within `timeout`.
 int sendOptions(const net::SocketAddress& to, const std::string& requestUri, std::chrono::milliseconds timeout) {
     net::Socket socket = net::Socket::open(net::AddressFamily::V4, net::SocketType::Udp);
+    // Connected, so that the Via names the address the system sends from
+    // toward `to` (loopback, or a test's link to a network namespace).
     if (!socket.valid() || !socket.setNonBlocking(true) ||
-        !socket.bind(net::SocketAddress::loopback(net::AddressFamily::V4))) {
+        !socket.bind(to.isLoopback() ? net::SocketAddress::loopback(net::AddressFamily::V4)
+                                     : net::SocketAddress::any(net::AddressFamily::V4)) ||
+        socket.connect(to) != net::ConnectStatus::Connected) {
         return 0;
     }
     const std::string local = socket.localAddress()->toString();

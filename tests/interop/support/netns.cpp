@@ -22,7 +22,7 @@ std::string NetworkNamespace::subnetForRun(int index) {
     return "10." + std::to_string(100 + (pid / 250) % 150) + "." + std::to_string((pid + index) % 250) + ".";
 }
 
-bool NetworkNamespace::run(const std::vector<std::string>& arguments, std::string* output) {
+bool NetworkNamespace::runIp(const std::vector<std::string>& arguments, std::string* output) {
     Process p;
     ProcessOptions options;
     options.program = Process::findProgram("ip");
@@ -43,7 +43,7 @@ NetworkNamespace::NetworkNamespace(const std::string& rootIp, const std::string&
     const auto step = [&](const std::vector<std::string>& arguments) {
         if (!error_.empty()) return;
         std::string out;
-        if (!run(arguments, &out)) {
+        if (!runIp(arguments, &out)) {
             error_ = "ip";
             for (const auto& a : arguments) error_ += " " + a;
             error_ += " failed: " + out;
@@ -64,17 +64,50 @@ NetworkNamespace::NetworkNamespace(const std::string& rootIp, const std::string&
     step({"netns", "exec", name_, Process::findProgram("sysctl"), "-q", "-w", "net.ipv4.conf." + inside_ + ".promote_secondaries=1"});
 }
 
+NetworkNamespace::NetworkNamespace() {
+    name_ = "vel" + std::to_string(getpid()) + "x" + std::to_string(made++);
+    std::string out;
+    if (!runIp({"netns", "add", name_}, &out)) {
+        error_ = "ip netns add " + name_ + " failed: " + out;
+        return;
+    }
+    created_ = true;
+    if (!ip({"link", "set", "lo", "up"})) error_ = "cannot bring up the loopback of " + name_;
+}
+
 NetworkNamespace::~NetworkNamespace() {
-    if (created_) (void)run({"netns", "del", name_});
+    if (created_) (void)runIp({"netns", "del", name_});
     // Gone with the namespace when its end was moved in; not when a step failed before.
-    (void)run({"link", "del", root_});
+    if (!root_.empty()) (void)runIp({"link", "del", root_});
 }
 
 bool NetworkNamespace::ip(const std::vector<std::string>& arguments) {
     std::vector<std::string> all{"netns", "exec", name_, Process::findProgram("ip")};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    return run(all);
+    return runIp(all);
 }
+
+bool NetworkNamespace::run(const std::string& program, const std::vector<std::string>& arguments,
+                           std::string* output) {
+    std::vector<std::string> all{"netns", "exec", name_, Process::findProgram(program)};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return runIp(all, output);
+}
+
+bool NetworkNamespace::link(NetworkNamespace& other, const std::string& device, const std::string& address,
+                            const std::string& otherDevice, const std::string& otherAddress) {
+    // Made straight in the two namespaces: the names never meet the root's.
+    if (!runIp({"link", "add", "name", device, "netns", name_, "type", "veth", "peer", "name", otherDevice, "netns",
+              other.name_})) {
+        return false;
+    }
+    const auto up = [](NetworkNamespace& ns, const std::string& dev, const std::string& addr) {
+        return (addr.empty() || ns.ip({"addr", "add", addr, "dev", dev})) && ns.ip({"link", "set", dev, "up"});
+    };
+    return up(*this, device, address) && up(other, otherDevice, otherAddress);
+}
+
+std::vector<std::string> NetworkNamespace::enter() const { return {Process::findProgram("ip"), "netns", "exec", name_}; }
 
 ProcessOptions NetworkNamespace::inside(const std::string& program, std::vector<std::string> arguments) const {
     ProcessOptions options;
