@@ -265,7 +265,7 @@ bool Calls::answerCall(int id) {
     Call* found = findCall(id);
     if (found == nullptr || found->state != CallState::Incoming) return false;
     Call& call = *found;
-    // The answer names our candidates: it waits for them (briefly).
+    // The answer names our candidates: it waits for them, for two seconds at most.
     if (call.iceView != nullptr && !call.iceGathered) {
         whenGathered(call, [this](Call& c) { (void)answerCall(c.id); });
         return true;
