@@ -2,6 +2,7 @@
 // session timers and 422, forked early dialogs and glare.
 #include <gtest/gtest.h>
 
+#include "support/free_port.h"
 #include "support/virtual_user_agent.h"
 
 namespace kelsip {
@@ -14,13 +15,13 @@ const std::string kSdp =
 
 class CallTimingTest : public test::VirtualUserAgentTest {
 protected:
-    // Silent media ends no call unless a test asks; `rtpPorts` pairs of ports.
-    explicit CallTimingTest(int64_t mediaTimeoutMs = 0, uint16_t rtpPorts = 500)
+    // Silent media ends no call unless a test asks; `rtpPorts` pairs of ports from `firstPort`.
+    explicit CallTimingTest(int64_t mediaTimeoutMs = 0, uint16_t firstPort = 43000, uint16_t rtpPorts = 500)
         : VirtualUserAgentTest([&](UserAgentConfig& config) {
               config.noAnswerTimeoutMs = 30000;
               config.mediaTimeoutMs = mediaTimeoutMs;
-              config.rtpPortMin = 43000;
-              config.rtpPortMax = static_cast<uint16_t>(43000 + 2 * rtpPorts - 1);
+              config.rtpPortMin = firstPort;
+              config.rtpPortMax = static_cast<uint16_t>(firstPort + 2 * rtpPorts - 1);
           }) {}
     void SetUp() override {
         VirtualUserAgentTest::SetUp();
@@ -224,7 +225,8 @@ TEST_F(CallTimingTest, ForkedEarlyDialogsArePrackedApartALaterForksAnswerIsEnded
 // give its port back for the next call.
 class AbandonedCallTest : public CallTimingTest {
 protected:
-    AbandonedCallTest() : CallTimingTest(30000, 1) {}
+    // One pair of its own: the other timing tests, run beside it, start at 43000.
+    AbandonedCallTest() : CallTimingTest(30000, test::freeLoopbackRtpPair(), 1) {}
 };
 
 TEST_F(AbandonedCallTest, UnansweredInvitesEndWith487AndSilentCallsWithByeFreeingTheirPorts) {

@@ -11,4 +11,8 @@ namespace kelsip::test {
 // bind tries again with a fresh one.
 [[nodiscard]] uint16_t freeLoopbackPort();
 
+// An even UDP port whose odd neighbour was free too (an RTP/RTCP pair), for
+// a test that must own its whole port range while other tests run beside it.
+[[nodiscard]] uint16_t freeLoopbackRtpPair();
+
 }  // namespace kelsip::test
