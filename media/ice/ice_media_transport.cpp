@@ -22,8 +22,16 @@ std::unique_ptr<IceMediaTransport> IceMediaTransport::create(std::unique_ptr<Rtp
 IceMediaTransport::IceMediaTransport(std::unique_ptr<RtpSession> rtp, IceTransportOptions options)
     : rtp_(std::move(rtp)), options_(std::move(options)) {
     if (options_.agent.turnServer) turnServer_ = options_.agent.turnServer->server;
+    makeAgent();
+    rtp_->setInterceptor(this);
+}
+
+void IceMediaTransport::makeAgent() {
     agent_ = std::make_unique<ice::IceAgent>(static_cast<ice::IceNetwork&>(*this), options_.agent,
                                              static_cast<ice::IceListener*>(this));
+    baseComponent_.clear();
+    componentBase_.clear();
+    gathered_ = false;
     net::SocketAddress rtpBase = options_.hostAddress;
     rtpBase.setPort(rtp_->localPort());
     const int rtpId = agent_->addHostBase(ice::kRtpComponent, rtpBase);
@@ -36,7 +44,6 @@ IceMediaTransport::IceMediaTransport(std::unique_ptr<RtpSession> rtp, IceTranspo
         baseComponent_[rtcpId] = ice::kRtcpComponent;
         componentBase_[ice::kRtcpComponent] = rtcpId;
     }
-    rtp_->setInterceptor(this);
 }
 
 IceMediaTransport::~IceMediaTransport() {
@@ -109,6 +116,22 @@ void IceMediaTransport::restart() {
     agent_->restart(RtpIoService::steadyNowUs());
 }
 
+void IceMediaTransport::moveTo(const net::SocketAddress& hostAddress) {
+    const std::lock_guard lock(mutex_);
+    if (!agent_ || !rtp_) return;
+    log::info(kTag, "call " + std::to_string(options_.call) + ": ICE restart at " + hostAddress.host());
+    // Every candidate named the old address and the relay was allocated
+    // from it: nothing of the old agent is worth keeping. Media goes on to
+    // the last chosen remote from the RTP socket until the new checks
+    // choose again, and the role stays what the old agent settled on.
+    const int64_t now = RtpIoService::steadyNowUs();
+    options_.agent.role = agent_->role();
+    options_.hostAddress = hostAddress;
+    agent_->close(now);
+    makeAgent();
+    agent_->gather(now);
+}
+
 ice::IceState IceMediaTransport::state() const {
     const std::lock_guard lock(mutex_);
     return agent_ ? agent_->state() : ice::IceState::Failed;
@@ -138,7 +161,10 @@ bool IceMediaTransport::send(Channel channel, std::span<const uint8_t> bytes) {
     const int component = channel == Channel::Rtcp ? ice::kRtcpComponent : ice::kRtpComponent;
     {
         const std::lock_guard lock(mutex_);
-        if (agent_ && chosen_.contains(component)) return agent_->send(component, bytes, RtpIoService::steadyNowUs());
+        // A restarted agent has no pair yet: the socket's own path serves meanwhile.
+        if (agent_ && chosen_.contains(component) && agent_->send(component, bytes, RtpIoService::steadyNowUs())) {
+            return true;
+        }
     }
     return rtp_ && rtp_->send(channel, bytes);
 }

@@ -54,6 +54,9 @@ public:
     [[nodiscard]] std::optional<ice::Candidate> defaultCandidate(int component) const;
     void setRemote(const std::string& ufrag, const std::string& pwd, std::vector<ice::Candidate> candidates);
     void restart();
+    // Our address changed: a new agent (new credentials, so the far end
+    // restarts too) gathers at `hostAddress` on the same sockets.
+    void moveTo(const net::SocketAddress& hostAddress);
     [[nodiscard]] ice::IceState state() const;
     [[nodiscard]] std::optional<ice::CandidatePair> selectedPair(int component) const;
     [[nodiscard]] RtpSession& rtp() { return *rtp_; }
@@ -83,6 +86,7 @@ private:
     void onSelectedPair(int component, const ice::Candidate& local, const ice::Candidate& remote) override;
     void onData(int component, std::span<const uint8_t> bytes) override;
 
+    void makeAgent();  // a fresh agent with host bases at `options_.hostAddress`
     void endAgent();
     [[nodiscard]] static Channel channelOf(int component);
 

@@ -81,6 +81,18 @@ void Calls::startIce(Call& call, ice::IceRole role) {
     call.iceView->gather();
 }
 
+bool Calls::restartIceAt(Call& call, const std::string& address) {
+    const auto host = net::SocketAddress::parse(address);
+    if (call.iceView == nullptr || !host || host->isAny()) return false;
+    call.iceGathered = false;
+    call.remoteIceUfrag.clear();  // whatever the far end answers is taken afresh
+    call.iceView->moveTo(*host);
+    whenGathered(call, [this](Call& c) {
+        if (c.state == CallState::Connected && c.reofferKey.empty()) sendReoffer(c, false);
+    });
+    return true;
+}
+
 void Calls::whenGathered(Call& call, std::function<void(Call&)> next) {
     if (call.iceView == nullptr || call.iceGathered) {
         next(call);

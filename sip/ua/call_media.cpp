@@ -80,7 +80,9 @@ void Calls::networkChanged() {
         log::info(kTag, callPrefix(*call) + ": offering media at " + now + " (was " + call->mediaAddress + ")");
         call->mediaAddress = now;
         // A re-INVITE, as RFC 3311 prefers in a confirmed dialog: it also
-        // refreshes the far end's target with our new Contact.
+        // refreshes the far end's target with our new Contact. An ICE call
+        // first gathers at the new address and offers the restart.
+        if (restartIceAt(*call, now)) continue;
         sendReoffer(*call, false);
     }
 }

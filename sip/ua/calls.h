@@ -109,6 +109,9 @@ private:
     // candidates found so far.
     void whenGathered(Call& call, std::function<void(Call&)> next);
     void gatheringDone(int id);
+    // Our media address moved: an ICE call gathers there afresh and offers
+    // the restart once done; false for a call without ICE.
+    bool restartIceAt(Call& call, const std::string& address);
     // Our candidates in a description: the default one in c= and m=, the
     // credentials and candidates, the rtcp address.
     void addIceAttributes(Call& call, SessionDescription& sdp, MediaDescription& audio,

@@ -1,6 +1,7 @@
 // A phone whose address changes mid-call: velphone-cli runs in a network namespace of the test's own,
 // registered to Kamailio in the root namespace and talking to a second velphone-cli there; its address
-// is moved under the call, and it registers the new one and the speech goes on both ways.
+// is moved under the call, and it registers the new one and the speech goes on both ways, over plain
+// RTP and over ICE (which gathers again at the new address and restarts).
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -16,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class NetworkMoveTest : public test::InteropTest {
+class NetworkMoveTest : public test::InteropTest, public ::testing::WithParamInterface<bool> {
 protected:
     void SetUp() override {
         InteropTest::SetUp();
@@ -32,22 +33,29 @@ protected:
         options.arguments = {"--data", files_.file(user).string(), "--user", user, "--password", password,
                              "--domain", domain, "--proxy", domain, "--bind", bind, "--port", "0",
                              "--play", files_.file(user + ".wav").string(), "--record-heard",
-                             files_.file(user + "-heard.wav").string(), "--script", files_.file(user + ".txt").string()};
+                             files_.file(user + "-heard.wav").string(), "--script", files_.file(user + ".txt").string(),
+                             "--ice", GetParam() ? "on" : "off"};
         options.logFile = files_.file(user + ".log");
         return options;
     }
-    std::string output(const std::string& user) {
-        std::ifstream in(files_.file(user + ".log"));
+    std::string read(const std::filesystem::path& path) {
+        std::ifstream in(path);
         std::ostringstream text;
         text << in.rdbuf();
         return text.str();
     }
+    std::string output(const std::string& user) { return read(files_.file(user + ".log")); }
+    // The stack's log, which the scripts turn on.
+    std::string stackLog(const std::string& user) { return read(files_.file(user) / "Logs" / "sip-log.txt"); }
     bool printed(const std::string& user, const std::string& text, std::chrono::milliseconds within = 20s) {
         return test::waitFor([&] { return output(user).find(text) != std::string::npos; }, within);
     }
     void TearDown() override {
         if (HasFailure()) {
-            for (const char* user : {"alice", "bob"}) std::cerr << "---- " << user << " ----\n" << output(user) << "\n";
+            for (const char* user : {"alice", "bob"}) {
+                std::cerr << "---- " << user << " ----\n" << output(user) << "\n---- " << user << "'s stack log ----\n"
+                          << stackLog(user) << "\n";
+            }
         }
         InteropTest::TearDown();
     }
@@ -55,7 +63,7 @@ protected:
     test::TempDir files_;
 };
 
-TEST_F(NetworkMoveTest, APhoneMovedToANewAddressMidCallRegistersItAndTheSpeechGoesOnBothWays) {
+TEST_P(NetworkMoveTest, APhoneMovedToANewAddressMidCallRegistersItAndTheSpeechGoesOnBothWays) {
     const std::string subnet = test::NetworkNamespace::subnetForRun(0);
     const std::string root = subnet + "1", first = subnet + "2", second = subnet + "3";
     test::NetworkNamespace ns(root, first);
@@ -77,19 +85,23 @@ TEST_F(NetworkMoveTest, APhoneMovedToANewAddressMidCallRegistersItAndTheSpeechGo
     test::Process alicePhone;
     std::string error;
     ASSERT_TRUE(bobPhone.start(phone("bob", "bobsecret", domain, root,
-                                     "autoanswer on\nwait-for Call ended within 120\nquit\n"),
+                                     "siplog on\nautoanswer on\nwait-for Call ended within 120\nquit\n"),
                                &error))
         << error;
     ASSERT_TRUE(printed("bob", "Registered"));
     // Alice talks for 20 s: her address moves at the start, and the last
     // six seconds her phone and bob's play are well after it.
     const auto aliceOptions = phone("alice", "secret", domain, "0.0.0.0",
-                                    "wait-for Registered\ndial bob@" + domain +
+                                    "wait-for Registered\nsiplog on\ndial bob@" + domain +
                                         "\nwait-for line 1: Talking\nwait 20\nhangup\nwait-for Call ended\nquit\n");
     auto inside = ns.inside(VELPHONE_CLI, aliceOptions.arguments);
     inside.logFile = aliceOptions.logFile;
     ASSERT_TRUE(alicePhone.start(inside, &error)) << error;
     ASSERT_TRUE(printed("alice", "line 1: Talking"));
+    // With ICE the move comes once the first checks have chosen a pair at the old address.
+    if (GetParam()) {
+        ASSERT_TRUE(test::waitFor([&] { return stackLog("alice").find("ICE completed") != std::string::npos; }, 10s));
+    }
     const int saved = kamailio->bindingsSaved("alice");
     ASSERT_GE(saved, 1);
 
@@ -109,7 +121,13 @@ TEST_F(NetworkMoveTest, APhoneMovedToANewAddressMidCallRegistersItAndTheSpeechGo
     ASSERT_TRUE(aliceHeard && bobHeard);
     EXPECT_GT(test::voiceMatch(aliceHeard->samples, bob), 0.8) << "alice did not hear bob after the move";
     EXPECT_GT(test::voiceMatch(bobHeard->samples, alice), 0.8) << "bob did not hear alice after the move";
+    if (GetParam()) {
+        EXPECT_NE(stackLog("alice").find("ICE restart at " + second), std::string::npos);
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(Media, NetworkMoveTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& param) { return param.param ? "Ice" : "PlainRtp"; });
 
 }  // namespace
 }  // namespace kelsip
