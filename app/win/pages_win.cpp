@@ -19,12 +19,15 @@ namespace {
 enum : int {
     kUser = 200, kPassword, kDomain, kAuthUser, kProxy, kStun, kTransport, kVoicemail,
     kStart, kAudioTest, kSipLog, kCloseToTray, kMicLevel, kLinks, kMessage,
+    kPrivacy, kSrtp, kIce, kTurnServer, kTurnUser, kTurnPassword,
     kList = 300, kListButton, kFormName, kFormNumber, kFormSave, kFormCancel,
     kMenuCall = 400, kMenuEdit, kMenuDelete, kMenuAddContact,
 };
 
 constexpr const wchar_t* kTransports[] = {L"UDP", L"TCP", L"TLS"};
 constexpr const char* kTransportValues[] = {"udp", "tcp", "tls"};
+constexpr const wchar_t* kSrtpChoices[] = {L"Off", L"When the other side can", L"Always (refuse clear calls)"};
+constexpr const char* kSrtpValues[] = {"off", "offered", "required"};
 
 std::string trimmed(const std::wstring& text) {
     std::string value = utf8(text);
@@ -122,17 +125,53 @@ AccountPage::AccountPage(HWND parent, PageHost& host) : FormPage(parent, host) {
     start_ = add(L"BUTTON", L"Start", WS_TABSTOP | BS_DEFPUSHBUTTON, kStart, 10, y + 4, 145, 30);
     audioTest_ = add(L"BUTTON", L"Audio test", WS_TABSTOP, kAudioTest, 165, y + 4, 145, 30);
     y += 44;
+    // The page's lower part shows either the phone's own switches or the
+    // account's encryption and NAT settings; one button swaps them.
     sipLog_ = add(L"BUTTON", L"All SIP messages; up to 2 x 5 MB.", WS_TABSTOP | BS_AUTOCHECKBOX, kSipLog, 10, y, 300,
                   24);
     closeToTray_ = add(L"BUTTON", L"Keep running in the tray when closed", WS_TABSTOP | BS_AUTOCHECKBOX,
-                       kCloseToTray, 10, y + 28, 300, 24);
-    add(L"STATIC", L"Microphone", SS_LEFT | SS_CENTERIMAGE, -1, 10, y + 58, 96, 26);
-    micLevel_ = add(TRACKBAR_CLASSW, L"Microphone level", WS_TABSTOP | TBS_HORZ | TBS_NOTICKS, kMicLevel, 106, y + 58,
+                       kCloseToTray, 10, y + 26, 300, 24);
+    const HWND micLabel = add(L"STATIC", L"Microphone", SS_LEFT | SS_CENTERIMAGE, -1, 10, y + 54, 96, 26);
+    micLevel_ = add(TRACKBAR_CLASSW, L"Microphone level", WS_TABSTOP | TBS_HORZ | TBS_NOTICKS, kMicLevel, 106, y + 54,
                     204, 26);
     SendMessageW(micLevel_, TBM_SETRANGE, FALSE, MAKELPARAM(0, 100));
-    add(L"BUTTON", L"Open sip:, tel: and callto: links here", WS_TABSTOP, kLinks, 10, y + 92, 300, 28);
-    message_ = add(L"STATIC", L"", SS_LEFT, kMessage, 10, y + 128, 300, 40);
+    const HWND links = add(L"BUTTON", L"Open sip:, tel: and callto: links here", WS_TABSTOP, kLinks, 10, y + 86, 300, 28);
+    switches_ = {sipLog_, closeToTray_, micLabel, micLevel_, links};
+
+    const HWND srtpLabel = add(L"STATIC", L"Encryption", SS_LEFT | SS_CENTERIMAGE, -1, 10, y, 96, 24);
+    srtp_ = add(WC_COMBOBOXW, L"", WS_TABSTOP | CBS_DROPDOWNLIST | WS_VSCROLL, kSrtp, 110, y, 200, 100);
+    for (const wchar_t* name : kSrtpChoices) SendMessageW(srtp_, CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(name));
+    ice_ = add(L"BUTTON", L"ICE: find a media path through NAT", WS_TABSTOP | BS_AUTOCHECKBOX, kIce, 10, y + 28, 300,
+               24);
+    const HWND turnLabel = add(L"STATIC", L"TURN relay", SS_LEFT | SS_CENTERIMAGE, -1, 10, y + 56, 96, 24);
+    turnServer_ = add(L"EDIT", L"", field, kTurnServer, 110, y + 56, 200, 24);
+    turnUser_ = add(L"EDIT", L"", field, kTurnUser, 110, y + 84, 96, 24);
+    turnPassword_ = add(L"EDIT", L"", field | ES_PASSWORD, kTurnPassword, 214, y + 84, 96, 24);
+    SendMessageW(turnServer_, EM_SETCUEBANNER, TRUE, reinterpret_cast<LPARAM>(L"optional: ip[:port]"));
+    SendMessageW(turnUser_, EM_SETCUEBANNER, TRUE, reinterpret_cast<LPARAM>(L"user"));
+    SendMessageW(turnPassword_, EM_SETCUEBANNER, TRUE, reinterpret_cast<LPARAM>(L"password"));
+    privacyControls_ = {srtpLabel, srtp_, ice_, turnLabel, turnServer_, turnUser_, turnPassword_};
+    for (HWND control : privacyControls_) showControl(control, false);
+
+    privacy_ = add(L"BUTTON", L"Encryption and NAT...", WS_TABSTOP, kPrivacy, 10, y + 120, 300, 28);
+    message_ = add(L"STATIC", L"", SS_LEFT, kMessage, 10, y + 154, 300, 26);
     load();
+}
+
+void AccountPage::showPrivacy(bool shown) {
+    if (!shown && privacyShown_) savePrivacy();
+    privacyShown_ = shown;
+    for (HWND control : switches_) showControl(control, !shown);
+    for (HWND control : privacyControls_) showControl(control, shown);
+    SetWindowTextW(privacy_, shown ? L"Done" : L"Encryption and NAT...");
+}
+
+void AccountPage::savePrivacy() {
+    PhoneCore& core = host_.core();
+    const LRESULT srtp = SendMessageW(srtp_, CB_GETCURSEL, 0, 0);
+    (void)core.setSrtp(kSrtpValues[srtp >= 0 && srtp < 3 ? srtp : 0]);
+    core.setIce(SendMessageW(ice_, BM_GETCHECK, 0, 0) == BST_CHECKED, trimmed(windowText(turnServer_)),
+                trimmed(windowText(turnUser_)), utf8(windowText(turnPassword_)));
 }
 
 void AccountPage::load() {
@@ -150,6 +189,15 @@ void AccountPage::load() {
         if (shown_.transport == kTransportValues[i]) transport = i;
     SendMessageW(transport_, CB_SETCURSEL, transport, 0);
     SendMessageW(micLevel_, TBM_SETPOS, TRUE, core.settings().micLevel);
+    const Settings& settings = core.settings();
+    WPARAM srtp = 0;
+    for (WPARAM i = 0; i < 3; ++i)
+        if (settings.srtp == kSrtpValues[i]) srtp = i;
+    SendMessageW(srtp_, CB_SETCURSEL, srtp, 0);
+    SendMessageW(ice_, BM_SETCHECK, settings.ice ? BST_CHECKED : BST_UNCHECKED, 0);
+    SetWindowTextW(turnServer_, wide(settings.turnServer).c_str());
+    SetWindowTextW(turnUser_, wide(settings.turnUser).c_str());
+    SetWindowTextW(turnPassword_, wide(settings.turnPassword).c_str());
 }
 
 void AccountPage::refresh() {
@@ -182,6 +230,8 @@ bool AccountPage::command(int id, int code) {
                 return true;
             }
             SetWindowTextW(message_, L"");
+            // Encryption and NAT choices apply from this start on.
+            savePrivacy();
             shown_ = account;
             if (!core.start(account)) SetWindowTextW(message_, wide(core.statusText()).c_str());
             return true;
@@ -195,6 +245,7 @@ bool AccountPage::command(int id, int code) {
                 core.setCloseToTray(SendMessageW(closeToTray_, BM_GETCHECK, 0, 0) == BST_CHECKED);
             return true;
         case kLinks: host_.registerLinkHandlers(); return true;
+        case kPrivacy: showPrivacy(!privacyShown_); return true;
         default: return false;
     }
 }

@@ -80,8 +80,15 @@ public:
 
 private:
     void load();
+    // Swaps the phone's switches for the encryption and NAT settings; they
+    // are stored when swapped back and on Start.
+    void showPrivacy(bool shown);
+    void savePrivacy();
     HWND user_, password_, domain_, authUser_, proxy_, stun_, transport_, voicemail_;
     HWND start_, audioTest_, sipLog_, closeToTray_, micLevel_, message_;
+    HWND privacy_, srtp_, ice_, turnServer_, turnUser_, turnPassword_;
+    std::vector<HWND> switches_, privacyControls_;
+    bool privacyShown_ = false;
     Account shown_;
 };
 

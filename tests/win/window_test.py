@@ -3,7 +3,8 @@
 from Linux with xdotool and read back with screenshots, OCR and the clipboard.
 
 One run, in order: the phone starts with a seeded peer-to-peer account and
-WAV sound; each page is shown by its tab, photographed and recognised; keypad
+WAV sound; each page is shown by its tab, photographed and recognised; the
+options page's encryption and NAT settings are opened and ICE stored; keypad
 clicks put digits in the number field; Close hides the window to the tray,
 with a balloon, while the phone keeps running; a second start with a sip: URL
 shows the window again and calls a native velphone-cli, which answers; both
@@ -305,6 +306,15 @@ def run(args):
             if colours(shot(page)) < 8:
                 raise Failure(f"the {page} page is nearly blank ({shot(page)})")
             log(f"{page} page: {shot(page)}")
+        # On the options page the encryption and NAT settings swap in under
+        # the account; ticking ICE and pressing Done stores it.
+        window.click(160, 32 + 454)
+        shows(window, shot("options-privacy"), ["turn relay", "media path"])
+        window.click(20, 32 + 360)
+        window.click(160, 32 + 454)
+        settings_file = os.path.join(run_dir, "alice", "settings.txt")
+        wait_until("ice=1 in the stored settings", lambda: "ice=1" in open(settings_file).read().split(), 10)
+        log(f"encryption and NAT settings stored from the options page: {shot('options-privacy')}")
         window.click(TABS["phone"] * 80 + 40, 16)
 
         # Keypad clicks type into the number field; Ctrl+A, Ctrl+C copy it out.
