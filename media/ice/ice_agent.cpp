@@ -339,7 +339,7 @@ void IceAgent::tick(int64_t nowUs) {
             }
         }
         if (role_ == IceRole::Controlling) nominate();
-        sendKeepAlives();
+        refreshConsent();
         updateState();
     }
 }
@@ -363,6 +363,7 @@ void IceAgent::restart(int64_t nowUs) {
     // hold the remote by value); nomination starts afresh.
     for (auto& [component, chosen] : selected_) beforeRestart_[component] = chosen;
     selected_.clear();
+    consent_.clear();
     log::info(kTag, "restart: new credentials");
 }
 

@@ -59,7 +59,12 @@ struct IceAgentOptions {
     // own addresses.
     bool relayOnly = false;
     int64_t paceUs = 50000;            // Ta: one ordinary check per interval
-    int64_t keepAliveUs = 15000000;    // Binding indications on the selected pairs
+    // Consent freshness (RFC 7675) on each selected pair: a Binding request
+    // every `consentUs` (0.8 to 1.2 times, at random), which also keeps the
+    // NAT bindings open; with no answer for `consentTimeoutUs` the pair is
+    // dropped, nothing more is sent there and the agent fails.
+    int64_t consentUs = 5000000;
+    int64_t consentTimeoutUs = 30000000;
     // How long the controlling agent waits, after a component's first valid
     // pair, for a better one still being checked before it nominates.
     int64_t nominationWaitUs = 1000000;
@@ -178,7 +183,8 @@ private:
     void nominate();
     void select(const Pair& pair);
     void unfreeze(const Pair& succeeded);
-    void sendKeepAlives();
+    [[nodiscard]] stun::Message checkRequest(size_t local, bool useCandidate) const;
+    void refreshConsent();
     [[nodiscard]] uint32_t localPreferenceOf(size_t local) const;
     [[nodiscard]] std::string pairFoundation(const Pair& pair) const;
 
@@ -206,7 +212,11 @@ private:
     std::map<int, Selected> selected_;
     std::map<int, Selected> beforeRestart_;  // carry media until the restarted checks select again
     std::map<int, int64_t> firstValidUs_;
-    std::map<int, int64_t> keepAliveDueUs_;
+    struct Consent {
+        int64_t dueUs = 0;    // the next request
+        int64_t untilUs = 0;  // when consent runs out without a new answer
+    };
+    std::map<int, Consent> consent_;  // per selected component
 
     StunTransactions gathering_;
     StunTransactions checks_;

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "sip/core/log.h"
+#include "sip/core/system.h"
 
 namespace kelsip::ice {
 
@@ -92,20 +93,24 @@ void IceAgent::startChecks() {
     for (const EarlyCheck& check : early) onPeerCheck(check);
 }
 
-void IceAgent::sendCheck(Pair& pair) {
-    const Local& local = locals_[pair.local];
-    const Candidate& remote = remotes_[pair.remote];
+stun::Message IceAgent::checkRequest(size_t local, bool useCandidate) const {
     stun::Message m = stun::Message::request(stun::Method::Binding);
     m.addText(stun::attr::kUsername, remoteUfrag_ + ':' + ufrag_);
     m.addUint32(stun::attr::kPriority,
-                candidatePriority(CandidateType::PeerReflexive, static_cast<uint16_t>(localPreferenceOf(pair.local)),
-                                  local.candidate.component));
+                candidatePriority(CandidateType::PeerReflexive, static_cast<uint16_t>(localPreferenceOf(local)),
+                                  locals_[local].candidate.component));
     if (role_ == IceRole::Controlling) {
         m.addUint64(stun::attr::kIceControlling, tieBreaker_);
-        if (pair.useCandidate) m.addFlag(stun::attr::kUseCandidate);
+        if (useCandidate) m.addFlag(stun::attr::kUseCandidate);
     } else {
         m.addUint64(stun::attr::kIceControlled, tieBreaker_);
     }
+    return m;
+}
+
+void IceAgent::sendCheck(Pair& pair) {
+    const Candidate& remote = remotes_[pair.remote];
+    const stun::Message m = checkRequest(pair.local, pair.useCandidate);
     auto bytes = stun::encode(m, {keyOf(remotePwd_), true});
     if (bytes.empty()) return;
     if (checks_.pending(pair.transaction)) checks_.cancel(pair.transaction);
@@ -324,7 +329,8 @@ void IceAgent::select(const Pair& pair) {
     const Candidate& remote = remotes_[pair.remote];
     selected_[component] = Selected{pair.local, remote, pair.priority};
     beforeRestart_.erase(component);
-    keepAliveDueUs_[component] = nowUs_ + options_.keepAliveUs;
+    // The check that made the pair valid was its first consent.
+    consent_[component] = Consent{nowUs_ + options_.consentUs, nowUs_ + options_.consentTimeoutUs};
     const Local& local = locals_[pair.local];
     log::info(kTag, "component " + std::to_string(component) + " selected " + local.candidate.address.toString() +
                         " -> " + remote.address.toString());
@@ -335,15 +341,51 @@ void IceAgent::select(const Pair& pair) {
     if (listener_) listener_->onSelectedPair(component, local.candidate, remote);
 }
 
-void IceAgent::sendKeepAlives() {
-    for (auto& [component, chosen] : selected_) {
-        int64_t& due = keepAliveDueUs_[component];
-        if (nowUs_ < due) continue;
-        due = nowUs_ + options_.keepAliveUs;
-        stun::Message m = stun::Message::request(stun::Method::Binding);
-        m.messageClass = stun::Class::Indication;
-        const auto bytes = stun::encode(m, {{}, true});
-        if (!bytes.empty()) sendFrom(chosen.local, chosen.remote.address, bytes);
+void IceAgent::refreshConsent() {
+    for (auto it = selected_.begin(); it != selected_.end();) {
+        const int component = it->first;
+        const Selected chosen = it->second;
+        Consent& consent = consent_[component];
+        if (nowUs_ >= consent.untilUs) {
+            // RFC 7675 5.1: the far end stopped answering; nothing more goes there.
+            log::warn(kTag, "component " + std::to_string(component) + ": consent of " +
+                                chosen.remote.address.toString() + " expired; no more media to it");
+            for (Pair& p : pairs_) {
+                if (p.local == chosen.local && remotes_[p.remote].address == chosen.remote.address) {
+                    p.valid = false;
+                    p.state = PairState::Failed;
+                }
+            }
+            consent_.erase(component);
+            it = selected_.erase(it);
+            setState(IceState::Failed);
+            continue;
+        }
+        ++it;
+        if (nowUs_ < consent.dueUs) continue;
+        // 0.8 to 1.2 times the interval, so that calls set up together do
+        // not send in step.
+        uint16_t spread = 0;
+        (void)platform::secureRandom(&spread, sizeof spread);
+        consent.dueUs = nowUs_ + options_.consentUs * 4 / 5 + options_.consentUs * 2 / 5 * spread / 65535;
+        const stun::Message m = checkRequest(chosen.local, false);
+        auto bytes = stun::encode(m, {keyOf(remotePwd_), true});
+        if (bytes.empty()) continue;
+        const size_t from = chosen.local;
+        const net::SocketAddress to = chosen.remote.address;
+        // A request is given up before the next one goes (sends at 0, 0.5
+        // and 1.5 s, abandoned at 3.5 s).
+        checks_.start(
+            m.transaction, std::move(bytes), [this, from, to](std::span<const uint8_t> wire) { sendFrom(from, to, wire); },
+            [this, component, to](const stun::Message* response, std::span<const uint8_t> raw) {
+                if (!response || response->messageClass != stun::Class::Success || answerFrom_ != to ||
+                    !stun::checkIntegrity(raw, keyOf(remotePwd_))) {
+                    return;
+                }
+                const auto entry = consent_.find(component);
+                if (entry != consent_.end()) entry->second.untilUs = nowUs_ + options_.consentTimeoutUs;
+            },
+            nowUs_, StunRetransmitOptions{500000, 3, 4});
     }
 }
 

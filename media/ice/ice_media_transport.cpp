@@ -161,9 +161,11 @@ bool IceMediaTransport::send(Channel channel, std::span<const uint8_t> bytes) {
     const int component = channel == Channel::Rtcp ? ice::kRtcpComponent : ice::kRtpComponent;
     {
         const std::lock_guard lock(mutex_);
-        // A restarted agent has no pair yet: the socket's own path serves meanwhile.
-        if (agent_ && chosen_.contains(component) && agent_->send(component, bytes, RtpIoService::steadyNowUs())) {
-            return true;
+        if (agent_ && chosen_.contains(component)) {
+            if (agent_->send(component, bytes, RtpIoService::steadyNowUs())) return true;
+            // The far end withdrew its consent: nothing goes to it. A
+            // restarted agent has no pair yet: the socket's own path serves.
+            if (agent_->state() == ice::IceState::Failed) return false;
         }
     }
     return rtp_ && rtp_->send(channel, bytes);
