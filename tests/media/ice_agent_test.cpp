@@ -137,10 +137,15 @@ void start(TestNetwork& network, TestNetwork::Peer& a, TestNetwork::Peer& b) {
     network.exchange(a, b);
 }
 
-TEST(IceAgent, PacesChecksAndNominatesTheWorkingPair) {
+// A controlling agent `a` and a controlled `b` on one network.
+class IceAgentTest : public ::testing::Test {
+protected:
     TestNetwork network;
-    auto& a = network.add(IceRole::Controlling);
-    auto& b = network.add(IceRole::Controlled);
+    TestNetwork::Peer& a = network.add(IceRole::Controlling);
+    TestNetwork::Peer& b = network.add(IceRole::Controlled);
+};
+
+TEST_F(IceAgentTest, PacesChecksAndNominatesTheWorkingPair) {
     a.addBase(at("10.0.0.1", 1000));
     b.addBase(at("10.0.0.2", 2000));
     b.addBase(at("10.0.0.3", 3000));
@@ -208,10 +213,7 @@ TEST(IceAgent, TwoControllingAgentsSettleTheirRolesByTieBreaker) {
     EXPECT_EQ(b.agent->state(), IceState::Completed);
 }
 
-TEST(IceAgent, LearnsPeerReflexiveCandidateOfAnAgentBehindNat) {
-    TestNetwork network;
-    auto& a = network.add(IceRole::Controlling);
-    auto& b = network.add(IceRole::Controlled);
+TEST_F(IceAgentTest, LearnsPeerReflexiveCandidateOfAnAgentBehindNat) {
     a.addBase(at("10.0.0.1", 1000), at("203.0.113.5", 40000));
     b.addBase(at("198.51.100.2", 2000));
     start(network, a, b);
@@ -226,10 +228,7 @@ TEST(IceAgent, LearnsPeerReflexiveCandidateOfAnAgentBehindNat) {
     EXPECT_EQ(a.agent->localCandidates().size(), 1u);
 }
 
-TEST(IceAgent, FailsWhenTheLastCheckTimesOut) {
-    TestNetwork network;
-    auto& a = network.add(IceRole::Controlling);
-    auto& b = network.add(IceRole::Controlled);
+TEST_F(IceAgentTest, FailsWhenTheLastCheckTimesOut) {
     a.addBase(at("10.0.0.1", 1000));
     b.addBase(at("10.0.0.2", 2000));
     network.block(at("10.0.0.2", 2000));
@@ -242,10 +241,7 @@ TEST(IceAgent, FailsWhenTheLastCheckTimesOut) {
     EXPECT_EQ(checksSent(network, 0).size(), 1u);
 }
 
-TEST(IceAgent, RestartChecksAgainWithNewCredentials) {
-    TestNetwork network;
-    auto& a = network.add(IceRole::Controlling);
-    auto& b = network.add(IceRole::Controlled);
+TEST_F(IceAgentTest, RestartChecksAgainWithNewCredentials) {
     a.addBase(at("10.0.0.1", 1000));
     a.addBase(at("10.0.0.1", 1001), std::nullopt, kRtcpComponent);
     b.addBase(at("10.0.0.2", 2000));
